@@ -1,0 +1,51 @@
+// Diagnostics output: wPrintf(channel, level, format, ...) into a replaceable sink with channel/level filtering.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "platform/wformat.h"
+#include "zrobj/export.h"
+
+namespace zr {
+
+// Receives every formatted message that passes the filter, one call per wPrintf.
+class ZROBJ_API DiagSink {
+ public:
+  virtual ~DiagSink();
+  virtual void Write(unsigned channel, unsigned level, std::u16string_view text) = 0;
+};
+
+// Installs `sink` (null restores the configured default) and returns the previous one.
+// The sink is called with the output lock held, so messages never interleave.
+ZROBJ_API DiagSink* SetDiagSink(DiagSink* sink);
+
+// What passes to the sink: channels by bit (channel >= 31 uses bit 31), levels up to max_level.
+// `active` is what Is_wPrintf_Active reports: a debugging consumer is listening.
+struct DiagFilter {
+  std::uint32_t channel_mask = 0xFFFFFFFFu;
+  unsigned max_level = 9;
+  bool active = false;
+};
+ZROBJ_API DiagFilter GetDiagFilter();
+ZROBJ_API void SetDiagFilter(const DiagFilter& filter);
+
+// Sends output to a file (appending) instead of standard error; empty path restores stderr.
+ZROBJ_API bool SetDiagOutputFile(const std::string& path);
+
+// Reads the configuration from the environment: ZROBJ_DIAG_ACTIVE, ZROBJ_DIAG_CHANNELS (mask, hex or
+// decimal), ZROBJ_DIAG_LEVEL and ZROBJ_DIAG_FILE. Called once at load; settings may refine it later.
+ZROBJ_API void ConfigureDiagFromEnvironment();
+
+}  // namespace zr
+
+ZROBJ_API void wPrintfV(unsigned channel, unsigned level, std::u16string_view format, const zr::FormatArg* args,
+                        std::size_t count);
+ZROBJ_API int Is_wPrintf_Active(unsigned channel);
+
+template <class... Args>
+void wPrintf(unsigned channel, unsigned level, const char16_t* format, const Args&... args) {
+  const zr::FormatArg list[] = {zr::MakeFormatArg(args)..., zr::FormatArg{zr::FormatArg::Kind::kPointer}};
+  wPrintfV(channel, level, format ? std::u16string_view(format) : std::u16string_view(), list, sizeof...(Args));
+}

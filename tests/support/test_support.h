@@ -1,0 +1,37 @@
+// Helpers shared by the test programs: scratch directories and child processes.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace zrtest {
+
+// A fresh directory under $ZROBJ_TEST_HOME (or /tmp), removed with its contents on destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// How a child process ended.
+struct ChildResult {
+  bool exited = false;   // true: ended normally with exit_code
+  int exit_code = -1;
+  int signal = 0;        // the signal that ended it, when !exited
+};
+
+// Forks; the child runs `body` and _exits with its result. Waits at most `timeout_ms` (then kills).
+ChildResult RunChild(const std::function<int()>& body, int timeout_ms = 60000);
+
+// Whole file contents ("" when unreadable) and writing a whole file.
+std::string ReadFile(const std::string& path);
+bool WriteFile(const std::string& path, const std::string& data);
+
+}  // namespace zrtest

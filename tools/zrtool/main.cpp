@@ -1,0 +1,99 @@
+// zrtool: the command-line client of the library; dispatches to the registered subcommands.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "tools/zrtool/command.h"
+
+namespace zrtool {
+
+std::vector<Command>& MutableCommands() {
+  static std::vector<Command> commands;
+  return commands;
+}
+
+bool RegisterCommand(const Command& command) {
+  MutableCommands().push_back(command);
+  return true;
+}
+
+const std::vector<Command>& Commands() {
+  auto& commands = MutableCommands();
+  std::sort(commands.begin(), commands.end(),
+            [](const Command& a, const Command& b) { return std::strcmp(a.name, b.name) < 0; });
+  return commands;
+}
+
+bool WantsHelp(const Args& args) {
+  return std::any_of(args.begin(), args.end(), [](const std::string& a) { return a == "-h" || a == "--help"; });
+}
+
+int UsageError(const Command& command, const std::string& message) {
+  std::fprintf(stderr, "zrtool %s: %s\n\n%s", command.name, message.c_str(), command.usage);
+  return 2;
+}
+
+int Fail(const std::string& message) {
+  std::fprintf(stderr, "zrtool: %s\n", message.c_str());
+  return 1;
+}
+
+Progress::Progress(std::string label, unsigned long long total)
+    : label_(std::move(label)), total_(total), enabled_(::isatty(2) != 0) {}
+
+void Progress::Update(unsigned long long done) {
+  if (!enabled_ || total_ == 0) return;
+  const int percent = static_cast<int>(std::min<unsigned long long>(100, done * 100 / total_));
+  if (percent == last_percent_) return;
+  last_percent_ = percent;
+  std::fprintf(stderr, "\r%s: %3d%%", label_.c_str(), percent);
+  std::fflush(stderr);
+}
+
+void Progress::Finish() {
+  if (!enabled_) return;
+  Update(total_);
+  std::fputc('\n', stderr);
+}
+
+namespace {
+
+void PrintHelp(std::FILE* out) {
+  std::fprintf(out,
+               "usage: zrtool COMMAND [ARGS...]\n"
+               "       zrtool COMMAND --help\n\n"
+               "The command-line client of the zrobju library.\n\ncommands:\n");
+  for (const Command& c : Commands()) std::fprintf(out, "  %-12s %s\n", c.name, c.summary);
+}
+
+int RunVersion(const Args& args) {
+  std::printf("zrtool (zrobju) 1.0.0\n");
+  return 0;
+}
+
+}  // namespace
+
+ZRTOOL_COMMAND("version", "print the version of the tool and library", "usage: zrtool version\n", RunVersion);
+
+}  // namespace zrtool
+
+int main(int argc, char** argv) {
+  using namespace zrtool;
+  if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "help")) {
+    PrintHelp(argc < 2 ? stderr : stdout);
+    return argc < 2 ? 2 : 0;
+  }
+  for (const Command& c : Commands()) {
+    if (std::strcmp(c.name, argv[1]) != 0) continue;
+    Args args(argv + 2, argv + argc);
+    if (WantsHelp(args)) {
+      std::fputs(c.usage, stdout);
+      return 0;
+    }
+    return c.run(args);
+  }
+  std::fprintf(stderr, "zrtool: unknown command '%s' (try 'zrtool --help')\n", argv[1]);
+  return 2;
+}
