@@ -1,0 +1,37 @@
+// Library lifecycle and settings: application initialisation, init callbacks, the "ZRO.INI" and
+// "ZRO.VST" stores, the application root directory, the product name and file-type registration.
+#pragma once
+
+#include "zrobj/export.h"
+#include "zrobj/zrtypes.h"
+
+// An init callback: no arguments, non-zero = success.
+using ZROBJ_INITCALLBACK = int (*)();
+
+ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_RegisterInitCallback(ZROBJ_INITCALLBACK callback, ZROBJ_INITCALLBACK* previous);
+ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_UnregisterInitCallback(ZROBJ_INITCALLBACK previous);
+ZROBJ_EXTERN_C ZROBJ_API void ZROBJ_AppInitialize();
+ZROBJ_EXTERN_C ZROBJ_API void ZROBJ_AppExit();
+
+ZROBJ_EXTERN_C ZROBJ_API UINT ZROBJ_GetCurrentSettingStr(const char* section, const char* key, const WCHAR* defaultValue,
+                                                        WCHAR* buffer, UINT length, int writeDefault);
+ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_GetCurrentSettingInt(const char* section, const char* key, int defaultValue,
+                                                       int writeDefault);
+ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_GetCurrentSettingBool(const char* section, const char* key, int defaultValue,
+                                                        int writeDefault);
+ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_WriteCurrentSettingStr(const char* section, const char* key, const WCHAR* value);
+ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_WriteCurrentSettingInt(const char* section, const char* key, int value);
+ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_WriteCurrentSettingBool(const char* section, const char* key, int value);
+
+ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_GetProfileInt(const char* section, const char* key, int defaultValue, int writeDefault);
+ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_WriteProfileInt(const char* section, const char* key, int value);
+
+ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_GetAppRootDir(WCHAR* buffer);  // buffer of ZR_MAX_PATH characters
+ZROBJ_EXTERN_C ZROBJ_API const WCHAR* ZROBJ_GetProductName();
+ZROBJ_EXTERN_C ZROBJ_API int RegisterFileType(const WCHAR* extension, const WCHAR* typeName, const WCHAR* description,
+                                              const WCHAR* icon, const WCHAR* openCommand);
+
+// Process-wide values stored at attach.
+ZROBJ_API HMODULE ZROBJ_GetModuleHandle();   // load base of libzrobju.so
+ZROBJ_API DWORD ZROBJ_GetStartTick();         // GetTickCount() at attach
+ZROBJ_API DWORD ZROBJ_GetInitCount();
