@@ -79,6 +79,27 @@ bool ReadWhole(int fd, off_t size, std::string* out) {
   return true;
 }
 
+// Makes the text line-based the way profile files are: NUL bytes end lines, and a section header
+// without its ']' ends at the line's end (the parser would otherwise read on into later lines).
+std::string LineBased(std::string data) {
+  std::replace(data.begin(), data.end(), '\0', '\n');
+  std::string out;
+  out.reserve(data.size() + 16);
+  std::size_t start = 0;
+  while (start < data.size()) {
+    std::size_t end = data.find_first_of("\r\n", start);
+    if (end == std::string::npos) end = data.size();
+    const std::string_view line(data.data() + start, end - start);
+    out.append(line);
+    const auto first = line.find_first_not_of(" \t");
+    if (first != std::string_view::npos && line[first] == '[' && line.find(']') == std::string_view::npos)
+      out.push_back(']');
+    if (end < data.size()) out.push_back(data[end]);
+    start = end + 1;
+  }
+  return out;
+}
+
 // Reads and parses `path` without any cache. `stamp` receives the identity of what was read.
 LoadedForEdit LoadFresh(const std::string& path, FileStamp* stamp) {
   LoadedForEdit result;
@@ -94,9 +115,7 @@ LoadedForEdit LoadFresh(const std::string& path, FileStamp* stamp) {
   result.state = IniFileState::kUnreadable;
   if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kMaxFileBytes &&
       ReadWhole(fd, st.st_size, &data)) {
-    // A NUL byte would end the parse early and lose everything after it on the next write.
-    std::replace(data.begin(), data.end(), '\0', '\n');
-    if (ini->LoadData(data) >= 0) {
+    if (ini->LoadData(LineBased(std::move(data))) >= 0) {
       result.state = IniFileState::kReadable;
       if (stamp) *stamp = StampOf(st);
     } else {
