@@ -27,6 +27,10 @@ namespace zr {
 // each call. The directory is created by the first write into it.
 ZROBJ_API std::string WindowsDirectory();
 
+// Points the Windows directory of this process (and of the processes it starts) at `directory`
+// by setting $ZROBJ_HOME.
+ZROBJ_API void SetWindowsDirectoryForProcess(const std::string& directory);
+
 // `fileName` resolved like the profile functions do: in the Windows directory unless it has a '/'.
 ZROBJ_API std::string ProfileFilePath(const char* fileName);
 

@@ -71,6 +71,10 @@ std::string WindowsDirectory() {
   return WithoutTrailingSlashes(HomeDirectory()) + "/.config/zrobj";
 }
 
+void SetWindowsDirectoryForProcess(const std::string& directory) {
+  ::setenv("ZROBJ_HOME", directory.c_str(), 1);
+}
+
 std::string ProfileFilePath(const char* fileName) {
   if (!fileName || !*fileName) return {};
   if (std::strchr(fileName, '/')) return fileName;
