@@ -3,11 +3,13 @@
 // desktop handlers they go through.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "frame_home.h"
 #include "platform/desktop.h"
+#include "platform/dlgsvc.h"
 #include "platform/diag_capture.h"
 #include "platform/module.h"
 #include "platform/profile.h"
@@ -267,6 +269,32 @@ TEST(ZrdiagDialog, HexFieldsAndDefaultHandlers) {
   EXPECT_EQ(e[1].text, u"\rMessageBeep 0x00000010\r\n");
   EXPECT_EQ(e[2].text, u"\rDebugBreak: no debugger attached, continuing\r\n");
   EXPECT_FALSE(zr::IsDebuggerAttached());
+}
+
+TEST(ZrdiagOutput, FilterAndFileFromProfileThenEnvironment) {
+  ScopedHome home;
+  const zr::DiagFilter saved = zr::GetDiagFilter();
+  for (const char* name : {"ZROBJ_DIAG_ACTIVE", "ZROBJ_DIAG_CHANNELS", "ZROBJ_DIAG_LEVEL", "ZROBJ_DIAG_FILE"})
+    ::unsetenv(name);
+  WritePrivateProfileStringA("Diagnostics", "Active", "1", "ZRO.INI");
+  WritePrivateProfileStringA("Diagnostics", "Channels", "0x9", "ZRO.INI");
+  WritePrivateProfileStringA("Diagnostics", "MaxLevel", "4", "ZRO.INI");
+  WritePrivateProfileStringA("Diagnostics", "File", "diag.log", "ZRO.INI");
+  ::setenv("ZROBJ_DIAG_LEVEL", "3", 1);  // the environment has the last word
+  zr::ConfigureDiag();
+  ::unsetenv("ZROBJ_DIAG_LEVEL");
+  const zr::DiagFilter f = zr::GetDiagFilter();
+  EXPECT_TRUE(f.active);
+  EXPECT_EQ(f.channel_mask, 0x9u);
+  EXPECT_EQ(f.max_level, 3u);
+  EXPECT_EQ(Is_wPrintf_Active(3), 1);
+  EXPECT_EQ(Is_wPrintf_Active(1), 0);
+  wPrintf(3, 3, u"\rto the file %d\r\n", 1);
+  wPrintf(3, 4, u"\rfiltered by level\r\n");
+  wPrintf(1, 0, u"\rfiltered by channel\r\n");
+  zr::SetDiagOutputFile("");
+  zr::SetDiagFilter(saved);
+  EXPECT_EQ(zrtest::ReadFile(home.File("diag.log")), "zrobj[3:3] to the file 1\n");
 }
 
 }  // namespace

@@ -79,6 +79,16 @@ BOOL LibraryFileName(WCHAR* buffer) {
   return n != 0 && n < ZR_MAX_PATH;
 }
 
+// An integer or boolean setting: the value read, else the default (written back on request).
+int CurrentSettingValue(BOOL (CSetFile::*read)(const char*, const char*, int*) const,
+                        BOOL (CSetFile::*write)(const char*, const char*, int), const char* section, const char* key,
+                        int defaultValue, int writeDefault) {
+  int value = defaultValue;
+  CSetFile* file = SettingsFile();
+  if (file && !(file->*read)(section, key, &value) && writeDefault) (file->*write)(section, key, defaultValue);
+  return value;
+}
+
 // Sets a key's default value as the system always has: the length passed is the number of
 // characters plus one, given as bytes, so only the first half of the text is stored.
 LONG SetDefaultValue(HKEY key, const WCHAR* text) {
@@ -147,19 +157,13 @@ UINT ZROBJ_GetCurrentSettingStr(const char* section, const char* key, const WCHA
 }
 
 int ZROBJ_GetCurrentSettingInt(const char* section, const char* key, int defaultValue, int writeDefault) {
-  int value = defaultValue;
-  CSetFile* file = SettingsFile();
-  if (file && !file->ReadSettingInt(section, key, &value) && writeDefault)
-    file->WriteSettingInt(section, key, defaultValue);
-  return value;
+  return CurrentSettingValue(&CSetFile::ReadSettingInt, &CSetFile::WriteSettingInt, section, key, defaultValue,
+                             writeDefault);
 }
 
 int ZROBJ_GetCurrentSettingBool(const char* section, const char* key, int defaultValue, int writeDefault) {
-  int value = defaultValue;
-  CSetFile* file = SettingsFile();
-  if (file && !file->ReadSettingBool(section, key, &value) && writeDefault)
-    file->WriteSettingBool(section, key, defaultValue);
-  return value;
+  return CurrentSettingValue(&CSetFile::ReadSettingBool, &CSetFile::WriteSettingBool, section, key, defaultValue,
+                             writeDefault);
 }
 
 int ZROBJ_WriteCurrentSettingStr(const char* section, const char* key, const WCHAR* value) {
