@@ -1,6 +1,7 @@
 // The platform's settings layer: the Windows directory, profile semantics, CSetFile, the INI
 // update rules and the class-key store.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -153,6 +154,24 @@ TEST(IniFile, HostileContentNeverCrashes) {
     ASSERT_TRUE(zr::IniUpdate(path, {&op, 1}));
     EXPECT_EQ(zr::IniRead(path, "probe", "KEY"), std::to_string(round));
   }
+}
+
+TEST(IniFile, LinksAndSpecialFiles) {
+  ScopedHome home;
+  const std::string target = home.File("real.ini");
+  const std::string link = home.File("link.ini");
+  std::filesystem::create_symlink(target, link);
+  const zr::IniOp op{zr::IniOp::Kind::kSet, "S", "K", "v"};
+  ASSERT_TRUE(zr::IniUpdate(link, {&op, 1}));
+  EXPECT_TRUE(std::filesystem::is_symlink(link));  // still a link, the target holds the value
+  EXPECT_EQ(zr::IniRead(target, "S", "K"), "v");
+  EXPECT_EQ(zr::IniRead(link, "S", "K"), "v");
+
+  const std::string fifo = home.File("fifo.ini");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_EQ(zr::IniGetState(fifo), zr::IniFileState::kUnreadable);  // refused, not waited on
+  EXPECT_EQ(zr::IniRead(fifo, "S", "K"), std::nullopt);
+  EXPECT_FALSE(zr::IniUpdate(fifo, {&op, 1}));
 }
 
 std::string QueryDefault(const char16_t* sub, LONG* rc, DWORD capacity = 64) {

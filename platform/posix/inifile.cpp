@@ -104,7 +104,8 @@ std::string LineBased(std::string data) {
 LoadedForEdit LoadFresh(const std::string& path, FileStamp* stamp) {
   LoadedForEdit result;
   auto ini = NewIni();
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // O_NONBLOCK: a FIFO planted at the path must not hang the reader (it is then refused below).
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) {
     result.state = errno == ENOENT || errno == ENOTDIR ? IniFileState::kMissing : IniFileState::kUnreadable;
     result.ini = std::move(ini);
@@ -309,9 +310,17 @@ std::vector<std::string> IniKeys(const std::string& path, std::string_view secti
   return out;
 }
 
-bool IniUpdate(const std::string& path, std::span<const IniOp> ops) {
-  if (path.empty() || !std::all_of(ops.begin(), ops.end(), ValidOp)) return false;
+bool IniUpdate(const std::string& link_or_path, std::span<const IniOp> ops) {
+  if (link_or_path.empty() || !std::all_of(ops.begin(), ops.end(), ValidOp)) return false;
   std::error_code ec;
+  // A settings file that is a symbolic link is updated where it points, and stays a link.
+  std::filesystem::path resolved = link_or_path;
+  for (int depth = 0; std::filesystem::is_symlink(resolved, ec); ++depth) {
+    const std::filesystem::path target = std::filesystem::read_symlink(resolved, ec);
+    if (ec || depth == 8) return false;
+    resolved = target.is_absolute() ? target : resolved.parent_path() / target;
+  }
+  const std::string path = resolved.string();
   const std::filesystem::path parent = std::filesystem::path(path).parent_path();
   if (!parent.empty()) std::filesystem::create_directories(parent, ec);
   FileLock lock(path);
