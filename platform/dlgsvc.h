@@ -35,8 +35,13 @@ ZROBJ_API void SetDiagFilter(const DiagFilter& filter);
 ZROBJ_API bool SetDiagOutputFile(const std::string& path);
 
 // Reads the configuration from the environment: ZROBJ_DIAG_ACTIVE, ZROBJ_DIAG_CHANNELS (mask, hex or
-// decimal), ZROBJ_DIAG_LEVEL and ZROBJ_DIAG_FILE. Called once at load; settings may refine it later.
+// decimal), ZROBJ_DIAG_LEVEL and ZROBJ_DIAG_FILE.
 ZROBJ_API void ConfigureDiagFromEnvironment();
+
+// Reads "ZRO.INI" section "Diagnostics" (keys "Active", "Channels", "MaxLevel", "File"; a relative
+// file lies in the Windows directory), missing keys leave the filter as it is, then applies the
+// environment on top. Called once at load.
+ZROBJ_API void ConfigureDiag();
 
 }  // namespace zr
 

@@ -32,24 +32,17 @@ void Pad(std::u16string& out, int n, char16_t c) {
   if (n > 0) out.append(static_cast<std::size_t>(n), c);
 }
 
-// Writes `body` with sign/prefix handling of width, '-' and '0'.
-void EmitPadded(std::u16string& out, const Spec& s, std::u16string_view prefix, std::u16string_view body,
-                bool zero_allowed) {
-  const int len = static_cast<int>(prefix.size() + body.size());
-  const int fill = s.width > len ? s.width - len : 0;
-  if (s.left) {
-    out.append(prefix);
-    out.append(body);
-    Pad(out, fill, u' ');
-  } else if (s.zero && zero_allowed) {
-    out.append(prefix);
-    Pad(out, fill, u'0');
-    out.append(body);
-  } else {
-    Pad(out, fill, u' ');
-    out.append(prefix);
-    out.append(body);
-  }
+// Writes prefix, `zeros` zero digits and body, padded to the width by '-' and '0' rules.
+void EmitPadded(std::u16string& out, const Spec& s, std::u16string_view prefix, std::size_t zeros,
+                std::u16string_view body, bool zero_allowed) {
+  const std::size_t len = prefix.size() + zeros + body.size();
+  const int fill = s.width > static_cast<int>(len) ? s.width - static_cast<int>(len) : 0;
+  if (!s.left && !(s.zero && zero_allowed)) Pad(out, fill, u' ');
+  out.append(prefix);
+  if (!s.left && s.zero && zero_allowed) Pad(out, fill, u'0');
+  out.append(zeros, u'0');
+  out.append(body);
+  if (s.left) Pad(out, fill, u' ');
 }
 
 std::uint64_t IntegerBits(const FormatArg* a) {
@@ -77,29 +70,34 @@ std::int64_t SignExtend(std::uint64_t v, int bytes) {
 
 void FormatInteger(std::u16string& out, const Spec& s, char conv, const FormatArg* arg) {
   const std::uint64_t raw = Truncate(IntegerBits(arg), s.int_bytes);
+  const bool is_signed = conv == 'd' || conv == 'i';
   bool negative = false;
   std::uint64_t magnitude = raw;
-  if (conv == 'd' || conv == 'i') {
+  if (is_signed) {
     const std::int64_t v = SignExtend(raw, s.int_bytes);
     negative = v < 0;
     magnitude = negative ? 0 - static_cast<std::uint64_t>(v) : static_cast<std::uint64_t>(v);
   }
   const unsigned base = (conv == 'x' || conv == 'X') ? 16 : (conv == 'o' ? 8 : 10);
   const char* digits = conv == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
+  // Digits fill the buffer from its end, so no reversal and no allocation.
   char16_t buffer[72];
-  int n = 0;
-  for (std::uint64_t v = magnitude; v != 0; v /= base) buffer[n++] = static_cast<char16_t>(digits[v % base]);
-  std::u16string body;
-  const int min_digits = s.precision >= 0 ? s.precision : 1;
-  for (int k = n; k < min_digits; ++k) body.push_back(u'0');
-  for (int k = n - 1; k >= 0; --k) body.push_back(buffer[k]);
-  if (conv == 'o' && s.alt && (body.empty() || body[0] != u'0')) body.insert(body.begin(), u'0');
-  std::u16string prefix;
-  if (negative) prefix = u"-";
-  else if ((conv == 'd' || conv == 'i') && s.plus) prefix = u"+";
-  else if ((conv == 'd' || conv == 'i') && s.space) prefix = u" ";
-  if (s.alt && magnitude != 0 && base == 16) prefix += conv == 'X' ? u"0X" : u"0x";
-  EmitPadded(out, s, prefix, body, s.precision < 0);
+  std::size_t first = sizeof buffer / sizeof buffer[0];
+  for (std::uint64_t v = magnitude; v != 0; v /= base) buffer[--first] = static_cast<char16_t>(digits[v % base]);
+  const std::u16string_view body(buffer + first, sizeof buffer / sizeof buffer[0] - first);
+  const std::size_t min_digits = s.precision >= 0 ? static_cast<std::size_t>(s.precision) : 1;
+  std::size_t zeros = min_digits > body.size() ? min_digits - body.size() : 0;
+  if (conv == 'o' && s.alt && zeros == 0) zeros = 1;  // the '#' octal form starts with a 0
+  char16_t prefix[3];
+  std::size_t prefix_len = 0;
+  if (negative) prefix[prefix_len++] = u'-';
+  else if (is_signed && s.plus) prefix[prefix_len++] = u'+';
+  else if (is_signed && s.space) prefix[prefix_len++] = u' ';
+  if (s.alt && magnitude != 0 && base == 16) {
+    prefix[prefix_len++] = u'0';
+    prefix[prefix_len++] = conv == 'X' ? u'X' : u'x';
+  }
+  EmitPadded(out, s, std::u16string_view(prefix, prefix_len), zeros, body, s.precision < 0);
 }
 
 void FormatPointer(std::u16string& out, Spec s, const FormatArg* arg) {
@@ -145,22 +143,28 @@ void FormatString(std::u16string& out, const Spec& s, bool wide_default, bool up
   bool wide = wide_default != upper;
   if (s.string_form == 'h') wide = false;
   if (s.string_form == 'l') wide = true;
-  std::u16string text;
-  if (!arg || (arg->kind != FormatArg::Kind::kNarrow && arg->kind != FormatArg::Kind::kWide &&
-               !(arg->kind == FormatArg::Kind::kPointer && arg->pointer == nullptr))) {
-    text = u"(?)";
-  } else if (arg->kind == FormatArg::Kind::kPointer || (arg->kind == FormatArg::Kind::kNarrow ? !arg->narrow : !arg->wide)) {
-    text = u"(null)";
+  const bool is_text = arg && (arg->kind == FormatArg::Kind::kNarrow || arg->kind == FormatArg::Kind::kWide);
+  if (!arg || (!is_text && !(arg->kind == FormatArg::Kind::kPointer && arg->pointer == nullptr))) {
+    EmitPadded(out, s, {}, 0, u"(?)", false);
+  } else if (!is_text || (arg->kind == FormatArg::Kind::kNarrow ? !arg->narrow : !arg->wide)) {
+    EmitPadded(out, s, {}, 0, u"(null)", false);
   } else if (arg->kind == FormatArg::Kind::kWide || (wide && arg->kind != FormatArg::Kind::kNarrow)) {
     std::u16string_view w(arg->wide);
     if (s.precision >= 0 && static_cast<std::size_t>(s.precision) < w.size()) w = w.substr(0, s.precision);
-    text.assign(w);
+    EmitPadded(out, s, {}, 0, w, false);
   } else {
+    // Converted straight into the output; the padding goes in front of it or after it.
     std::string_view n(arg->narrow);
     if (s.precision >= 0 && static_cast<std::size_t>(s.precision) < n.size()) n = n.substr(0, s.precision);
-    AppendUtf8AsUtf16(text, n);
+    const std::size_t start = out.size();
+    AppendUtf8AsUtf16(out, n);
+    const std::size_t produced = out.size() - start;
+    if (s.width > static_cast<int>(produced)) {
+      const std::size_t fill = static_cast<std::size_t>(s.width) - produced;
+      if (s.left) out.append(fill, u' ');
+      else out.insert(start, fill, u' ');
+    }
   }
-  EmitPadded(out, s, {}, text, false);
 }
 
 void FormatChar(std::u16string& out, const Spec& s, bool wide_default, bool upper, const FormatArg* arg) {
@@ -169,7 +173,7 @@ void FormatChar(std::u16string& out, const Spec& s, bool wide_default, bool uppe
   if (s.string_form == 'l') wide = true;
   const std::uint64_t v = IntegerBits(arg);
   const char16_t c = wide ? static_cast<char16_t>(v & 0xFFFF) : static_cast<char16_t>(v & 0xFF);
-  EmitPadded(out, s, {}, std::u16string_view(&c, 1), false);
+  EmitPadded(out, s, {}, 0, std::u16string_view(&c, 1), false);
 }
 
 int ReadNumber(std::u16string_view f, std::size_t& i) {

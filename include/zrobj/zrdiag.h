@@ -21,19 +21,41 @@ inline constexpr int ZR_EXCEPTION_TABLE_SIZE = 23;
 inline constexpr int ZR_EXC_WARNINGS = 21;          // "Warnings (Debug)"
 inline constexpr int ZR_EXC_EXPECTED = 22;          // "Expected exceptions"
 
+// The 23 entries, in the crash handler's order; trap modes are read from "ZRO.INI" section
+// "ZROUtil" ("TRAPALL", "TRAP_EXC%d") at load. Filter and bounds are for a developer to change.
 ZROBJ_API tagZREXCENTRY* ZROBJ_GetExceptionTable();  // 23 entries
 
+// Debug mode: when zero the library prints no debug or information messages. Starts as
+// Is_wPrintf_Active(0); SetDebugMode only stores.
 ZROBJ_EXTERN_C ZROBJ_API void SetDebugMode(DWORD mode);
 ZROBJ_EXTERN_C ZROBJ_API DWORD IsDebugOn();
+// Debug-keys mode ("ZROUtil" / "DEBUGKEYS"): SetDebugKeyMode stores it and writes it to "ZRO.INI".
 ZROBJ_EXTERN_C ZROBJ_API int SetDebugKeyMode(int mode);
 ZROBJ_EXTERN_C ZROBJ_API DWORD IsDebugKeysOn();
+// 1 when debug keys are on and the key is down now, else 0.
 ZROBJ_EXTERN_C ZROBJ_API int IsAsyncKeyPressed(int virtualKey);
+// "\r\nWarning: <text>\r\n" on channel 0 level 3 with a stack trace, as entry 21 of the exception
+// table ("Warnings (Debug)") allows; only while the debug mode is on.
 ZROBJ_EXTERN_C ZROBJ_API void WarningMsg(const WCHAR* text, std::uintptr_t callerAddress, std::uintptr_t callerFrame);
+// Exception filter for expected exceptions: breaks when entry 22 says so; always 1 ("handle").
 ZROBJ_EXTERN_C ZROBJ_API int DebugException();
+// Message box "<name> called by <module> no longer supported", caption "STUB MESSAGE".
 ZROBJ_EXTERN_C ZROBJ_API int StubMsg(const WCHAR* functionName, std::uintptr_t callerAddress);
+// "\rMessage Beep: <file>, line <line>\r\n" on channel 0 level 9, then MessageBeep(type).
 ZROBJ_EXTERN_C ZROBJ_API int DetailedMessageBeep(UINT type, const char* file, int line);
+// A dialog control's text as "%08X" / parsed back from at most 10 characters (0 if not hex).
 ZROBJ_EXTERN_C ZROBJ_API int _SetDlgItemHex(HWND dialog, int controlId, int value);
 ZROBJ_EXTERN_C ZROBJ_API int _GetDlgItemHex(HWND dialog, int controlId);
+
+// The names of the tests of a run-time object's assertion, by code: the object's class query
+// faults, its class is the given one, it is of the given kind, its own consistency check.
+inline constexpr const WCHAR* ZR_ASSERT_TEST_NAMES[4] = {u"BAD ACCESS", u"TYPE", u"KIND", u"OBJECT"};
+
+// Prints the report of a failed assertion, "\r\nAssertion [%s] failed! Line: %d File:%hs\r\n" on
+// channel 3 level 0 whatever the debug mode, then the whole call stack from the caller's address
+// and frame. Returns 0, the result of a failed assertion.
+ZROBJ_API int ZROBJ_ReportAssertionFailure(const WCHAR* testName, DWORD line, const char* file,
+                                           std::uintptr_t callerAddress, std::uintptr_t callerFrame);
 
 // The caller's return address and frame, for WarningMsg and the assertion reports.
 #define ZR_CALLER_ADDRESS() reinterpret_cast<std::uintptr_t>(__builtin_return_address(0))

@@ -2,8 +2,25 @@
 // "ZRO.VST" stores, the application root directory, the product name and file-type registration.
 #pragma once
 
+#include <cstdint>
+
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
+
+// System information as filled at process attach (page size, processors, allocation granularity).
+struct SYSTEM_INFO {
+  WORD wProcessorArchitecture;
+  WORD wReserved;
+  DWORD dwPageSize;
+  void* lpMinimumApplicationAddress;
+  void* lpMaximumApplicationAddress;
+  std::uintptr_t dwActiveProcessorMask;
+  DWORD dwNumberOfProcessors;
+  DWORD dwProcessorType;
+  DWORD dwAllocationGranularity;  // 65536
+  WORD wProcessorLevel;
+  WORD wProcessorRevision;
+};
 
 // An init callback: no arguments, non-zero = success.
 using ZROBJ_INITCALLBACK = int (*)();
@@ -35,3 +52,4 @@ ZROBJ_EXTERN_C ZROBJ_API int RegisterFileType(const WCHAR* extension, const WCHA
 ZROBJ_API HMODULE ZROBJ_GetModuleHandle();   // load base of libzrobju.so
 ZROBJ_API DWORD ZROBJ_GetStartTick();         // GetTickCount() at attach
 ZROBJ_API DWORD ZROBJ_GetInitCount();
+ZROBJ_API const SYSTEM_INFO* ZROBJ_GetSystemInfo();

@@ -6,8 +6,12 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
+#include <type_traits>
 #include <mutex>
 
+#include "platform/inifile.h"
+#include "platform/profile.h"
 #include "platform/text.h"
 
 namespace zr {
@@ -100,6 +104,24 @@ bool SetDiagOutputFile(const std::string& path) {
   if (s.default_sink.fd() != 2) ::close(s.default_sink.fd());
   s.default_sink.SetFd(fd);
   return true;
+}
+
+void ConfigureDiag() {
+  const std::string ini = ProfileFilePath("ZRO.INI");
+  auto number = [&](const char* key, auto* out) {
+    if (const auto v = IniRead(ini, "Diagnostics", key); v && !v->empty())
+      *out = static_cast<std::remove_pointer_t<decltype(out)>>(std::strtoul(v->c_str(), nullptr, 0));
+  };
+  DiagFilter f = GetDiagFilter();
+  unsigned long active = f.active ? 1 : 0;
+  number("Active", &active);
+  number("Channels", &f.channel_mask);
+  number("MaxLevel", &f.max_level);
+  f.active = active != 0;
+  SetDiagFilter(f);
+  if (const auto file = IniRead(ini, "Diagnostics", "File"); file && !file->empty())
+    SetDiagOutputFile((*file)[0] == '/' ? *file : WindowsDirectory() + "/" + *file);
+  ConfigureDiagFromEnvironment();
 }
 
 void ConfigureDiagFromEnvironment() {

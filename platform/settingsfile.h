@@ -1,0 +1,51 @@
+// CSetFile: a settings file ("ZRO.VST", ".acl") keeping wide strings, integers and booleans under
+// narrow section and key names, in UTF-8 INI text shared safely between processes.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "zrobj/export.h"
+#include "zrobj/zrtypes.h"
+
+class ZROBJ_API CSetFile {
+ public:
+  // Binds to the file at `path` (UTF-16, '/' separators); nothing is created until a write.
+  explicit CSetFile(const WCHAR* path);
+  ~CSetFile();
+  CSetFile(const CSetFile&) = delete;
+  CSetFile& operator=(const CSetFile&) = delete;
+
+  // Non-zero when the file can be used: it exists and is readable, or it does not exist yet.
+  BOOL IsUsable() const;
+
+  // The reads fill their last argument and return non-zero only when the key holds a value of the
+  // kind asked for. A string longer than `length`-1 characters is cut. The writes return non-zero
+  // when the file was replaced; a file that exists but cannot be read is never overwritten.
+  BOOL ReadSettingString(const char* section, const char* key, WCHAR* buffer, UINT length) const;
+  BOOL WriteSettingString(const char* section, const char* key, const WCHAR* value);
+  BOOL ReadSettingInt(const char* section, const char* key, int* value) const;
+  BOOL WriteSettingInt(const char* section, const char* key, int value);
+  BOOL ReadSettingBool(const char* section, const char* key, int* value) const;
+  BOOL WriteSettingBool(const char* section, const char* key, int value);
+
+  const std::string& path() const { return path_; }  // UTF-8
+
+ private:
+  std::optional<std::string> ReadRaw(const char* section, const char* key) const;
+  BOOL WriteRaw(const char* section, const char* key, std::string value);
+
+  std::string path_;
+};
+
+namespace zr {
+
+// The text form of a string value: backslash, control characters and a quote at either end are
+// escaped (\\, \xHH) so that any string survives the line-based file. Exposed for tests.
+ZROBJ_API std::string EscapeSettingValue(std::string_view utf8);
+ZROBJ_API std::string UnescapeSettingValue(std::string_view text);
+// Integer text: optional sign and decimal digits, or 0x and up to eight hex digits, nothing else.
+ZROBJ_API std::optional<int> ParseSettingInt(std::string_view text);
+
+}  // namespace zr

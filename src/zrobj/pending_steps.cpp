@@ -1,0 +1,105 @@
+// Start-up and shut-down steps whose families are not written yet. Each block below is deleted
+// when its family's own source defines the same functions (see lifecycle_steps.h).
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "platform/text.h"
+#include "zrobj/lifecycle_steps.h"
+
+namespace zr::steps {
+
+// ---------------------------------------------------------------------------------------------
+// Pending: TlsManager (thread-local slots). Nothing to set up until slots exist.
+BOOL InitThreadSlots() { return TRUE; }
+void ExitThreadSlotsOfThread() {}
+void ExitThreadSlots() {}
+
+// ---------------------------------------------------------------------------------------------
+// Pending: CZRRuntimeClass (class registry) and the class records of CZRRTObject / CZRObject.
+BOOL InitClassRegistry() { return TRUE; }
+void ExitClassRegistry() {}
+DWORD RegisterRTObjectClass(HMODULE) { return 0; }
+DWORD RegisterObjectClass(HMODULE) { return 0; }
+void SanitizeClassLoads() {}
+void UnloadClassLibs() {}
+
+// ---------------------------------------------------------------------------------------------
+// Pending: COSThreadRegister (thread register). A name per std::thread id until it exists.
+namespace {
+struct InterimThreadNames {
+  std::mutex mutex;
+  std::map<std::thread::id, std::u16string> names;
+};
+InterimThreadNames& Names() {
+  static InterimThreadNames* names = new InterimThreadNames;  // used from thread-exit destructors
+  return *names;
+}
+}  // namespace
+
+BOOL GetCurrentThreadName(WCHAR* buffer, UINT len) {
+  InterimThreadNames& n = Names();
+  std::lock_guard lock(n.mutex);
+  const auto it = n.names.find(std::this_thread::get_id());
+  if (it == n.names.end() || !buffer || len == 0) return FALSE;
+  zr::WStrCopy(buffer, len, it->second);
+  return TRUE;
+}
+void RegisterCurrentThread(const WCHAR* name) {
+  InterimThreadNames& n = Names();
+  std::lock_guard lock(n.mutex);
+  n.names[std::this_thread::get_id()] = name ? name : u"";
+}
+void UnregisterCurrentThread() {
+  InterimThreadNames& n = Names();
+  std::lock_guard lock(n.mutex);
+  n.names.erase(std::this_thread::get_id());
+}
+void ExitThreadRegister() {
+  InterimThreadNames& n = Names();
+  std::lock_guard lock(n.mutex);
+  n.names.clear();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Pending: CEventLogger (event log).
+void InitEventLog() {}
+void ExitEventLog() {}
+
+// ---------------------------------------------------------------------------------------------
+// Pending: COSAutoThread (auto threads).
+void AutoThreadsAppInit() {}
+void AutoThreadsAppExit() {}
+
+// ---------------------------------------------------------------------------------------------
+// Pending: CZRObject free watch range (kept here so the settings round trip works meanwhile).
+namespace {
+int g_object_watch[3] = {0, 0, 0};
+}  // namespace
+void SetObjectFreeWatchRange(int min, int max, int traceVirtual) {
+  g_object_watch[0] = min;
+  g_object_watch[1] = max;
+  g_object_watch[2] = traceVirtual;
+}
+void GetObjectFreeWatchRange(int* min, int* max, int* traceVirtual) {
+  if (min) *min = g_object_watch[0];
+  if (max) *max = g_object_watch[1];
+  if (traceVirtual) *traceVirtual = g_object_watch[2];
+}
+
+// ---------------------------------------------------------------------------------------------
+// Pending: Locator read/write watch range (the persistence layer's locators).
+namespace {
+int g_locator_watch[2] = {0, 0};
+}  // namespace
+void SetLocatorWatchRange(int& min, int& max) {
+  g_locator_watch[0] = min;
+  g_locator_watch[1] = max;
+}
+void GetLocatorWatchRange(int* min, int* max) {
+  if (min) *min = g_locator_watch[0];
+  if (max) *max = g_locator_watch[1];
+}
+
+}  // namespace zr::steps
