@@ -25,25 +25,21 @@ std::atomic<DWORD> g_computer_id{ZR_NO_ID};
 
 bool IsSeparator(char16_t c) { return c == u'/' || c == u'\\'; }
 
-// The library's default path form, as far as its length is concerned: separators unified and
-// collapsed, "." components dropped, no trailing separator except for the root itself.
+// Length of the path in the library's default form: separators unified and collapsed, "."
+// components dropped, no trailing separator except for the root itself. Only the length is needed.
 std::size_t NormalisedPathLength(std::u16string_view path) {
-  std::u16string out;
-  std::size_t pos = 0;
   const bool rooted = !path.empty() && IsSeparator(path[0]);
+  std::size_t length = 0;
+  std::size_t pos = 0;
   while (pos < path.size()) {
     while (pos < path.size() && IsSeparator(path[pos])) ++pos;
     std::size_t end = pos;
     while (end < path.size() && !IsSeparator(path[end])) ++end;
     const std::u16string_view part = path.substr(pos, end - pos);
-    if (!part.empty() && part != u".") {
-      if (!out.empty() || rooted) out += u'/';
-      out += part;
-    }
+    if (!part.empty() && part != u".") length += part.size() + (length > 0 || rooted ? 1 : 0);
     pos = end;
   }
-  if (out.empty() && rooted) out = u"/";
-  return out.size();
+  return length == 0 && rooted ? 1 : length;
 }
 
 }  // namespace
