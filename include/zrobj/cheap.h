@@ -106,6 +106,9 @@ ZROBJ_API HeapSettings SetHeapSettings(const HeapSettings& settings);
 // "PrjHeap"); the name compares case-insensitively. Null for any other name.
 ZROBJ_API CHeap* GetLibraryHeap(const char* name);
 
+// The shared watch heap that holds trace texts and interned names; null until a heap wants watch mode.
+ZROBJ_API HANDLE GetWatchHeap();
+
 // The five heap performance counters (approximate under contention, like the block counts).
 enum class HeapCounter : int { kAlloc, kRealloc, kFree, kFAlloc, kFFree };
 inline constexpr int kHeapCounterCount = 5;

@@ -311,6 +311,8 @@ CHeap* GetLibraryHeap(const char* name) {
   return nullptr;
 }
 
+HANDLE GetWatchHeap() { return World().watch_heap.load(std::memory_order_acquire); }
+
 const char* HeapCounterName(HeapCounter counter) {
   static const char* const kNames[kHeapCounterCount] = {"Alloc", "Realloc", "Free", "FAlloc", "FFree"};
   const int index = static_cast<int>(counter);
@@ -584,8 +586,8 @@ __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) 
     }
   }
 
-  if (flags_.load(std::memory_order_relaxed) & CHEAP_FREE_TRACE) {
-    if (IsDebugOn()) wPrintf(3, 8, u"Heap(%hs)::Free Trace %08X\r\n", name_, data);
+  if ((flags_.load(std::memory_order_relaxed) & CHEAP_FREE_TRACE) && IsDebugOn()) {
+    wPrintf(3, 8, u"Heap(%hs)::Free Trace %08X\r\n", name_, data);
     WalkCallStack(0, ZR_CURRENT_FRAME(), 10, nullptr);
   }
   AddCounts(-1, -static_cast<std::int64_t>(sizeWord));
