@@ -7,6 +7,7 @@
 #include "platform/privheap.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <new>
@@ -19,65 +20,32 @@ extern "C" __attribute__((weak)) char __libc_single_threaded;
 namespace zr {
 namespace detail {
 const char* const g_single_thread_flag = &__libc_single_threaded;
+std::uintptr_t* g_map_root[1 << kRootBits];  // zero at load
 }  // namespace detail
 
 namespace {
 
 // ---- regions and the address map -------------------------------------------------------------
 
-constexpr int kRegionShift = 16;
 constexpr std::size_t kMaxRegionBytes = std::size_t{1} << 30;
-constexpr int kLeafBits = 10, kMidBits = 10, kRootBits = 11;  // 31 bits: the 47-bit user space
-constexpr std::uintptr_t kMappableLimit = std::uintptr_t{1} << (kRegionShift + kLeafBits + kMidBits + kRootBits);
-
-struct MapEntry {
-  std::atomic<const void*> owner{nullptr};
-  std::atomic<void*> object{nullptr};
-};
-struct MapLeaf {
-  MapEntry entries[1 << kLeafBits];
-};
-struct MapMid {
-  std::atomic<MapLeaf*> leaves[1 << kMidBits];
-};
-
-// Zero-initialised at load; nodes are created under the mutex and never freed.
-std::atomic<MapMid*> g_map_root[1 << kRootBits];
 
 std::mutex& MapMutex() {
   static std::mutex* mutex = new std::mutex;  // never destroyed: regions may be unmapped at unload
   return *mutex;
 }
 
-MapEntry* FindEntry(std::uintptr_t address) {
-  if (address >= kMappableLimit) return nullptr;
-  const std::uintptr_t unit = address >> kRegionShift;
-  MapMid* mid = g_map_root[unit >> (kLeafBits + kMidBits)].load(std::memory_order_acquire);
-  if (!mid) return nullptr;
-  MapLeaf* leaf = mid->leaves[(unit >> kLeafBits) & ((1u << kMidBits) - 1)].load(std::memory_order_acquire);
-  if (!leaf) return nullptr;
-  return &leaf->entries[unit & ((1u << kLeafBits) - 1)];
-}
-
-// Creates the nodes for `address` (caller holds the map mutex).
-MapEntry* MakeEntry(std::uintptr_t address) {
-  if (address >= kMappableLimit) return nullptr;
-  const std::uintptr_t unit = address >> kRegionShift;
-  std::atomic<MapMid*>& root = g_map_root[unit >> (kLeafBits + kMidBits)];
-  MapMid* mid = root.load(std::memory_order_relaxed);
-  if (!mid) {
-    mid = new (std::nothrow) MapMid();
-    if (!mid) return nullptr;
-    root.store(mid, std::memory_order_release);
+// The unit's word, creating its leaf (caller holds the map mutex); null when it cannot be mapped.
+std::uintptr_t* MapSlot(std::uintptr_t address, bool create) {
+  if (address >= detail::kMappableLimit) return nullptr;
+  const std::uintptr_t unit = address >> detail::kRegionShift;
+  std::uintptr_t*& root = detail::g_map_root[unit >> detail::kLeafBits];
+  std::uintptr_t* leaf = std::atomic_ref<std::uintptr_t*>(root).load(std::memory_order_acquire);
+  if (!leaf && create) {
+    // calloc: the leaf's pages stay untouched (and cost nothing) until a unit in them is mapped.
+    leaf = static_cast<std::uintptr_t*>(std::calloc(std::size_t{1} << detail::kLeafBits, sizeof(std::uintptr_t)));
+    if (leaf) std::atomic_ref<std::uintptr_t*>(root).store(leaf, std::memory_order_release);
   }
-  std::atomic<MapLeaf*>& slot = mid->leaves[(unit >> kLeafBits) & ((1u << kMidBits) - 1)];
-  MapLeaf* leaf = slot.load(std::memory_order_relaxed);
-  if (!leaf) {
-    leaf = new (std::nothrow) MapLeaf();
-    if (!leaf) return nullptr;
-    slot.store(leaf, std::memory_order_release);
-  }
-  return &leaf->entries[unit & ((1u << kLeafBits) - 1)];
+  return leaf ? &leaf[unit & ((1u << detail::kLeafBits) - 1)] : nullptr;
 }
 
 // ---- heaps -------------------------------------------------------------------------------------
@@ -130,7 +98,9 @@ struct Span {
   Span* next;
   Span* all_next;   // every span of the heap
   std::atomic<std::uint32_t> slot_size;
-  std::atomic<std::uint32_t> carved;  // slots handed out at least once since the span took its class
+  std::atomic<std::uint32_t> slot_magic;  // 2^32 / slot_size rounded up: offsets divide by multiplying
+  std::atomic<std::uint32_t> carved;      // slots handed out at least once since the span took its class
+  std::atomic<std::uint32_t> generation;  // counts the classes the span has taken
   std::uint32_t cls;
   std::uint32_t slot_count;
   std::uint32_t used;
@@ -173,6 +143,8 @@ void StoreState(SlotHeader* h, std::uint32_t state) {
   std::atomic_ref<std::uint32_t>(h->state).store(state, std::memory_order_release);
 }
 
+std::uintptr_t Addr(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
+
 PrivHeap* AsHeap(HANDLE handle) {
   auto* heap = static_cast<PrivHeap*>(handle);
   if (!heap || (reinterpret_cast<std::uintptr_t>(heap) % alignof(PrivHeap)) != 0 || heap->magic != kHeapMagic)
@@ -200,7 +172,9 @@ void AssignClass(Span* s, int cls) {
   const std::uint32_t size = ClassSize(cls);
   s->cls = static_cast<std::uint32_t>(cls);
   s->slot_size.store(size, std::memory_order_relaxed);
+  s->slot_magic.store(0xFFFFFFFFu / size + 1, std::memory_order_relaxed);
   s->slot_count = static_cast<std::uint32_t>((kSpanBytes - kSpanHeaderBytes) / size);
+  s->generation.store(s->generation.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   s->carved.store(0, std::memory_order_release);
   s->used = 0;
   s->free = nullptr;
@@ -219,7 +193,7 @@ Span* TakeSpan(PrivHeap* heap, int cls) {
     s->all_next = heap->all;
     heap->all = s;
     heap->usage.bytes_reserved += kSpanBytes;
-    MapRegion(base, kSpanBytes, heap, s);
+    MapRegion(base, kSpanBytes, heap);
   }
   AssignClass(s, cls);
   PushFront(heap->partial[cls], s, SpanList::kPartial);
@@ -284,23 +258,26 @@ LargeHeader* LargeOf(const void* block) {
 // Checks a small block against the address map without the heap lock: spans live as long as their
 // heap, so once the map names `heap` the span header may be read.
 bool OwnedSmall(PrivHeap* heap, std::uintptr_t p, HeapBlockSpan* span) {
-  const MapEntry* entry = FindEntry(p);
-  if (!entry || entry->owner.load(std::memory_order_acquire) != heap) return false;
-  auto* s = static_cast<Span*>(entry->object.load(std::memory_order_relaxed));
+  // A span is one aligned unit: its header's address follows from `p` and may be loaded while the
+  // map is still being consulted; it is only used once the map names this heap.
+  auto* s = reinterpret_cast<Span*>(p & ~(kSpanBytes - 1));
+  if ((detail::LoadMapWord(p) & detail::kOwnerMask) != Addr(heap)) return false;
   const std::uintptr_t first = s->FirstData();
   if (p < first) return false;
+  // The span is one 64 KiB unit, so the offset is below 2^16 and the multiplication divides exactly.
+  const std::uint64_t offset = p - first;
   const std::uint32_t size = s->slot_size.load(std::memory_order_relaxed);
-  const std::uint32_t carved = s->carved.load(std::memory_order_acquire);
-  if (size == 0 || (p - first) % size != 0 || (p - first) / size >= carved) return false;
+  const auto index = static_cast<std::uint32_t>((offset * s->slot_magic.load(std::memory_order_relaxed)) >> 32);
+  if (std::uint64_t{index} * size != offset || index >= s->carved.load(std::memory_order_acquire)) return false;
   if (LoadState(HeaderOf(reinterpret_cast<void*>(p))) != kSlotLive) return false;
-  if (span) *span = {p, p + size - sizeof(SlotHeader)};
+  if (span) *span = {p, p + size - sizeof(SlotHeader), s, s->generation.load(std::memory_order_relaxed)};
   return true;
 }
 
 bool OwnedLarge(PrivHeap* heap, std::uintptr_t p, HeapBlockSpan* span) {
   std::lock_guard guard(heap->lock);
   if (heap->large.count(p) == 0) return false;
-  if (span) *span = {p, p + LargeOf(reinterpret_cast<void*>(p))->capacity};
+  if (span) *span = {p, p + LargeOf(reinterpret_cast<void*>(p))->capacity, nullptr, 0};
   return true;
 }
 
@@ -310,11 +287,12 @@ bool Owned(PrivHeap* heap, const void* block, HeapBlockSpan* span) {
   return OwnedSmall(heap, p, span) || OwnedLarge(heap, p, span);
 }
 
-// Frees a block already known to be the heap's (caller holds the lock); false if it was freed meanwhile.
-bool FreeLocked(PrivHeap* heap, void* block) {
+// Frees a block already known to be the heap's (caller holds the lock); false if it was freed
+// meanwhile. `s` is the block's span, null for a large block.
+bool FreeLocked(PrivHeap* heap, void* block, Span* s) {
   SlotHeader* h = HeaderOf(block);
   if (LoadState(h) != kSlotLive) return false;
-  if (h->cls == kLargeClass) {
+  if (!s) {
     if (heap->large.erase(reinterpret_cast<std::uintptr_t>(block)) == 0) return false;
     LargeHeader* large = LargeOf(block);
     heap->usage.bytes_in_use -= large->capacity;
@@ -324,7 +302,6 @@ bool FreeLocked(PrivHeap* heap, void* block) {
     ::operator delete(large, std::align_val_t{16});
     return true;
   }
-  Span* s = static_cast<Span*>(LookupRegion(block).object);
   const int cls = static_cast<int>(s->cls);
   StoreState(h, kSlotFree);
   h->size = reinterpret_cast<std::uintptr_t>(s->free);
@@ -364,34 +341,22 @@ void FreeRegion(void* base) {
   if (base) ::operator delete(base, std::align_val_t{kRegionGranularity});
 }
 
-void MapRegion(const void* base, std::size_t bytes, const void* owner, void* object) {
+void MapRegion(const void* base, std::size_t bytes, const void* owner) {
   const auto start = reinterpret_cast<std::uintptr_t>(base);
   std::lock_guard guard(MapMutex());
-  for (std::uintptr_t at = start; at < start + bytes; at += kRegionGranularity) {
-    MapEntry* entry = MakeEntry(at);
-    if (!entry) continue;  // unmappable: lookups simply fail and callers take the careful path
-    entry->object.store(object, std::memory_order_relaxed);
-    entry->owner.store(owner, std::memory_order_release);
+  for (std::uintptr_t at = start, delta = 0; at < start + bytes; at += kRegionGranularity, ++delta) {
+    std::uintptr_t* slot = MapSlot(at, true);
+    if (!slot) continue;  // unmappable: lookups simply fail and callers take the careful path
+    const std::uintptr_t word = (reinterpret_cast<std::uintptr_t>(owner) & detail::kOwnerMask) | (delta << detail::kDeltaShift);
+    std::atomic_ref<std::uintptr_t>(*slot).store(word, std::memory_order_release);
   }
 }
 
 void UnmapRegion(const void* base, std::size_t bytes) {
   const auto start = reinterpret_cast<std::uintptr_t>(base);
-  for (std::uintptr_t at = start; at < start + bytes; at += kRegionGranularity) {
-    MapEntry* entry = FindEntry(at);
-    if (!entry) continue;
-    entry->owner.store(nullptr, std::memory_order_release);
-    entry->object.store(nullptr, std::memory_order_relaxed);
-  }
-}
-
-RegionEntry LookupRegion(const void* address) {
-  const MapEntry* entry = FindEntry(reinterpret_cast<std::uintptr_t>(address));
-  if (!entry) return {};
-  RegionEntry result;
-  result.owner = entry->owner.load(std::memory_order_acquire);
-  result.object = entry->object.load(std::memory_order_relaxed);
-  return result;
+  std::lock_guard guard(MapMutex());
+  for (std::uintptr_t at = start; at < start + bytes; at += kRegionGranularity)
+    if (std::uintptr_t* slot = MapSlot(at, false)) std::atomic_ref<std::uintptr_t>(*slot).store(0, std::memory_order_release);
 }
 
 // ---- the light lock ----------------------------------------------------------------------------
@@ -418,6 +383,15 @@ bool HeapFailureRaises(HANDLE handle, DWORD flags) {
 bool HeapBlockOwned(HANDLE handle, const void* block, HeapBlockSpan* span) {
   PrivHeap* heap = AsHeap(handle);
   return heap && Owned(heap, block, span);
+}
+
+BOOL HeapFreeChecked(HANDLE handle, DWORD flags, void* block, const HeapBlockSpan& span) {
+  PrivHeap* heap = AsHeap(handle);
+  if (!heap || Addr(block) != span.begin) return FALSE;
+  auto* s = static_cast<Span*>(span.home);
+  std::lock_guard guard(heap->lock);
+  if (s && s->generation.load(std::memory_order_relaxed) != span.generation) return FALSE;  // reused since
+  return FreeLocked(heap, block, s) ? TRUE : FALSE;
 }
 
 bool GetHeapUsage(HANDLE handle, HeapUsage* usage) {
@@ -471,10 +445,8 @@ void* HeapAlloc(HANDLE handle, DWORD flags, SIZE_T bytes) {
 }
 
 BOOL HeapFree(HANDLE handle, DWORD flags, void* block) {
-  PrivHeap* heap = zr::AsHeap(handle);
-  if (!heap || !zr::Owned(heap, block, nullptr)) return FALSE;
-  std::lock_guard guard(heap->lock);
-  return zr::FreeLocked(heap, block) ? TRUE : FALSE;
+  zr::HeapBlockSpan span;
+  return zr::HeapBlockOwned(handle, block, &span) ? zr::HeapFreeChecked(handle, flags, block, span) : FALSE;
 }
 
 SIZE_T HeapSize(HANDLE handle, DWORD flags, const void* block) {

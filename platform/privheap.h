@@ -2,6 +2,7 @@
 // tells which 64 KiB region of memory belongs to which heap or pool.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -46,8 +47,13 @@ ZROBJ_API bool HeapFailureRaises(HANDLE heap, DWORD flags);
 struct HeapBlockSpan {
   std::uintptr_t begin = 0;
   std::uintptr_t end = 0;
+  void* home = nullptr;          // where the block was found (null for a large block)
+  std::uint32_t generation = 0;  // that place's generation when it was found
 };
 ZROBJ_API bool HeapBlockOwned(HANDLE heap, const void* block, HeapBlockSpan* span);
+// Frees a block that HeapBlockOwned just confirmed into `span`, without looking for it again; under
+// the heap's lock it makes sure the block is still where it was found and still live.
+ZROBJ_API BOOL HeapFreeChecked(HANDLE heap, DWORD flags, void* block, const HeapBlockSpan& span);
 
 // What the heap holds: live blocks, bytes they use (block capacities), regions taken from malloc.
 struct HeapUsage {
@@ -62,14 +68,46 @@ inline constexpr std::size_t kRegionGranularity = 0x10000;
 ZROBJ_API void* AllocateRegion(std::size_t bytes);  // null on failure or absurd sizes
 ZROBJ_API void FreeRegion(void* base);
 
-// The address map: every 64 KiB unit of a mapped region names its owner (a heap or pool) and an
-// object (the region's header). Lookups take no lock and read nothing but the map itself.
+// The address map: every 64 KiB unit of a mapped region names its owner (a heap or pool) and the
+// region's start. Lookups take no lock and read nothing but the map itself.
 struct RegionEntry {
   const void* owner = nullptr;
-  void* object = nullptr;
+  void* object = nullptr;  // the start of the region
 };
-ZROBJ_API void MapRegion(const void* base, std::size_t bytes, const void* owner, void* object);
+// `base` must be 64 KiB aligned and the region at most 4 GiB.
+ZROBJ_API void MapRegion(const void* base, std::size_t bytes, const void* owner);
 ZROBJ_API void UnmapRegion(const void* base, std::size_t bytes);
-ZROBJ_API RegionEntry LookupRegion(const void* address);
+
+namespace detail {
+// A two-level radix tree over the 64 KiB units of the 47-bit user address space, inside the library
+// only. Each unit has one word: its owner's address in the low 48 bits, and in the high 16 bits how
+// many units lie between the region's start and this unit.
+inline constexpr int kRegionShift = 16;
+inline constexpr int kLeafBits = 16;
+inline constexpr int kRootBits = 47 - kRegionShift - kLeafBits;
+inline constexpr std::uintptr_t kMappableLimit = std::uintptr_t{1} << 47;
+inline constexpr int kDeltaShift = 48;
+inline constexpr std::uintptr_t kOwnerMask = (std::uintptr_t{1} << kDeltaShift) - 1;
+extern std::uintptr_t* g_map_root[1 << kRootBits];  // leaves of 2^16 words, never freed
+
+inline std::uintptr_t LoadMapWord(std::uintptr_t address) {
+  if (address >= kMappableLimit) return 0;
+  const std::uintptr_t unit = address >> kRegionShift;
+  std::uintptr_t* leaf = std::atomic_ref<std::uintptr_t*>(g_map_root[unit >> kLeafBits]).load(std::memory_order_acquire);
+  if (!leaf) return 0;
+  return std::atomic_ref<std::uintptr_t>(leaf[unit & ((1u << kLeafBits) - 1)]).load(std::memory_order_acquire);
+}
+}  // namespace detail
+
+// Inside the library only (the map is not exported).
+inline RegionEntry LookupRegion(const void* address) {
+  const auto at = reinterpret_cast<std::uintptr_t>(address);
+  const std::uintptr_t word = detail::LoadMapWord(at);
+  if (!word) return {};
+  RegionEntry entry;
+  entry.owner = reinterpret_cast<const void*>(word & detail::kOwnerMask);
+  entry.object = reinterpret_cast<void*>((at & ~(kRegionGranularity - 1)) - (word >> detail::kDeltaShift) * kRegionGranularity);
+  return entry;
+}
 
 }  // namespace zr

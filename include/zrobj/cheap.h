@@ -73,13 +73,10 @@ class ZROBJ_API CHeap {
  private:
   using Lock = std::recursive_mutex;  // guards the watch list
 
-  bool Watching() const;
-  void* GuardedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes);
   void RegisterWatch(tagWATCHINFO* record, DWORD sizeWord, const char* sourceFile, std::uintptr_t location);
   bool UnlinkWatch(tagWATCHINFO* record);
   void DumpList(long options);
   void DumpEntry(const tagWATCHINFO& record, std::uintptr_t address, bool withTrace);
-  void AddCounts(int items, std::int64_t bytes);
 
   std::atomic<HANDLE> hHeap{nullptr};
   std::atomic<std::int32_t> items_{0};

@@ -133,7 +133,7 @@ tagFHEAPBLOCK* CFHeap::NewBlock() {
     zr::SetSlotWord(slot, 0, static_cast<DWORD>(offset));
     zr::SetSlotWord(slot, 1, i + 1 < slots_per_block_ ? static_cast<DWORD>(offset + stride_) : 0);
   }
-  zr::MapRegion(base, region_bytes_, this, block);
+  zr::MapRegion(base, region_bytes_, this);
   PushFront(block);
   oldest_free_ = block->dwTick;
   ++free_blocks_;

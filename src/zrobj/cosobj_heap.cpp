@@ -68,11 +68,30 @@ int WriteSetting(const char* section, const char* key, int value) {
 std::uintptr_t Addr(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
 void* Ptr(std::uintptr_t a) { return reinterpret_cast<void*>(a); }
 
-// Exact while the process has one thread; atomic otherwise (the counts are read by the monitor).
-template <class T>
-void AddTo(std::atomic<T>& counter, T delta) {
-  if (ProcessIsSingleThreaded()) counter.store(counter.load(std::memory_order_relaxed) + delta, std::memory_order_relaxed);
-  else counter.fetch_add(delta, std::memory_order_relaxed);
+bool IsWatching(const std::atomic<std::uint32_t>& flags) {
+  return (flags.load(std::memory_order_relaxed) & CHEAP_WATCH) && World().watch_heap.load(std::memory_order_relaxed);
+}
+
+// The counts are exact while the process has one thread, atomic otherwise.
+void AddCounts(std::atomic<std::int32_t>& items, std::atomic<std::uint32_t>& bytes, std::int32_t itemDelta,
+               std::int64_t byteDelta) {
+  const auto byteChange = static_cast<std::uint32_t>(byteDelta);
+  if (ProcessIsSingleThreaded()) {
+    items.store(items.load(std::memory_order_relaxed) + itemDelta, std::memory_order_relaxed);
+    bytes.store(bytes.load(std::memory_order_relaxed) + byteChange, std::memory_order_relaxed);
+    return;
+  }
+  if (itemDelta) items.fetch_add(itemDelta, std::memory_order_relaxed);
+  bytes.fetch_add(byteChange, std::memory_order_relaxed);
+}
+
+// The private heap never faults; a failure where Windows would have raised (HEAP_GENERATE_EXCEPTIONS)
+// gets the report of the structured-exception guard.
+void* GuardedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
+  void* block = HeapAlloc(heap, static_cast<DWORD>(heapFlags), bytes);
+  if (!block && HeapFailureRaises(heap, static_cast<DWORD>(heapFlags)))
+    wPrintf(0, 0, u"\rHeapAlloc(%08X,%08X,%u) failed \r\n", Addr(heap), heapFlags, bytes);
+  return block;
 }
 
 // ---- reading blocks that may be damaged ----------------------------------------------------------
@@ -81,9 +100,9 @@ class BlockReader {
  public:
   BlockReader(HANDLE heap, std::uintptr_t heapBlock) {
     owned_ = HeapBlockOwned(heap, Ptr(heapBlock), &span_);
-    if (owned_) span_.begin = heapBlock;
   }
   bool owned() const { return owned_; }
+  const HeapBlockSpan& span() const { return span_; }
   bool Read(std::uintptr_t at, void* out, std::size_t n) const {
     if (owned_ && at >= span_.begin && at <= span_.end && n <= span_.end - at) {
       std::memcpy(out, Ptr(at), n);
@@ -377,7 +396,7 @@ CHeap::~CHeap() {
       wPrintf(0, 9, u"Heap %hs: %i items (%u bytes) not freed\r\n", name_, items, bytes_.load(std::memory_order_relaxed));
       DetailedMessageBeep(static_cast<UINT>(-1), "src/zrobj/cosobj", 543);
     }
-    if (Watching()) DumpList(-1);
+    if (zr::IsWatching(flags_)) DumpList(-1);
     if (heap != GetProcessHeap()) HeapDestroy(heap);
     hHeap.store(nullptr, std::memory_order_release);
   }
@@ -393,35 +412,16 @@ int CHeap::SizeHeap(unsigned long maximumSize, unsigned long initialSize, unsign
   return 0;
 }
 
-bool CHeap::Watching() const {
-  return (flags_.load(std::memory_order_relaxed) & CHEAP_WATCH) &&
-         zr::World().watch_heap.load(std::memory_order_relaxed) != nullptr;
-}
-
-void CHeap::AddCounts(int items, std::int64_t bytes) {
-  if (items) zr::AddTo(items_, static_cast<std::int32_t>(items));
-  zr::AddTo(bytes_, static_cast<std::uint32_t>(bytes));
-}
-
 // ---- allocation --------------------------------------------------------------------------------
-
-// The private heap never faults; a failure where Windows would have raised (HEAP_GENERATE_EXCEPTIONS)
-// gets the report of the structured-exception guard.
-void* CHeap::GuardedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
-  void* block = HeapAlloc(heap, static_cast<DWORD>(heapFlags), bytes);
-  if (!block && zr::HeapFailureRaises(heap, static_cast<DWORD>(heapFlags)))
-    wPrintf(0, 0, u"\rHeapAlloc(%08X,%08X,%u) failed \r\n", Addr(heap), heapFlags, bytes);
-  return block;
-}
 
 void* CHeap::Alloc(unsigned long size, unsigned long heapFlags, const char* sourceFile, int line,
                    unsigned long callerAddress) {
   const HANDLE heap = hHeap.load(std::memory_order_acquire);
   if (!heap) return nullptr;
   zr::CountHeapEvent(zr::HeapCounter::kAlloc);
-  const bool watch = Watching();
+  const bool watch = zr::IsWatching(flags_);
   const std::size_t lead = watch ? zr::kWatchLead : zr::kPlainLead;
-  void* block = size <= zr::kMaxRequest ? GuardedAlloc(heap, heapFlags, size + lead + zr::kEndBytes) : nullptr;
+  void* block = size <= zr::kMaxRequest ? zr::GuardedAlloc(heap, heapFlags, size + lead + zr::kEndBytes) : nullptr;
   if (!block) {
     wPrintf(0, 0, u"\rFAILED: HeapAlloc(%hs,hHeap=%08X)\r\n", name_, Addr(heap));
     return nullptr;
@@ -433,7 +433,7 @@ void* CHeap::Alloc(unsigned long size, unsigned long heapFlags, const char* sour
   }
   const std::uintptr_t data = Addr(block) + lead;
   zr::WriteGuards(data, sizeWord, CHEAP_BLOCK_END);
-  AddCounts(1, sizeWord);
+  zr::AddCounts(items_, bytes_, 1, sizeWord);
   if ((flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
     wPrintf(3, 8, u"Heap %hs: Alloc %08X\r\n", name_, data);
   return Ptr(data);
@@ -480,7 +480,7 @@ void* CHeap::Realloc(void* block, unsigned long size, unsigned long heapFlags, c
   if (!heap) return nullptr;
   if (!block) return Alloc(size, heapFlags & ~static_cast<unsigned long>(HEAP_REALLOC_IN_PLACE_ONLY), sourceFile, line, callerAddress);
   zr::CountHeapEvent(zr::HeapCounter::kRealloc);
-  const bool watch = Watching();
+  const bool watch = zr::IsWatching(flags_);
   const std::size_t lead = watch ? zr::kWatchLead : zr::kPlainLead;
   const std::uintptr_t data = Addr(block);
   const std::uintptr_t start = data - lead;
@@ -533,7 +533,7 @@ void* CHeap::Realloc(void* block, unsigned long size, unsigned long heapFlags, c
   const std::uintptr_t newData = Addr(moved) + lead;
   const auto newWord = static_cast<DWORD>(size + 8);
   zr::WriteGuards(newData, newWord, CHEAP_BLOCK_END);
-  AddCounts(0, static_cast<std::int64_t>(newWord) - static_cast<std::int64_t>(oldWord));
+  zr::AddCounts(items_, bytes_, 0, static_cast<std::int64_t>(newWord) - static_cast<std::int64_t>(oldWord));
   if ((flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
     wPrintf(3, 8, u"Heap %hs: Realloc %08X\r\n", name_, newData);
   return Ptr(newData);
@@ -544,7 +544,7 @@ __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) 
   const HANDLE heap = hHeap.load(std::memory_order_acquire);
   if (!heap) return 0;
   zr::CountHeapEvent(zr::HeapCounter::kFree);
-  const bool watch = Watching();
+  const bool watch = zr::IsWatching(flags_);
   const std::uintptr_t data = Addr(block);
   const std::uintptr_t start = data - (watch ? zr::kWatchLead : zr::kPlainLead);
   const BlockReader reader(heap, start);
@@ -590,21 +590,21 @@ __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) 
     wPrintf(3, 8, u"Heap(%hs)::Free Trace %08X\r\n", name_, data);
     WalkCallStack(0, ZR_CURRENT_FRAME(), 10, nullptr);
   }
-  AddCounts(-1, -static_cast<std::int64_t>(sizeWord));
+  zr::AddCounts(items_, bytes_, -1, -static_cast<std::int64_t>(sizeWord));
   if ((flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
     wPrintf(3, 8, u"Heap %hs: Free %08X\r\n", name_, data);
   // A bad block stays allocated (and listed): it is evidence, and releasing it could spread damage.
   if (bad || !reader.owned()) return 0;
   zr::WriteGuards(data, sizeWord, 0);  // a second Free finds no end signature ...
   std::memset(Ptr(data - 4), 0, 4);     // ... and no size word
-  return HeapFree(heap, static_cast<DWORD>(heapFlags), Ptr(start));
+  return zr::HeapFreeChecked(heap, static_cast<DWORD>(heapFlags), Ptr(start), reader.span());
 }
 
 int CHeap::Verify(void* block) {
   if (!block) return 1;
   const HANDLE heap = hHeap.load(std::memory_order_acquire);
   const std::uintptr_t data = Addr(block);
-  const BlockReader reader(heap, data - (Watching() ? zr::kWatchLead : zr::kPlainLead));
+  const BlockReader reader(heap, data - (zr::IsWatching(flags_) ? zr::kWatchLead : zr::kPlainLead));
   DWORD sizeWord = 0;
   if (zr::CheckGuards(reader, data, &sizeWord) == Guards::kIntact) return 1;
   const std::u16string text = zr::FormatWide(u"\rCHeap %hs:Verify failed (block start or end overwritten)\r\n", name_);
@@ -615,7 +615,7 @@ int CHeap::Verify(void* block) {
 unsigned long CHeap::AllocSize(const void* block) {
   const HANDLE heap = hHeap.load(std::memory_order_acquire);
   if (!heap) return 0;
-  const bool watch = Watching();
+  const bool watch = zr::IsWatching(flags_);
   const SIZE_T size = HeapSize(heap, 0, Ptr(Addr(block) - (watch ? zr::kWatchLead : zr::kPlainLead)));
   if (size == static_cast<SIZE_T>(-1) || size == 0) return 0;
   // In watch mode a heap block of exactly the plain overhead is an empty plain block.
