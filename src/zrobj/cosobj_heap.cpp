@@ -6,7 +6,9 @@
 #include "zrobj/cheap.h"
 
 #include <cstring>
+#include <mutex>
 #include <string>
+#include <unordered_map>
 
 #include "platform/dlgsvc.h"
 #include "platform/fault.h"
@@ -187,19 +189,6 @@ const char* Intern(const std::string& name) {
   return node + kNodeText;
 }
 
-// Frees every interned name and the watch heap (the last heap is gone).
-void ReleaseWatchHeap() {
-  HeapWorld& world = World();
-  const HANDLE watch = world.watch_heap.exchange(nullptr);
-  for (char* node = world.interned; node;) {
-    char* next = NextNode(node);
-    if (watch) HeapFree(watch, 0, node);
-    node = next;
-  }
-  world.interned = nullptr;
-  if (watch) HeapDestroy(watch);
-}
-
 void FreeTraceText(const char* text) {
   const HANDLE watch = World().watch_heap.load(std::memory_order_acquire);
   if (watch && text) HeapFree(watch, 0, const_cast<char*>(text));
@@ -229,22 +218,74 @@ std::string TraceSymbol(std::string symbol) {
   return out;
 }
 
+// One trace segment for a code address: the fragment, its module and its value.
+struct Segment {
+  std::string fragment;
+  const char* module = nullptr;
+  LONG value = 0;
+};
+
+Segment ResolveSegment(std::uintptr_t address) {
+  ZrAddressInfo info;
+  if (!GetAddressInfo(address, &info)) return {"%hs%08x{", nullptr, static_cast<LONG>(static_cast<DWORD>(address))};
+  const char* module = Intern(BaseName(info.module_path));
+  if (!info.symbol.empty())
+    return {"%hs|" + TraceSymbol(info.symbol) + "%+d{", module, static_cast<LONG>(info.symbol_offset)};
+  return {"%hs|+%u{", module, static_cast<LONG>(address - info.module_base)};
+}
+
+// Resolved segments by address: symbol look-ups are the bulk of a watched allocation's cost, and
+// call sites repeat. Cleared with the interned names they point at.
+struct SegmentCache {
+  static constexpr std::size_t kLimit = 4096;
+  std::mutex mutex;
+  std::unordered_map<std::uintptr_t, Segment> segments;
+};
+
+SegmentCache& Segments() {
+  static auto* cache = new SegmentCache;  // never destroyed, like the interned names' world
+  return *cache;
+}
+
+Segment SegmentOf(std::uintptr_t address) {
+  SegmentCache& cache = Segments();
+  {
+    std::lock_guard guard(cache.mutex);
+    const auto it = cache.segments.find(address);
+    if (it != cache.segments.end()) return it->second;
+  }
+  Segment segment = ResolveSegment(address);
+  if (segment.module || !segment.fragment.starts_with("%hs|")) {  // a failed intern is not remembered
+    std::lock_guard guard(cache.mutex);
+    if (cache.segments.size() >= SegmentCache::kLimit) cache.segments.clear();
+    cache.segments.emplace(address, segment);
+  }
+  return segment;
+}
+
+// Frees every interned name and the watch heap (the last heap is gone).
+void ReleaseWatchHeap() {
+  HeapWorld& world = World();
+  const HANDLE watch = world.watch_heap.exchange(nullptr);
+  for (char* node = world.interned; node;) {
+    char* next = NextNode(node);
+    if (watch) HeapFree(watch, 0, node);
+    node = next;
+  }
+  world.interned = nullptr;
+  if (watch) HeapDestroy(watch);
+  std::lock_guard guard(Segments().mutex);
+  Segments().segments.clear();
+}
+
 // Collects the trace text and fills the record's slots from slot 6 downward.
 class TraceBuilder {
  public:
   explicit TraceBuilder(tagWATCHINFO* record) : record_(record) {}
 
   void AddAddress(std::uintptr_t address) {
-    ZrAddressInfo info;
-    if (!GetAddressInfo(address, &info)) {
-      Add("%hs%08x{", nullptr, static_cast<LONG>(static_cast<DWORD>(address)));
-      return;
-    }
-    const char* module = Intern(BaseName(info.module_path));
-    if (!info.symbol.empty())
-      Add("%hs|" + TraceSymbol(info.symbol) + "%+d{", module, static_cast<LONG>(info.symbol_offset));
-    else
-      Add("%hs|+%u{", module, static_cast<LONG>(address - info.module_base));
+    const Segment segment = SegmentOf(address);
+    Add(segment.fragment, segment.module, segment.value);
   }
   void AddLine(const char* sourceFile, int line) { Add("%hs|line %d{", Intern(BaseName(sourceFile)), line); }
 
@@ -268,12 +309,34 @@ class TraceBuilder {
   int slot_ = kTraceSlots - 1;
 };
 
+// Follows saved frame pointers ([frame] = the caller's frame, [frame + 8] = the return address) while
+// the links increase. Runs under one fault guard: a damaged or foreign chain ends the walk.
+struct FrameWalk {
+  std::uintptr_t frame;
+  std::uintptr_t returns[kTraceFrames];
+};
+
+__attribute__((no_sanitize("address", "thread"))) void WalkFrames(void* context) {
+  auto* walk = static_cast<FrameWalk*>(context);
+  std::uintptr_t frame = walk->frame;
+  for (int n = 0; n < kTraceFrames && frame && (frame & 7) == 0; ++n) {
+    const auto* link = reinterpret_cast<const std::uintptr_t*>(frame);
+    const std::uintptr_t next = link[0];
+    walk->returns[n] = link[1];
+    std::atomic_signal_fence(std::memory_order_seq_cst);  // stored before the next read may fault
+    if (!walk->returns[n] || next <= frame) break;
+    frame = next;
+  }
+}
+
 // The frames above `frame` (outermost first), then the call site; the text goes to the watch heap.
 void BuildTrace(tagWATCHINFO* record, const char* sourceFile, std::uintptr_t location, std::uintptr_t frame) {
   TraceBuilder trace(record);
-  std::uintptr_t frames[kTraceFrames];
-  const int n = CaptureCallStack(0, frame, frames, kTraceFrames);
-  for (int i = n - 1; i >= 0; --i) trace.AddAddress(frames[i]);
+  FrameWalk walk{frame, {}};
+  GuardedCall(&WalkFrames, &walk);
+  int n = 0;
+  while (n < kTraceFrames && walk.returns[n]) ++n;
+  for (int i = n - 1; i >= 0; --i) trace.AddAddress(walk.returns[i]);
   if (sourceFile) trace.AddLine(sourceFile, static_cast<int>(location));
   else trace.AddAddress(location);
   const HANDLE watch = World().watch_heap.load(std::memory_order_acquire);
