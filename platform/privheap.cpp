@@ -11,7 +11,6 @@
 #include <cstring>
 #include <mutex>
 #include <new>
-#include <thread>
 #include <unordered_set>
 
 // The C library's own single-thread indicator (glibc 2.32 and later); absent elsewhere.
@@ -361,17 +360,22 @@ void UnmapRegion(const void* base, std::size_t bytes) {
 
 // ---- the light lock ----------------------------------------------------------------------------
 
+// Spins up to 4000 times while the holder is likely to leave soon, then marks the word as having
+// waiters and sleeps on it (the holder's unlock wakes one).
 void LightLock::LockContended() {
-  for (;;) {
-    for (int spin = 0; spin < 4000; ++spin) {
-      if (state_.load(std::memory_order_relaxed) == 0 && state_.exchange(1, std::memory_order_acquire) == 0) return;
+  for (int spin = 0; spin < 4000; ++spin) {
+    std::uint32_t expected = kFree;
+    if (state_.load(std::memory_order_relaxed) == kFree &&
+        state_.compare_exchange_weak(expected, kLocked, std::memory_order_acquire, std::memory_order_relaxed))
+      return;
 #if defined(__x86_64__) || defined(__i386__)
-      __builtin_ia32_pause();
+    if ((spin & 15) == 15) __builtin_ia32_pause();
 #endif
-    }
-    std::this_thread::yield();
   }
+  while (state_.exchange(kWaiters, std::memory_order_acquire) != kFree) state_.wait(kWaiters, std::memory_order_relaxed);
 }
+
+void LightLock::WakeOne() { state_.notify_one(); }
 
 // ---- heap queries ------------------------------------------------------------------------------
 
