@@ -395,6 +395,25 @@ TEST(CHeap, WatchModeRecordsTracesAndDumps) {
   EXPECT_NE(text.find("{72 bytes @ " + hex8(moved) + "}\r\n"), std::string::npos);
 }
 
+TEST(CHeap, DamagedWatchListEndsTheDump) {
+  FakeSettings settings;
+  FakeSettings::values = {{"Looped/Watch", 1}};
+  DebugMode debug(1);
+  CHeap heap("Looped", 0, 0, 0, 1);
+  auto* older = static_cast<unsigned char*>(heap.Alloc(8, 0, HERE));
+  auto* newer = static_cast<unsigned char*>(heap.Alloc(8, 0, HERE));
+  auto* record = reinterpret_cast<tagWATCHINFO*>(older - CHEAP_WATCH_LEAD);
+  ASSERT_EQ(record->pNewer, reinterpret_cast<tagWATCHINFO*>(newer - CHEAP_WATCH_LEAD));
+  record->pOlder = record->pNewer;  // the list now loops
+  zr::ScopedDiagCapture capture;
+  heap.Dump(1);
+  const std::string text = capture.Text();
+  EXPECT_NE(text.find("\rHeap Looped: Heap corrupted...\r\n"), std::string::npos) << text;
+  record->pOlder = nullptr;
+  EXPECT_NE(heap.Free(newer, 0), 0);
+  EXPECT_NE(heap.Free(older, 0), 0);
+}
+
 TEST(CHeap, FreeTraceAndLoggingNeedDebugOutput) {
   FakeSettings settings;
   CHeap heap("@Traced", 0, 0, 0, 1);
