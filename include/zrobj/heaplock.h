@@ -1,0 +1,59 @@
+// The heaps' light lock: one 32-bit word; spins briefly, then sleeps on the word.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "zrobj/export.h"
+
+namespace zr {
+
+namespace detail {
+// Non-zero while the process has a single thread; null where the C library does not say.
+ZROBJ_API extern const char* const g_single_thread_flag;
+}  // namespace detail
+
+// True while the process has a single thread (never true again once a second thread was created).
+inline bool ProcessIsSingleThreaded() { return detail::g_single_thread_flag && *detail::g_single_thread_flag; }
+
+// For short critical sections (pool and private-heap bookkeeping): one atomic exchange to enter and
+// one to leave; a contended entry spins a while, then sleeps until the holder leaves. While the
+// process has a single thread it takes no atomic read-modify-write at all, which keeps the
+// uncontended heaps as cheap as the C library's malloc.
+class ZROBJ_API LightLock {
+ public:
+  void lock() {
+    if (SingleThreaded()) {
+      state_.store(kLocked, std::memory_order_relaxed);
+      return;
+    }
+    std::uint32_t expected = kFree;
+    if (!state_.compare_exchange_strong(expected, kLocked, std::memory_order_acquire, std::memory_order_relaxed))
+      LockContended();
+  }
+  bool try_lock() {
+    if (SingleThreaded()) {
+      if (state_.load(std::memory_order_relaxed) != kFree) return false;
+      state_.store(kLocked, std::memory_order_relaxed);
+      return true;
+    }
+    std::uint32_t expected = kFree;
+    return state_.compare_exchange_strong(expected, kLocked, std::memory_order_acquire, std::memory_order_relaxed);
+  }
+  void unlock() {
+    if (SingleThreaded()) {  // nobody else can be waiting
+      state_.store(kFree, std::memory_order_release);
+      return;
+    }
+    if (state_.exchange(kFree, std::memory_order_release) == kWaiters) WakeOne();
+  }
+
+ private:
+  static constexpr std::uint32_t kFree = 0, kLocked = 1, kWaiters = 2;
+  static bool SingleThreaded() { return ProcessIsSingleThreaded(); }
+  void LockContended();
+  void WakeOne();
+  std::atomic<std::uint32_t> state_{kFree};
+};
+
+}  // namespace zr
