@@ -751,22 +751,19 @@ DWORD WaitHandles(DWORD count, const HANDLE* handles, bool wait_all, DWORD milli
   Object* objects[MAXIMUM_WAIT_OBJECTS];
   zr::WaitCore* cores[MAXIMUM_WAIT_OBJECTS];
   DWORD held = 0;
-  DWORD result = WAIT_FAILED;
-  for (; held < count; ++held) {
+  DWORD error = ERROR_SUCCESS;
+  for (; held < count && error == ERROR_SUCCESS; ++held) {
     DWORD access = 0;
     objects[held] = Table().Reference(handles[held], &access);
     if (!objects[held]) {
-      t_last_error = ERROR_INVALID_HANDLE;
+      error = ERROR_INVALID_HANDLE;
       break;
     }
     cores[held] = objects[held]->core;
-    if (!(access & SYNCHRONIZE)) {
-      t_last_error = ERROR_ACCESS_DENIED;
-      ++held;
-      break;
-    }
+    if (!(access & SYNCHRONIZE)) error = ERROR_ACCESS_DENIED;
   }
-  if (held == count) result = zr::CoreWaitMultiple(count, cores, wait_all, milliseconds);
+  const DWORD result =
+      error == ERROR_SUCCESS ? zr::CoreWaitMultiple(count, cores, wait_all, milliseconds) : Fail(error);
   for (DWORD i = 0; i < held; ++i) Release(objects[i]);
   return result;
 }

@@ -361,8 +361,11 @@ void COSRWInterlock::EnterRead() {
         continue;
       }
       {
+        // Join the readers. The waiting writers are looked at again under the lock: an upgrading
+        // reader counts itself under this lock before it looks for other readers, so a reader that
+        // joined after that look would read while it writes.
         SectionLock lock(AsSection(m_section));
-        if (uRead.load(std::memory_order_relaxed) != 0) {  // join the readers
+        if (uRead.load(std::memory_order_relaxed) != 0 && m_waitingWriters.load(std::memory_order_relaxed) == 0) {
           RegisterRead(self);
           return;
         }
