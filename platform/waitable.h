@@ -138,6 +138,15 @@ ZROBJ_API void DeleteCriticalSection(CRITICAL_SECTION* section);
 
 namespace zr {
 
+// Direct (not interposable) entries for the library's own hot paths; the exported functions above
+// are the same code. Not visible outside libzrobju.
+namespace lib {
+__attribute__((visibility("hidden"))) DWORD CurrentThreadId();
+__attribute__((visibility("hidden"))) void EnterSection(CRITICAL_SECTION* section);
+__attribute__((visibility("hidden"))) BOOL TryEnterSection(CRITICAL_SECTION* section);
+__attribute__((visibility("hidden"))) void LeaveSection(CRITICAL_SECTION* section);
+}  // namespace lib
+
 // ---- The futex-word object behind every waitable object ----
 // Events: bit 0 signalled, bit 1 a pulse that one waiter of an auto-reset event may take, bits 2-31
 // a pulse generation. Semaphores: the count. `waiters` lets a signal skip the wake-up call when

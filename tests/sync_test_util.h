@@ -2,15 +2,14 @@
 // and whether a thread sleeps in the kernel (so tests know a waiter really waits).
 #pragma once
 
+#include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <thread>
 
@@ -57,10 +56,17 @@ inline bool WaitFor(const std::function<bool()>& done, int timeout_ms = 10000) {
 
 inline std::uint32_t CurrentTid() { return static_cast<std::uint32_t>(::syscall(SYS_gettid)); }
 
-// True while thread `tid` of this process sleeps in the kernel (state S or D).
+// True while thread `tid` of this process sleeps in the kernel (state S or D). Plain read(): the
+// file of an exiting thread fails to read, which a stream would turn into an exception.
 inline bool Sleeping(std::uint32_t tid) {
-  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  const std::string path = "/proc/self/task/" + std::to_string(tid) + "/stat";
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  char buffer[512];
+  const ssize_t n = ::read(fd, buffer, sizeof buffer);
+  ::close(fd);
+  if (n <= 0) return false;
+  const std::string text(buffer, static_cast<std::size_t>(n));
   const std::size_t paren = text.rfind(')');
   return paren != std::string::npos && paren + 2 < text.size() &&
          (text[paren + 2] == 'S' || text[paren + 2] == 'D');

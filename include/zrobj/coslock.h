@@ -49,7 +49,9 @@ class ZROBJ_API COSCriticalSection {
   static void operator delete(void*, void*) noexcept {}
 
  private:
+  void EnterWithDiagnostics(std::uintptr_t callSite);
   void ReportContention(DWORD count, DWORD owner, DWORD self, std::uintptr_t callSite) const;
+  void LeaveUnheld();
 
   zr::LockStorage<16> m_section;               // the system critical section
   std::atomic<DWORD> m_owningThread{0};         // last debug-mode or TryEnter owner; Leave keeps it

@@ -39,10 +39,11 @@ namespace {
 thread_local DWORD t_last_error = 0;
 __attribute__((tls_model("initial-exec"))) thread_local DWORD t_thread_id = 0;
 
+[[gnu::noinline, gnu::cold]] DWORD FetchTid() { return t_thread_id = static_cast<DWORD>(::gettid()); }
+
 inline DWORD CurrentTid() {
-  DWORD id = t_thread_id;
-  if (id == 0) t_thread_id = id = static_cast<DWORD>(::gettid());
-  return id;
+  const DWORD id = t_thread_id;
+  return id != 0 ? id : FetchTid();
 }
 
 DWORD Fail(DWORD error, DWORD result = WAIT_FAILED) {
@@ -414,7 +415,8 @@ class HandleTable {
 
   std::vector<NamedSegment*> NamedSegmentsLocked() {
     std::vector<NamedSegment*> out;
-    for (auto& [key, object] : named_) out.push_back(object->segment);
+    for (auto& [key, object] : named_)
+      if (object->segment) out.push_back(object->segment);
     return out;
   }
   std::mutex& mutex() { return mutex_; }
@@ -442,10 +444,8 @@ HandleTable& Table() {
 void Release(Object* object) {
   if (object->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
   if (object->destroy) object->destroy(object->context);
-  if (object->segment) {
-    Table().ForgetNamed(object);
-    CloseNamedSegment(object);
-  }
+  if (!object->key.empty()) Table().ForgetNamed(object);
+  if (object->segment) CloseNamedSegment(object);
   delete object;
 }
 
@@ -578,18 +578,22 @@ bool SegmentValid(const NamedSegment* s, const std::string& key) {
   return std::strncmp(s->key, key.c_str(), kKeyBytes - 1) == 0;
 }
 
+// Not a system error: the shared-memory file system cannot be used (named objects then stay
+// inside the process).
+constexpr DWORD kSharedMemoryUnavailable = 0xFFFF0001u;
+
 // Opens (or, with `create`, creates) the segment of `key`. Returns the object referenced once, or
 // null with *error set. *existed tells whether a live object of that name was there.
 Object* OpenNamed(const std::string& key, const CreateParams* create, DWORD* error, bool* existed) {
   const std::string shm_name = SegmentName(key);
   ControlLock lock;
   if (!lock.held()) {
-    *error = ERROR_ACCESS_DENIED;
+    *error = kSharedMemoryUnavailable;
     return nullptr;
   }
   const int fd = ::shm_open(shm_name.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0600);
   if (fd < 0) {
-    *error = errno == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED;
+    *error = errno == ENOENT && !create ? ERROR_FILE_NOT_FOUND : kSharedMemoryUnavailable;
     return nullptr;
   }
   struct stat st{};
@@ -666,17 +670,23 @@ bool CheckName(const WCHAR* name, DWORD* error) {
   return true;
 }
 
+Object* NewLocalObject(const CreateParams& params) {
+  auto* object = new (std::nothrow) Object;
+  if (!object) return nullptr;
+  object->kind = params.kind;
+  if (params.kind == zr::kHandleSemaphore)
+    object->local.InitSemaphore(params.count, params.maximum, false);
+  else
+    object->local.InitEvent(params.manual, params.initial, false);
+  return object;
+}
+
 HANDLE CreateObject(const WCHAR* name, const CreateParams& params, DWORD access) {
   DWORD error = ERROR_SUCCESS;
   if (!CheckName(name, &error)) return FailNull(error);
   if (zr::WStrLen(name) == 0) {
-    auto* object = new (std::nothrow) Object;
+    Object* object = NewLocalObject(params);
     if (!object) return FailNull(ERROR_NOT_ENOUGH_MEMORY);
-    object->kind = params.kind;
-    if (params.kind == zr::kHandleSemaphore)
-      object->local.InitSemaphore(params.count, params.maximum, false);
-    else
-      object->local.InitEvent(params.manual, params.initial, false);
     t_last_error = ERROR_SUCCESS;
     return Table().Insert(object, access);
   }
@@ -685,7 +695,11 @@ HANDLE CreateObject(const WCHAR* name, const CreateParams& params, DWORD access)
   Object* object = Table().FindNamed(key);
   if (!object) {
     object = OpenNamed(key, &params, &error, &existed);
-    if (!object) return FailNull(error);
+    if (!object && error == kSharedMemoryUnavailable && (object = NewLocalObject(params))) {
+      object->key = key;  // named within this process only
+      existed = false;
+    }
+    if (!object) return FailNull(error == kSharedMemoryUnavailable ? ERROR_NOT_ENOUGH_MEMORY : error);
     if (Object* other = Table().PublishNamed(object)) {  // another thread of ours was quicker
       Release(object);
       object = other;
@@ -709,7 +723,7 @@ HANDLE OpenObject(const WCHAR* name, DWORD kind, DWORD access) {
   if (!object) {
     bool existed = false;
     object = OpenNamed(key, nullptr, &error, &existed);
-    if (!object) return FailNull(error);
+    if (!object) return FailNull(error == kSharedMemoryUnavailable ? ERROR_FILE_NOT_FOUND : error);
     if (Object* other = Table().PublishNamed(object)) {
       Release(object);
       object = other;
@@ -749,7 +763,7 @@ void AfterForkChild() {
 DWORD WaitHandles(DWORD count, const HANDLE* handles, bool wait_all, DWORD milliseconds, DWORD limit) {
   if (count == 0 || count > limit || !handles) return Fail(ERROR_INVALID_PARAMETER);
   Object* objects[MAXIMUM_WAIT_OBJECTS];
-  zr::WaitCore* cores[MAXIMUM_WAIT_OBJECTS];
+  zr::WaitCore* cores[MAXIMUM_WAIT_OBJECTS] = {};
   DWORD held = 0;
   DWORD error = ERROR_SUCCESS;
   for (; held < count && error == ERROR_SUCCESS; ++held) {
@@ -987,7 +1001,7 @@ inline void CpuRelax() {
 #endif
 }
 
-void LockSlow(CRITICAL_SECTION* cs) {
+[[gnu::noinline]] void LockSlow(CRITICAL_SECTION* cs) {
   for (std::uint32_t spin = cs->spin_count; spin != 0; --spin) {
     std::uint32_t expected = 0;
     if (cs->lock_word.load(std::memory_order_relaxed) == 0 &&
@@ -1012,7 +1026,11 @@ BOOL InitializeCriticalSectionAndSpinCount(CRITICAL_SECTION* section, DWORD spin
   return TRUE;
 }
 
-void EnterCriticalSection(CRITICAL_SECTION* section) {
+namespace zr::lib {
+
+DWORD CurrentThreadId() { return CurrentTid(); }
+
+void EnterSection(CRITICAL_SECTION* section) {
   const DWORD me = CurrentTid();
   if (section->owner.load(std::memory_order_relaxed) == me) {
     ++section->recursion;
@@ -1025,7 +1043,7 @@ void EnterCriticalSection(CRITICAL_SECTION* section) {
   section->recursion = 1;
 }
 
-BOOL TryEnterCriticalSection(CRITICAL_SECTION* section) {
+BOOL TryEnterSection(CRITICAL_SECTION* section) {
   const DWORD me = CurrentTid();
   if (section->owner.load(std::memory_order_relaxed) == me) {
     ++section->recursion;
@@ -1039,11 +1057,17 @@ BOOL TryEnterCriticalSection(CRITICAL_SECTION* section) {
   return TRUE;
 }
 
-void LeaveCriticalSection(CRITICAL_SECTION* section) {
+void LeaveSection(CRITICAL_SECTION* section) {
   if (section->owner.load(std::memory_order_relaxed) != CurrentTid()) return;  // not ours: nothing to leave
   if (--section->recursion != 0) return;
   section->owner.store(0, std::memory_order_relaxed);
   if (section->lock_word.exchange(0, std::memory_order_release) == 2) FutexWake(&section->lock_word, false, 1);
 }
+
+}  // namespace zr::lib
+
+void EnterCriticalSection(CRITICAL_SECTION* section) { zr::lib::EnterSection(section); }
+BOOL TryEnterCriticalSection(CRITICAL_SECTION* section) { return zr::lib::TryEnterSection(section); }
+void LeaveCriticalSection(CRITICAL_SECTION* section) { zr::lib::LeaveSection(section); }
 
 void DeleteCriticalSection(CRITICAL_SECTION* section) { section->spin_count = 0; }

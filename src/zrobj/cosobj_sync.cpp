@@ -68,8 +68,8 @@ void GuardedDebugBreak() {
 
 class SectionLock {
  public:
-  explicit SectionLock(CRITICAL_SECTION* section) : section_(section) { EnterCriticalSection(section_); }
-  ~SectionLock() { LeaveCriticalSection(section_); }
+  explicit SectionLock(CRITICAL_SECTION* section) : section_(section) { zr::lib::EnterSection(section_); }
+  ~SectionLock() { zr::lib::LeaveSection(section_); }
   SectionLock(const SectionLock&) = delete;
   SectionLock& operator=(const SectionLock&) = delete;
 
@@ -109,23 +109,24 @@ void COSCriticalSection::Init() {
 void COSCriticalSection::Enter() { Enter(reinterpret_cast<std::uintptr_t>(__builtin_return_address(0))); }
 
 void COSCriticalSection::Enter(std::uintptr_t callSite) {
+  if (IsDebugOn()) return EnterWithDiagnostics(callSite);
+  zr::lib::EnterSection(In<CRITICAL_SECTION>(m_section));
+  LockCnt.store(LockCnt.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
+void COSCriticalSection::EnterWithDiagnostics(std::uintptr_t callSite) {
   CRITICAL_SECTION* section = In<CRITICAL_SECTION>(m_section);
-  if (!IsDebugOn()) {
-    EnterCriticalSection(section);
-    LockCnt.store(LockCnt.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    return;
-  }
   // Owner and count are read without the lock: a diagnostic that may misreport under races.
-  const DWORD self = GetCurrentThreadId();
+  const DWORD self = zr::lib::CurrentThreadId();
   const DWORD count = LockCnt.load(std::memory_order_relaxed);
   const DWORD owner = m_owningThread.load(std::memory_order_relaxed);
   if (count != 0 && owner != self) {
     ReportContention(count, owner, self, callSite);
     const DWORD start = GetTickCount();
-    EnterCriticalSection(section);
+    zr::lib::EnterSection(section);
     wPrintf(3, 5, u"\r%08X entered CS previously blocked by %08X after %u ms", self, owner, GetTickCount() - start);
   } else {
-    EnterCriticalSection(section);
+    zr::lib::EnterSection(section);
   }
   m_owningThread.store(self, std::memory_order_relaxed);
   const DWORD held = LockCnt.load(std::memory_order_relaxed);
@@ -145,9 +146,9 @@ void COSCriticalSection::ReportContention(DWORD count, DWORD owner, DWORD self, 
 }
 
 int COSCriticalSection::TryEnter() {
-  const int entered = TryEnterCriticalSection(In<CRITICAL_SECTION>(m_section));
+  const int entered = zr::lib::TryEnterSection(In<CRITICAL_SECTION>(m_section));
   if (entered) {
-    m_owningThread.store(GetCurrentThreadId(), std::memory_order_relaxed);
+    m_owningThread.store(zr::lib::CurrentThreadId(), std::memory_order_relaxed);
     LockCnt.store(LockCnt.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   }
   return entered;
@@ -155,13 +156,15 @@ int COSCriticalSection::TryEnter() {
 
 void COSCriticalSection::Leave() {
   const DWORD count = LockCnt.load(std::memory_order_relaxed);
-  if (count == 0) {
-    if (IsDebugOn()) wPrintf(3, 1, u"\r\nCOSCriticalSection::Leave: LockCnt==0 on leave, possible deadlock");
-    GuardedDebugBreak();
-  } else {
-    LockCnt.store(count - 1, std::memory_order_relaxed);
-  }
-  LeaveCriticalSection(In<CRITICAL_SECTION>(m_section));
+  if (count == 0) return LeaveUnheld();
+  LockCnt.store(count - 1, std::memory_order_relaxed);
+  zr::lib::LeaveSection(In<CRITICAL_SECTION>(m_section));
+}
+
+void COSCriticalSection::LeaveUnheld() {
+  if (IsDebugOn()) wPrintf(3, 1, u"\r\nCOSCriticalSection::Leave: LockCnt==0 on leave, possible deadlock");
+  GuardedDebugBreak();
+  zr::lib::LeaveSection(In<CRITICAL_SECTION>(m_section));
 }
 
 DWORD COSCriticalSection::GetOwningThread() const { return m_owningThread.load(std::memory_order_relaxed); }
@@ -264,7 +267,7 @@ void COSRWInterlock::DropWaitingWriter() {
 }
 
 void COSRWInterlock::EnterWrite() {
-  const DWORD self = GetCurrentThreadId();
+  const DWORD self = zr::lib::CurrentThreadId();
   if (m_writeOwner.load(std::memory_order_relaxed) == self) {
     uWrite.store(uWrite.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return;
@@ -306,7 +309,7 @@ void COSRWInterlock::LeaveWrite() {
   uWrite.store(depth - 1, std::memory_order_relaxed);
   if (depth != 1) return;
 
-  const DWORD self = GetCurrentThreadId();
+  const DWORD self = zr::lib::CurrentThreadId();
   m_writeOwner.store(0, std::memory_order_relaxed);
   if (m_waitingWriters.load(std::memory_order_relaxed) == 0) {
     SectionLock lock(AsSection(m_section));
@@ -333,7 +336,7 @@ void COSRWInterlock::LeaveWrite() {
 }
 
 void COSRWInterlock::EnterRead() {
-  const DWORD self = GetCurrentThreadId();
+  const DWORD self = zr::lib::CurrentThreadId();
   if (m_writeOwner.load(std::memory_order_relaxed) == self) {
     WriteReadRecursion.store(WriteReadRecursion.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return;
@@ -397,7 +400,7 @@ void COSRWInterlock::RegisterRead(DWORD threadId) {
 }
 
 void COSRWInterlock::LeaveRead() {
-  const DWORD self = GetCurrentThreadId();
+  const DWORD self = zr::lib::CurrentThreadId();
   if (m_writeOwner.load(std::memory_order_relaxed) == self) {
     const DWORD reads = WriteReadRecursion.load(std::memory_order_relaxed);
     if (reads == 0) {
