@@ -150,21 +150,19 @@ BENCHMARK(BM_StdSharedMutex_ReadMostly)->Threads(2)->UseRealTime();
 
 // ---- Event set-to-wake latency: one iteration is a round trip (two wake-ups) ----
 
-constexpr DWORD kForever = 0xFFFFFFFFu;
-
 void BM_COSEvent_PingPong(benchmark::State& state) {
   COSEvent ping, pong;
   std::atomic<bool> stop{false};
   std::thread partner([&] {
     for (;;) {
-      ping.Wait(kForever);
+      ping.Wait(INFINITE);
       if (stop.load()) return;
       pong.Set();
     }
   });
   for (auto _ : state) {
     ping.Set();
-    pong.Wait(kForever);
+    pong.Wait(INFINITE);
   }
   stop = true;
   ping.Set();

@@ -6,20 +6,11 @@
 #include <atomic>
 #include <cstdint>
 
+#include "zrobj/coswait.h"
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
 // Windows values, defined the way the system headers define them so that every family can share them.
-#ifndef INFINITE
-#define INFINITE 0xFFFFFFFFu
-#endif
-#ifndef WAIT_OBJECT_0
-#define WAIT_OBJECT_0 0u
-#define WAIT_ABANDONED_0 0x80u
-#define WAIT_TIMEOUT 258u
-#define WAIT_FAILED 0xFFFFFFFFu
-#define MAXIMUM_WAIT_OBJECTS 64u
-#endif
 #ifndef SYNCHRONIZE
 #define SYNCHRONIZE 0x00100000u
 #define EVENT_MODIFY_STATE 0x0002u
@@ -60,15 +51,6 @@
 #endif
 #ifndef ERROR_TOO_MANY_POSTS
 #define ERROR_TOO_MANY_POSTS 298u
-#endif
-
-#ifndef ZR_SECURITY_ATTRIBUTES_DEFINED
-#define ZR_SECURITY_ATTRIBUTES_DEFINED
-struct SECURITY_ATTRIBUTES {
-  DWORD nLength;
-  void* lpSecurityDescriptor;
-  BOOL bInheritHandle;
-};
 #endif
 
 // ---- Last error and identities ----

@@ -5,28 +5,9 @@
 
 #include <cstdint>
 
+#include "zrobj/coswait.h"
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
-
-#ifndef ZR_SECURITY_ATTRIBUTES_DEFINED
-#define ZR_SECURITY_ATTRIBUTES_DEFINED
-struct SECURITY_ATTRIBUTES {
-  DWORD nLength;
-  void* lpSecurityDescriptor;
-  BOOL bInheritHandle;
-};
-#endif
-
-#ifndef FILE_NOTIFY_CHANGE_FILE_NAME
-#define FILE_NOTIFY_CHANGE_FILE_NAME 0x001u
-#define FILE_NOTIFY_CHANGE_DIR_NAME 0x002u
-#define FILE_NOTIFY_CHANGE_ATTRIBUTES 0x004u
-#define FILE_NOTIFY_CHANGE_SIZE 0x008u
-#define FILE_NOTIFY_CHANGE_LAST_WRITE 0x010u
-#define FILE_NOTIFY_CHANGE_LAST_ACCESS 0x020u
-#define FILE_NOTIFY_CHANGE_CREATION 0x040u
-#define FILE_NOTIFY_CHANGE_SECURITY 0x100u
-#endif
 
 // Last-error values of the waits on objects that do not exist.
 inline constexpr DWORD ZR_ERROR_OBJECT_MISSING = 0x80000000u;
@@ -105,20 +86,6 @@ class ZROBJ_API COSSemaphore : public CNamedOSObject {
   ~COSSemaphore() override;
 
   int Release(LONG count, LONG* previous);
-};
-
-// The directory entry snapshot of the watched file, laid out as the system's find data.
-struct tagZRFINDDATA {
-  DWORD dwFileAttributes;
-  DWORD ftCreationTime[2];
-  DWORD ftLastAccessTime[2];
-  DWORD ftLastWriteTime[2];
-  DWORD nFileSizeHigh;
-  DWORD nFileSizeLow;
-  DWORD dwReserved0;
-  DWORD dwReserved1;
-  WCHAR cFileName[ZR_MAX_PATH];
-  WCHAR cAlternateFileName[14];
 };
 
 // Watches one file through a notification on its directory: a wake-up counts only when the file

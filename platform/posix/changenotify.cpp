@@ -199,9 +199,9 @@ std::uint64_t FileTimeOf(const struct statx_timestamp& t) {
   return units < 0 ? 0 : static_cast<std::uint64_t>(units);
 }
 
-void SetFileTime(zr::FindFileTime* out, std::uint64_t value) {
-  out->dwLowDateTime = static_cast<DWORD>(value);
-  out->dwHighDateTime = static_cast<DWORD>(value >> 32);
+void SetFileTime(DWORD out[2], std::uint64_t value) {
+  out[0] = static_cast<DWORD>(value);
+  out[1] = static_cast<DWORD>(value >> 32);
 }
 
 // The attribute bits: the stored extended attribute (binary 32-bit or text), else from the mode.
@@ -265,18 +265,18 @@ BOOL FindCloseChangeNotification(HANDLE handle) {
 
 namespace zr {
 
-bool GetFindData(const WCHAR* path, FindData* out) {
+bool GetFindData(const WCHAR* path, tagZRFINDDATA* out) {
   if (!out || WStrLen(path) == 0) return false;
   const std::string narrow = Utf16ToUtf8(path);
   struct statx st{};
   if (::statx(AT_FDCWD, narrow.c_str(), 0, STATX_BASIC_STATS | STATX_BTIME, &st) != 0) return false;
   const std::size_t slash = narrow.find_last_of('/');
   const std::string name = slash == std::string::npos ? narrow : narrow.substr(slash + 1);
-  FindData data{};
+  tagZRFINDDATA data{};
   data.dwFileAttributes = AttributesOf(narrow, st, name);
-  SetFileTime(&data.ftCreationTime, FileTimeOf((st.stx_mask & STATX_BTIME) ? st.stx_btime : st.stx_ctime));
-  SetFileTime(&data.ftLastAccessTime, FileTimeOf(st.stx_atime));
-  SetFileTime(&data.ftLastWriteTime, FileTimeOf(st.stx_mtime));
+  SetFileTime(data.ftCreationTime, FileTimeOf((st.stx_mask & STATX_BTIME) ? st.stx_btime : st.stx_ctime));
+  SetFileTime(data.ftLastAccessTime, FileTimeOf(st.stx_atime));
+  SetFileTime(data.ftLastWriteTime, FileTimeOf(st.stx_mtime));
   if (!S_ISDIR(st.stx_mode)) {
     data.nFileSizeHigh = static_cast<DWORD>(st.stx_size >> 32);
     data.nFileSizeLow = static_cast<DWORD>(st.stx_size);

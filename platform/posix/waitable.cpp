@@ -19,9 +19,9 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -253,9 +253,9 @@ bool AcquireAll(DWORD count, zr::WaitCore* const* cores) {
   bool shared = false;
   for (DWORD i = 0; i < count; ++i) shared = shared || cores[i]->shared;
   std::unique_lock<std::mutex> local;
-  std::unique_ptr<ControlLock> across;
+  std::optional<ControlLock> across;
   if (shared)
-    across = std::make_unique<ControlLock>();
+    across.emplace();
   else
     local = std::unique_lock<std::mutex>(g_local_wait_all);
   for (DWORD i = 0; i < count; ++i) {

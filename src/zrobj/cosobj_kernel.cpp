@@ -60,24 +60,6 @@ std::u16string DirectoryOf(const WCHAR* path) {
   return slash == 0 ? u"/" : text.substr(0, slash);
 }
 
-void CopyFileTime(DWORD out[2], const zr::FindFileTime& time) {
-  out[0] = time.dwLowDateTime;
-  out[1] = time.dwHighDateTime;
-}
-
-tagZRFINDDATA EntryOf(const zr::FindData& data) {
-  tagZRFINDDATA entry{};
-  entry.dwFileAttributes = data.dwFileAttributes;
-  CopyFileTime(entry.ftCreationTime, data.ftCreationTime);
-  CopyFileTime(entry.ftLastAccessTime, data.ftLastAccessTime);
-  CopyFileTime(entry.ftLastWriteTime, data.ftLastWriteTime);
-  entry.nFileSizeHigh = data.nFileSizeHigh;
-  entry.nFileSizeLow = data.nFileSizeLow;
-  std::memcpy(entry.cFileName, data.cFileName, sizeof entry.cFileName);
-  std::memcpy(entry.cAlternateFileName, data.cAlternateFileName, sizeof entry.cAlternateFileName);
-  return entry;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -225,8 +207,7 @@ COSFileChangeNotify::COSFileChangeNotify(const WCHAR* path, DWORD filter) : m_fi
   HANDLE handle = FindFirstChangeNotificationW(directory.c_str(), FALSE, m_filter);
   if (handle == INVALID_HANDLE_VALUE) return;
   m_hObject = handle;
-  zr::FindData data;
-  if (zr::GetFindData(m_path, &data)) m_entry = EntryOf(data);
+  zr::GetFindData(m_path, &m_entry);
 }
 
 COSFileChangeNotify::~COSFileChangeNotify() {
@@ -236,14 +217,13 @@ COSFileChangeNotify::~COSFileChangeNotify() {
 DWORD COSFileChangeNotify::VerifyWaitSuccessful(DWORD waitResult) {
   if (!m_hObject) return WAIT_FAILED;
   FindNextChangeNotification(m_hObject);
-  zr::FindData data;
-  if (!zr::GetFindData(m_path, &data)) {
+  tagZRFINDDATA now;
+  if (!zr::GetFindData(m_path, &now)) {
     const bool existed = m_entry.cFileName[0] != 0;
     m_entry = {};
     m_lastChange = existed ? 1u : 0u;
     return existed && (m_filter & 1u) ? waitResult : WAIT_TIMEOUT;
   }
-  const tagZRFINDDATA now = EntryOf(data);
   DWORD changes = std::u16string_view(now.cFileName) != std::u16string_view(m_entry.cFileName) ? 1u : 0u;
   // The attribute test sets the bits to 4, or 5 with a name change: it replaces the name bit.
   if (now.dwFileAttributes != m_entry.dwFileAttributes) changes = changes ? 5u : 4u;

@@ -23,8 +23,6 @@ constexpr char kUsage[] =
     "Exit status: 0 the file changed, 1 time-out or the watch could not be set up,\n"
     "2 bad usage.\n";
 
-constexpr DWORD kWaitTimeout = 258;
-
 int RunWatch(const Args& args);
 const Command kWatch{"watch", "wait until a file changes and say what changed", kUsage, RunWatch};
 
@@ -92,7 +90,7 @@ int RunWatch(const Args& args) {
   COSFileChangeNotify notify(wide.c_str(), filter);
   if (!notify.AssertValid()) return Fail("cannot watch the directory of '" + path.string() + "'");
   const DWORD result = notify.Wait(timeout);
-  if (result == kWaitTimeout) {
+  if (result == WAIT_TIMEOUT) {
     std::fprintf(stderr, "zrtool watch: no change of %s\n", path.string().c_str());
     return 1;
   }
