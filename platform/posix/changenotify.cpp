@@ -68,8 +68,12 @@ class Watcher {
     {
       std::lock_guard lock(mutex_);
       std::erase(records_, record);
-      if (record->wd >= 0 && !WdInUseLocked(record->wd) && inotify_fd_ >= 0) ::inotify_rm_watch(inotify_fd_, record->wd);
-      else if (record->wd >= 0) UpdateMaskLocked(record->directory);
+      if (record->wd >= 0 && inotify_fd_ >= 0) {
+        if (WdInUseLocked(record->wd))
+          UpdateMaskLocked(record->directory);  // the others may no longer want access events
+        else
+          ::inotify_rm_watch(inotify_fd_, record->wd);
+      }
       if (records_.empty() && thread_) {
         const std::uint64_t one = 1;
         [[maybe_unused]] ssize_t n = ::write(wake_fd_, &one, sizeof one);
@@ -243,8 +247,6 @@ HANDLE FindFirstChangeNotificationW(const WCHAR* path, BOOL, DWORD filter) {
   record->core = zr::GetSignalHandleCore(handle, zr::kHandleChangeNotification);
   if (!TheWatcher().Add(record)) {
     const DWORD error = GetLastError();
-    zr::SetSignalHandle(handle);  // keep nothing half-registered: drop the handle without the record
-    record->core = nullptr;
     CloseHandle(handle);  // DestroyRecord frees the record
     SetLastError(error);
     return INVALID_HANDLE_VALUE;

@@ -4,27 +4,27 @@
 #include <optional>
 #include <string>
 
+#include "platform/clock.h"
 #include "platform/dlgsvc.h"
 #include "platform/fault.h"
 #include "platform/platdiag.h"
 #include "platform/text.h"
 #include "platform/waitable.h"
-#include "platform/clock.h"
 #include "zrobj/coslock.h"
 #include "zrobj/zrdiag.h"
 
+namespace {
+constexpr const char* kSourceFile = "src/zrobj/cosobj";  // the source named by beeps and heap records
+constexpr UINT kBeepError = static_cast<UINT>(-1);
+constexpr int kCSHeapLine = 147;
+}  // namespace
+
 namespace zr {
 
-// The heap of critical sections made with new. Every such allocation goes through this pair, which
-// will take its blocks from the "CSHeap" debug heap (recorded as src/zrobj/cosobj, line 147).
-constexpr const char* kCSHeapName = "CSHeap";
-constexpr const char* kCSHeapFile = "src/zrobj/cosobj";
-constexpr int kCSHeapLine = 147;
-
-void* CriticalSectionHeapAlloc(std::size_t size, const char* file, int line) {
-  static_cast<void>(kCSHeapName);
-  static_cast<void>(file);
-  static_cast<void>(line);
+// Every critical section made with new is allocated and freed through this pair. They will take the
+// blocks from the "CSHeap" debug heap, recorded with `file` and `line`; until that heap is wired in,
+// the global allocator serves them.
+void* CriticalSectionHeapAlloc(std::size_t size, [[maybe_unused]] const char* file, [[maybe_unused]] int line) {
   return ::operator new(size, std::nothrow);
 }
 
@@ -34,18 +34,10 @@ void CriticalSectionHeapFree(void* block) { ::operator delete(block); }
 
 namespace {
 
-constexpr const char* kSourceFile = "src/zrobj/cosobj";
-constexpr UINT kBeepError = static_cast<UINT>(-1);
-
 template <class T, std::size_t N>
 T* In(zr::LockStorage<N>& storage) {
   static_assert(sizeof(T) <= N && alignof(T) <= alignof(zr::LockStorage<N>), "storage too small");
   return std::launder(reinterpret_cast<T*>(storage.bytes));
-}
-
-template <class T, std::size_t N>
-const T* In(const zr::LockStorage<N>& storage) {
-  return std::launder(reinterpret_cast<const T*>(storage.bytes));
 }
 
 // The readable form of a code address, when it names a loaded module.
@@ -170,7 +162,7 @@ void COSCriticalSection::LeaveUnheld() {
 DWORD COSCriticalSection::GetOwningThread() const { return m_owningThread.load(std::memory_order_relaxed); }
 
 void* COSCriticalSection::operator new(std::size_t size) noexcept {
-  return zr::CriticalSectionHeapAlloc(size, zr::kCSHeapFile, zr::kCSHeapLine);
+  return zr::CriticalSectionHeapAlloc(size, kSourceFile, kCSHeapLine);
 }
 
 void COSCriticalSection::operator delete(void* block) noexcept { zr::CriticalSectionHeapFree(block); }
