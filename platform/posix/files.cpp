@@ -413,7 +413,7 @@ BOOL CloseFile(FileHandle file) {
   const int e = errno;
   if (!file->delete_on_close.empty()) ::unlink(file->delete_on_close.c_str());
   delete file;
-  return r == 0 || e == EINTR ? Succeed() : Fail(ErrorFromErrno(e));
+  return r == 0 || e == EINTR ? true : Fail(ErrorFromErrno(e));  // success keeps the last error
 }
 
 BOOL ReadFile(FileHandle file, void* buffer, DWORD count, DWORD* done) {
