@@ -6,6 +6,8 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -92,6 +94,8 @@ TEST(CZRFile, OpenResultCodesAndDirectoryCreation) {
   CZRFile other;
   EXPECT_EQ(other.Open(W(dir.File("p/q/always.bin")).c_str(), kRW, 0, zr::kOpenAlways, 0, 0), 0u);
   EXPECT_EQ(file.Open(kGenericRead, 0, zr::kOpenExisting, 0, 0), 0u);  // by the stored name
+  file.Close();
+  EXPECT_EQ(file.Open(file.GetFilename(), kGenericRead, 0, zr::kOpenExisting, 0, 0), 0u);
   EXPECT_EQ(file.GetSize(), 5u);
 
   // A path that does not fit the name is refused, not cut.
@@ -556,6 +560,24 @@ TEST(CZRFile, TransferFromTakesOverTheOpenFile) {
   EXPECT_EQ(target.TransferFrom(target), 1);
   target.Close();
   EXPECT_EQ(zrtest::ReadFile(path), "cached+more");
+}
+
+TEST(CZRFile, ThreadLockAccessHoldsOffOpenAndClose) {
+  zrtest::TempDir dir;
+  CZRFile file(W(dir.File("guarded.bin")).c_str());
+  std::atomic<bool> opened{false};
+  file.ThreadLockAccess();
+  std::thread other([&] {
+    file.Open(kRW, 0, zr::kCreateAlways, 0, 0);
+    opened = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(opened.load());  // still waiting for the critical section
+  EXPECT_EQ(file.GetStatus(), CZRFile::kStatusNeverOpened);
+  file.ThreadUnlockAccess();
+  other.join();
+  EXPECT_TRUE(opened.load());
+  EXPECT_EQ(file.GetStatus(), CZRFile::kStatusReady);
 }
 
 TEST(CZRFile, TimesAndAttributes) {

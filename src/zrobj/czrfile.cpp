@@ -78,6 +78,7 @@ bool CZRFile::IsOpen() const { return file_ != nullptr; }
 bool CZRFile::StoreName(const WCHAR* path) {
   const std::size_t length = zr::WStrLen(path);
   if (length >= ZR_MAX_PATH) return false;
+  if (path == name_) return true;  // the stored name itself
   zr::WStrCopy(name_, ZR_MAX_PATH, std::u16string_view(path ? path : u"", length));
   return true;
 }
