@@ -3,12 +3,14 @@
 
 #include <dlfcn.h>
 #include <limits.h>
+#include <pthread.h>
 #include <pwd.h>
 #include <stdlib.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -20,9 +22,17 @@ namespace {
 
 char g_image_path[4096];
 std::uint32_t g_loading_thread = 0;
+std::atomic<bool> g_loader_is_forking{false};
+
+// A child forked by the loading thread runs on its copy of that thread, which has a new id.
+void BeforeFork() { g_loader_is_forking = CurrentOsThreadId() == g_loading_thread; }
+void InForkedChild() {
+  if (g_loader_is_forking) g_loading_thread = CurrentOsThreadId();
+}
 
 __attribute__((constructor)) void RecordLoadingProcess() {
   g_loading_thread = CurrentOsThreadId();
+  ::pthread_atfork(BeforeFork, nullptr, InForkedChild);
   const ssize_t n = ::readlink("/proc/self/exe", g_image_path, sizeof g_image_path - 1);
   g_image_path[n > 0 ? n : 0] = 0;
 }
