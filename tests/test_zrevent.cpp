@@ -217,7 +217,9 @@ TEST_F(EventLog, ConcurrentLoggersKeepEveryRecordWhole) {
     last_event[t] = e;
   }
   for (int t = 0; t < kThreads; ++t) {
-    if (last_event[t] >= 0) EXPECT_EQ(last_event[t], kEach - 1);
+    if (last_event[t] >= 0) {
+      EXPECT_EQ(last_event[t], kEach - 1);
+    }
   }
   std::lock_guard lock(names_mutex);
   names.clear();
