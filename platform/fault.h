@@ -36,6 +36,10 @@ struct FaultRecord {
   std::uint64_t fault_flags;    // x86 page-fault error code: bit 1 write, bit 4 instruction fetch
   bool has_registers;
   FaultRegisters registers;
+  // The return addresses of the faulting stack, taken before a guard unwinds it (first: `address`).
+  static constexpr int kMaxFrames = 64;
+  int frame_count;
+  std::uintptr_t frames[kMaxFrames];
 };
 
 // The POSIX signal that raises an exception code (SIGSEGV for 0xC0000005, ...); 0 for codes no signal

@@ -15,6 +15,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "platform/platdiag.h"
+
 namespace zr {
 namespace {
 
@@ -145,6 +147,7 @@ void FillRecord(FaultRecord& r, int sig, const siginfo_t* info, const void* cont
     r.fault_flags = 0;
   }
   r.code = ExceptionCodeOf(r);
+  r.frame_count = r.has_registers ? CaptureCallStack(r.registers.rip, r.registers.rbp, r.frames, FaultRecord::kMaxFrames) : 0;
 }
 
 // Gives the signal its default action. A fault raised by the kernel is left to happen again when the

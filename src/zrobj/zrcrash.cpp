@@ -219,11 +219,27 @@ void PrintFrame(std::uintptr_t address) {
   Print("\r\n[%hs + %ud]", static_cast<const char*>(name), static_cast<std::uint64_t>(address - s.symbol_address));
 }
 
-// The stack of the faulting context, walked along its frame pointers.
-void TraceOutException(const CONTEXT* c, int depth) {
-  std::uintptr_t frames[kMaxTraceFrames];
-  const int n = CaptureCallStack(c->Rip, c->Rbp, frames, std::min(depth, kMaxTraceFrames));
-  for (int i = 0; i < n; ++i) PrintFrame(frames[i]);
+// The fault behind exception information, when it came from a signal: the crash being handled on this
+// thread, or the last guarded fault that GetExceptionInfo handed out.
+const FaultRecord* FaultBehind(const EXCEPTION_POINTERS* p) {
+  if (t_fault) return t_fault;
+  return p == &t_guard_pointers ? LastGuardedFault() : nullptr;
+}
+
+// The stack of the faulting context: as taken when the fault happened (a guard has unwound it since),
+// else walked now along the context's frame pointers.
+void TraceOutException(const EXCEPTION_POINTERS* p, int depth) {
+  std::uintptr_t walked[kMaxTraceFrames];
+  const FaultRecord* fault = FaultBehind(p);
+  const std::uintptr_t* frames = walked;
+  int n = 0;
+  if (fault && fault->frame_count > 0) {
+    frames = fault->frames;
+    n = fault->frame_count;
+  } else {
+    n = CaptureCallStack(p->ContextRecord->Rip, p->ContextRecord->Rbp, walked, kMaxTraceFrames);
+  }
+  for (int i = 0; i < n && i < depth; ++i) PrintFrame(frames[i]);
 }
 
 // Whether a fault caught by guarded code is reported, by its entry's trap mode and address bounds.
@@ -473,7 +489,7 @@ void CUnhandledException::AnalyseException(EXCEPTION_POINTERS* pointers, DWORD f
       Print("\r\nException 0x%08X @ 0x%08X", record->ExceptionCode, static_cast<std::uint64_t>(address));
     PrintModuleOffset(address);
   }
-  if (context) TraceOutException(context, flag && (mode & kTrapOneFrame) ? 1 : kMaxTraceFrames);
+  if (context) TraceOutException(pointers, flag && (mode & kTrapOneFrame) ? 1 : kMaxTraceFrames);
   Print("\r\n");
   if (flag && (mode & kTrapBreak)) BreakIntoDebugger();
 }
