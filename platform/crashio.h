@@ -62,6 +62,7 @@ class ZROBJ_API RawFile {
   bool Write(const void* data, std::size_t n);              // at the current position
   bool WriteAt(std::uint64_t offset, const void* data, std::size_t n);
   long Read(void* data, std::size_t n);                      // -1 on error, 0 at the end
+  bool ReadAt(std::uint64_t offset, void* data, std::size_t n);  // exactly n bytes, or false
 
  private:
   int fd_ = -1;

@@ -38,13 +38,15 @@ ZROBJ_API bool FindModule(std::uintptr_t address, ModuleInfo* module);
 // True for modules of the operating system (under /lib, /usr/lib, ... or without a file).
 ZROBJ_API bool IsSystemModule(const char* path);
 
-// The symbol that contains an address, from the dynamic symbol tables.
+// The symbol that contains an address: from the dynamic symbol table, else from the full symbol table
+// of the module's file (static functions, programs not linked for export).
 struct SymbolInfo {
   const char* module_path = "";    // file name of the module (valid while it stays loaded)
   std::uintptr_t module_base = 0;
   const char* symbol = nullptr;    // raw (mangled) name; null when unknown
   std::uintptr_t symbol_address = 0;
   std::size_t symbol_size = 0;     // 0 when unknown
+  char name_storage[512] = {};     // holds a name read from the file
 };
 // False when no module contains the address.
 ZROBJ_API bool LookupSymbol(std::uintptr_t address, SymbolInfo* info);

@@ -61,6 +61,19 @@ long RawFile::Read(void* data, std::size_t n) {
   }
 }
 
+bool RawFile::ReadAt(std::uint64_t offset, void* data, std::size_t n) {
+  char* p = static_cast<char*>(data);
+  while (n > 0 && fd_ >= 0) {
+    const ssize_t done = ::pread(fd_, p, n, static_cast<off_t>(offset));
+    if (done < 0 && errno == EINTR) continue;
+    if (done <= 0) return false;
+    p += done;
+    offset += static_cast<std::uint64_t>(done);
+    n -= static_cast<std::size_t>(done);
+  }
+  return n == 0;
+}
+
 long ReadSmallFile(const char* path, char* buffer, std::size_t capacity) {
   if (!buffer || capacity == 0) return -1;
   buffer[0] = 0;

@@ -7,6 +7,7 @@
 #include <elf.h>
 #include <link.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -141,6 +142,43 @@ bool ParseMapsLine(const char* p, MemoryRegion* r) {
   return true;
 }
 
+// Looks `vaddr` up in the full symbol table (.symtab) of an ELF file, reading it piecewise with pread:
+// no allocation, and every offset checked, as the file may be anything.
+void FindInSymbolTable(const char* path, std::uint64_t vaddr, std::uintptr_t bias, SymbolInfo* info) {
+  RawFile file;
+  ElfW(Ehdr) eh{};
+  if (!file.Open(path, RawFile::Mode::kRead) || !file.ReadAt(0, &eh, sizeof eh)) return;
+  if (std::memcmp(eh.e_ident, ELFMAG, SELFMAG) != 0 || eh.e_ident[EI_CLASS] != ELFCLASS64 ||
+      eh.e_shentsize != sizeof(ElfW(Shdr)))
+    return;
+  ElfW(Shdr) symtab{}, strtab{};
+  bool found = false;
+  for (unsigned i = 0; i < eh.e_shnum && !found; ++i) {
+    if (!file.ReadAt(eh.e_shoff + i * sizeof symtab, &symtab, sizeof symtab)) return;
+    found = symtab.sh_type == SHT_SYMTAB && symtab.sh_entsize == sizeof(ElfW(Sym)) && symtab.sh_link < eh.e_shnum;
+  }
+  if (!found || !file.ReadAt(eh.e_shoff + symtab.sh_link * sizeof strtab, &strtab, sizeof strtab)) return;
+  ElfW(Sym) chunk[256];
+  const std::uint64_t count = symtab.sh_size / sizeof(ElfW(Sym));
+  for (std::uint64_t first = 0; first < count; first += 256) {
+    const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(256, count - first));
+    if (!file.ReadAt(symtab.sh_offset + first * sizeof(ElfW(Sym)), chunk, n * sizeof(ElfW(Sym)))) return;
+    for (std::size_t k = 0; k < n; ++k) {
+      const ElfW(Sym)& s = chunk[k];
+      if (s.st_shndx == SHN_UNDEF || s.st_size == 0 || vaddr < s.st_value || vaddr - s.st_value >= s.st_size) continue;
+      if (s.st_name >= strtab.sh_size) return;
+      const std::size_t room = sizeof info->name_storage - 1;
+      const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(room, strtab.sh_size - s.st_name));
+      if (!file.ReadAt(strtab.sh_offset + s.st_name, info->name_storage, want)) return;
+      info->name_storage[want] = 0;
+      info->symbol = info->name_storage;
+      info->symbol_address = bias + s.st_value;
+      info->symbol_size = s.st_size;
+      return;
+    }
+  }
+}
+
 }  // namespace
 
 int ForEachModule(ModuleVisitor visit, void* context) {
@@ -173,10 +211,19 @@ bool LookupSymbol(std::uintptr_t address, SymbolInfo* info) {
   const auto* sym = static_cast<const ElfW(Sym)*>(entry);
   info->module_base = reinterpret_cast<std::uintptr_t>(dl.dli_fbase);
   info->module_path = dl.dli_fname && dl.dli_fname[0] == '/' ? dl.dli_fname : ProcessImagePath();
-  if (dl.dli_sname && dl.dli_saddr) {
+  const std::size_t size = sym ? static_cast<std::size_t>(sym->st_size) : 0;
+  const auto start = reinterpret_cast<std::uintptr_t>(dl.dli_saddr);
+  if (dl.dli_sname && start && (size == 0 || address - start < size)) {
     info->symbol = dl.dli_sname;
-    info->symbol_address = reinterpret_cast<std::uintptr_t>(dl.dli_saddr);
-    info->symbol_size = sym ? static_cast<std::size_t>(sym->st_size) : 0;
+    info->symbol_address = start;
+    info->symbol_size = size;
+    return true;
+  }
+  Dl_info again{};
+  void* map = nullptr;
+  if (dladdr1(reinterpret_cast<void*>(address), &again, &map, RTLD_DL_LINKMAP) && map) {
+    const std::uintptr_t bias = static_cast<const link_map*>(map)->l_addr;
+    FindInSymbolTable(info->module_path, address - bias, bias, info);
   }
   return true;
 }

@@ -209,8 +209,7 @@ void PrintFrame(std::uintptr_t address) {
     Print("\r\n[<<Unknown>> + %ud]", static_cast<std::uint64_t>(address));
     return;
   }
-  const bool inside = s.symbol && (s.symbol_size == 0 || address - s.symbol_address < s.symbol_size);
-  if (!inside) {
+  if (!s.symbol) {
     Print("\r\n[%hs + %ud]", BaseName(s.module_path), static_cast<std::uint64_t>(address - s.module_base));
     return;
   }
