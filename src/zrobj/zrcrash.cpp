@@ -203,19 +203,22 @@ void PrintModuleOffset(std::uintptr_t address) {
 }
 
 // One frame of the stack trace: the symbol and the distance into it, else the module and the offset.
-void PrintFrame(std::uintptr_t address) {
+// Only the first frame may lie outside every module (a jump to a wild address); beyond it such an
+// address means the walk has left the frame chain (code without frame pointers), and ends the trace.
+bool PrintFrame(std::uintptr_t address, bool first) {
   SymbolInfo s;
   if (!LookupSymbol(address, &s)) {
-    Print("\r\n[<<Unknown>> + %ud]", static_cast<std::uint64_t>(address));
-    return;
+    if (first) Print("\r\n[<<Unknown>> + %ud]", static_cast<std::uint64_t>(address));
+    return false;
   }
   if (!s.symbol) {
     Print("\r\n[%hs + %ud]", BaseName(s.module_path), static_cast<std::uint64_t>(address - s.module_base));
-    return;
+    return true;
   }
   char name[512];
   DemangleName(s.symbol, name, sizeof name);
   Print("\r\n[%hs + %ud]", static_cast<const char*>(name), static_cast<std::uint64_t>(address - s.symbol_address));
+  return true;
 }
 
 // The fault behind exception information, when it came from a signal: the crash being handled on this
@@ -238,7 +241,8 @@ void TraceOutException(const EXCEPTION_POINTERS* p, int depth) {
   } else {
     n = CaptureCallStack(p->ContextRecord->Rip, p->ContextRecord->Rbp, walked, kMaxTraceFrames);
   }
-  for (int i = 0; i < n && i < depth; ++i) PrintFrame(frames[i]);
+  for (int i = 0; i < n && i < depth; ++i)
+    if (!PrintFrame(frames[i], i == 0)) break;
 }
 
 // Whether a fault caught by guarded code is reported, by its entry's trap mode and address bounds.
