@@ -27,29 +27,37 @@ void RawFile::Close() {
   fd_ = -1;
 }
 
-bool RawFile::Write(const void* data, std::size_t n) {
-  const char* p = static_cast<const char*>(data);
-  while (n > 0 && fd_ >= 0) {
-    const ssize_t done = ::write(fd_, p, n);
-    if (done < 0 && errno == EINTR) continue;
-    if (done <= 0) return false;
-    p += done;
-    n -= static_cast<std::size_t>(done);
-  }
-  return n == 0;
-}
+namespace {
 
-bool RawFile::WriteAt(std::uint64_t offset, const void* data, std::size_t n) {
-  const char* p = static_cast<const char*>(data);
-  while (n > 0 && fd_ >= 0) {
-    const ssize_t done = ::pwrite(fd_, p, n, static_cast<off_t>(offset));
+// Repeats a transfer (write, pwrite, pread) until all n bytes are done; false on an error or at the end.
+template <class Byte, class Op>
+bool TransferAll(Byte* p, std::size_t n, std::uint64_t offset, Op op) {
+  while (n > 0) {
+    const ssize_t done = op(p, n, static_cast<off_t>(offset));
     if (done < 0 && errno == EINTR) continue;
     if (done <= 0) return false;
     p += done;
     offset += static_cast<std::uint64_t>(done);
     n -= static_cast<std::size_t>(done);
   }
-  return n == 0;
+  return true;
+}
+
+}  // namespace
+
+bool RawFile::Write(const void* data, std::size_t n) {
+  return fd_ >= 0 && TransferAll(static_cast<const char*>(data), n, 0,
+                                 [this](const char* p, std::size_t k, off_t) { return ::write(fd_, p, k); });
+}
+
+bool RawFile::WriteAt(std::uint64_t offset, const void* data, std::size_t n) {
+  return fd_ >= 0 && TransferAll(static_cast<const char*>(data), n, offset,
+                                 [this](const char* p, std::size_t k, off_t at) { return ::pwrite(fd_, p, k, at); });
+}
+
+bool RawFile::ReadAt(std::uint64_t offset, void* data, std::size_t n) {
+  return fd_ >= 0 && TransferAll(static_cast<char*>(data), n, offset,
+                                 [this](char* p, std::size_t k, off_t at) { return ::pread(fd_, p, k, at); });
 }
 
 long RawFile::Read(void* data, std::size_t n) {
@@ -59,19 +67,6 @@ long RawFile::Read(void* data, std::size_t n) {
     if (done < 0 && errno == EINTR) continue;
     return static_cast<long>(done);
   }
-}
-
-bool RawFile::ReadAt(std::uint64_t offset, void* data, std::size_t n) {
-  char* p = static_cast<char*>(data);
-  while (n > 0 && fd_ >= 0) {
-    const ssize_t done = ::pread(fd_, p, n, static_cast<off_t>(offset));
-    if (done < 0 && errno == EINTR) continue;
-    if (done <= 0) return false;
-    p += done;
-    offset += static_cast<std::uint64_t>(done);
-    n -= static_cast<std::size_t>(done);
-  }
-  return n == 0;
 }
 
 long ReadSmallFile(const char* path, char* buffer, std::size_t capacity) {
