@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdarg>
 #include <mutex>
 #include <new>
@@ -19,9 +18,8 @@
 
 namespace {
 
-// The log's lock. Recursive, as the library's critical section is, and timed so that the crash handler
-// can give up on a holder that crashed.
-using EventLock = std::recursive_timed_mutex;
+// The log's lock, recursive as the library's critical section is.
+using EventLock = std::recursive_mutex;
 
 constexpr int kDefaultHistory = 1024;
 constexpr int kMaxHistory = 65536;             // ~76 MB of records; larger settings are clipped
@@ -257,7 +255,12 @@ namespace zr {
 std::size_t VisitEventRecords(EventVisitor visit, void* context, unsigned wait_ms) {
   if (!visit) return 0;
   EventLogState& s = State();
-  const bool locked = s.lock.try_lock_for(std::chrono::milliseconds(wait_ms));
+  // Polled rather than a timed wait: the crash handler gives up on a holder that crashed.
+  bool locked = s.lock.try_lock();
+  for (unsigned waited = 0; !locked && waited < wait_ms; ++waited) {
+    ::Sleep(1);
+    locked = s.lock.try_lock();
+  }
   const std::size_t n = VisitRing(s, visit, context);
   if (locked) s.lock.unlock();
   return n;
