@@ -97,7 +97,7 @@ thread_local EXCEPTION_POINTERS t_guard_pointers;
 // Formats one piece of the record on the stack and hands it to the dump output.
 template <class... Args>
 void Print(std::string_view format, const Args&... args) {
-  char buffer[1024];
+  char buffer[2048];
   FixedText text(buffer, sizeof buffer);
   text.Format(format, args...);
   dmp_output(buffer);
