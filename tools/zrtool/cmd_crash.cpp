@@ -1,7 +1,5 @@
 // zrtool crash-test: crashes on purpose so that a user can see a crash record (and a minidump);
 // zrtool events: a small demonstration run of the event log, printed as the crash record shows it.
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
