@@ -229,31 +229,55 @@ const FaultRecord* FaultBehind(const EXCEPTION_POINTERS* p) {
 }
 
 // The stack of the faulting context: as taken when the fault happened (a guard has unwound it since),
-// else walked now along the context's frame pointers.
+// else walked now along the context's frame pointers. Returns the number of frames.
+int FaultFrames(const EXCEPTION_POINTERS* p, std::uintptr_t (&walked)[kMaxTraceFrames], const std::uintptr_t** frames) {
+  const FaultRecord* fault = FaultBehind(p);
+  if (fault && fault->frame_count > 0) {
+    *frames = fault->frames;
+    return fault->frame_count;
+  }
+  *frames = walked;
+  return CaptureCallStack(p->ContextRecord->Rip, p->ContextRecord->Rbp, walked, kMaxTraceFrames);
+}
+
 void TraceOutException(const EXCEPTION_POINTERS* p, int depth) {
   std::uintptr_t walked[kMaxTraceFrames];
-  const FaultRecord* fault = FaultBehind(p);
-  const std::uintptr_t* frames = walked;
-  int n = 0;
-  if (fault && fault->frame_count > 0) {
-    frames = fault->frames;
-    n = fault->frame_count;
-  } else {
-    n = CaptureCallStack(p->ContextRecord->Rip, p->ContextRecord->Rbp, walked, kMaxTraceFrames);
-  }
+  const std::uintptr_t* frames = nullptr;
+  const int n = FaultFrames(p, walked, &frames);
   for (int i = 0; i < n && i < depth; ++i)
     if (!PrintFrame(frames[i], i == 0)) break;
 }
 
+bool ContainsNoCase(const char* text, const char* part) {
+  auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+  for (; *text; ++text) {
+    std::size_t k = 0;
+    while (part[k] && text[k] && lower(text[k]) == lower(part[k])) ++k;
+    if (!part[k]) return true;
+  }
+  return !*part;
+}
+
+// Whether a frame of the faulting stack lies in a module whose file name contains `filter`.
+bool StackPassesFilter(const EXCEPTION_POINTERS* p, const char* filter) {
+  std::uintptr_t walked[kMaxTraceFrames];
+  const std::uintptr_t* frames = nullptr;
+  const int n = FaultFrames(p, walked, &frames);
+  ModuleInfo m;
+  for (int i = 0; i < n; ++i)
+    if (FindModule(frames[i], &m) && ContainsNoCase(m.path, filter)) return true;
+  return false;
+}
+
 // Whether a fault caught by guarded code is reported, by its entry's trap mode and address bounds.
-bool GuardedReportWanted(const tagZREXCENTRY* entry, std::uintptr_t address, const CONTEXT* c) {
+bool GuardedReportWanted(const tagZREXCENTRY* entry, const EXCEPTION_POINTERS* p, std::uintptr_t address) {
   if (!entry) return true;
   if (entry->dwTrapMode & kTrapSuppress) return false;
   if (entry->lower < entry->upper && (address < entry->lower || address >= entry->upper)) return false;
-  if ((entry->dwTrapMode & kTrapFilter) && c) {
+  if ((entry->dwTrapMode & kTrapFilter) && p->ContextRecord) {
     char filter[sizeof entry->szFilter + 1] = {};
     std::memcpy(filter, entry->szFilter, sizeof entry->szFilter);
-    if (!WalkCallStack(c->Rip, c->Rbp, -1, filter)) return false;
+    if (!StackPassesFilter(p, filter)) return false;
   }
   return true;
 }
@@ -471,7 +495,7 @@ void CUnhandledException::AnalyseException(EXCEPTION_POINTERS* pointers, DWORD f
   const tagZREXCENTRY* entry = index >= 0 ? &ZROBJ_GetExceptionTable()[index] : nullptr;
   const DWORD mode = entry ? entry->dwTrapMode : 0;
   const std::uintptr_t address = record ? reinterpret_cast<std::uintptr_t>(record->ExceptionAddress) : 0;
-  if (flag && !GuardedReportWanted(entry, address, context)) return;
+  if (flag && !GuardedReportWanted(entry, pointers, address)) return;
 
   if (record)
     Print("\r\nException 0x%08X @ 0x%08X\r\n", record->ExceptionCode, static_cast<std::uint64_t>(address));
