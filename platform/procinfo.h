@@ -1,0 +1,56 @@
+// Facts about the process and the machine for crash records: thread ids, the program's file, memory
+// figures, local and file times broken down, and the user and computer names. The functions marked
+// "signal-safe" neither allocate nor take locks and may run inside the crash handler.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "zrobj/export.h"
+
+namespace zr {
+
+// OS id of the calling thread (gettid); signal-safe.
+ZROBJ_API std::uint32_t CurrentOsThreadId();
+// The process id; signal-safe.
+ZROBJ_API std::uint32_t CurrentProcessId();
+// OS id of the thread that loaded the library.
+ZROBJ_API std::uint32_t LoadingThreadId();
+
+// Full file name of the program's executable, as found at load; "" when unknown. Signal-safe.
+ZROBJ_API const char* ProcessImagePath();
+
+// The library's version as its real file name carries it ("1.0.0" of libzrobju.so.1.0.0); false when
+// the file name has none.
+ZROBJ_API bool GetLibraryVersionText(char* buffer, std::size_t capacity);
+
+// System figures as the crash record prints them (bytes, a percentage for the load).
+struct SystemFigures {
+  std::uint32_t processors = 0;
+  std::uint32_t memory_load = 0;  // percent of physical memory in use
+  std::uint64_t total_physical = 0, available_physical = 0;
+  std::uint64_t total_pageable = 0, available_pageable = 0;  // commit limit and what is left of it
+  std::uint64_t total_virtual = 0, available_virtual = 0;    // user address space and what is unused
+};
+// Signal-safe (reads /proc with plain system calls); false when /proc could not be read.
+ZROBJ_API bool GetSystemFigures(SystemFigures* figures);
+
+// A moment broken down like a Windows SYSTEMTIME.
+struct CivilTime {
+  std::uint16_t year = 0, month = 0, weekday = 0, day = 0;  // month 1..12, weekday 0 = Sunday
+  std::uint16_t hour = 0, minute = 0, second = 0, millisecond = 0;
+};
+// The current local time. Reads the time zone once beforehand (PrepareLocalTime) so that the call
+// inside the crash handler neither allocates nor opens files.
+ZROBJ_API void PrepareLocalTime();
+ZROBJ_API CivilTime LocalTimeNow();
+// A file time (100 ns units since 1601-01-01 UTC) broken down in UTC; signal-safe.
+ZROBJ_API CivilTime FileTimeToCivil(std::uint64_t file_time);
+
+// The user's logon name and the computer name (host name upper-cased, cut to 15 characters), each
+// overridden by ZROBJ_USERNAME / ZROBJ_COMPUTERNAME. "" when unknown. Not signal-safe: read them
+// beforehand.
+ZROBJ_API void GetUserLogonName(char* buffer, std::size_t capacity);
+ZROBJ_API void GetComputerNameText(char* buffer, std::size_t capacity);
+
+}  // namespace zr

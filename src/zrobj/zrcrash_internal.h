@@ -1,0 +1,26 @@
+// What the crash handler and its minidump writer share inside the library.
+#pragma once
+
+#include "platform/fault.h"
+#include "zrobj/zrcrash.h"
+
+namespace zr {
+
+struct MinidumpRequest {
+  const char* path = nullptr;
+  const EXCEPTION_POINTERS* pointers = nullptr;  // with a context; required
+  const FaultRecord* fault = nullptr;            // the signal behind the exception, when known
+  DWORD thread_id = 0;                           // the crashing thread
+  int level = 1;                                 // 1 normal, 2 with data segments, 3+ full memory
+  const void* user_block = nullptr;              // the thread register's dump
+  unsigned long user_size = 0;
+};
+
+// Writes the MDMP file (always overwritten); false when it could not be written completely.
+// Allocates nothing: it runs inside the crash handler.
+bool WriteMinidump(const MinidumpRequest& request);
+
+// Builds the exception information of a fault; the context is filled only when the fault has one.
+bool ExceptionFromFault(const FaultRecord& fault, EXCEPTION_RECORD* record, CONTEXT* context);
+
+}  // namespace zr

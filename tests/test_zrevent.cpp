@@ -1,0 +1,246 @@
+// The event log: record layout, ring wrap-around, cut and missing texts, logging switched off,
+// concurrent loggers, and the line the crash record prints for each record.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstddef>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/clock.h"
+#include "platform/procinfo.h"
+#include "platform/text.h"
+#include "test_support.h"
+#include "zrobj/zrcrash.h"
+#include "zrobj/zrevent.h"
+#include "zrobj/zrobj.h"
+
+namespace {
+
+std::string TextOf(const tagEVENTRECORD& r) { return zr::Utf16ToUtf8(r.szText); }
+std::string NameOf(const tagEVENTRECORD& r) { return zr::Utf16ToUtf8(r.szThreadName); }
+std::uint64_t TimeOf(const tagEVENTRECORD& r) {
+  return (static_cast<std::uint64_t>(r.ftTime.dwHighDateTime) << 32) | r.ftTime.dwLowDateTime;
+}
+
+// Every test starts from a freshly started log.
+class EventLog : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    CEventLogger::Exit();
+    CEventLogger::Init();
+  }
+  void TearDown() override {
+    zr::SetThreadInfoProvider(nullptr);
+    CEventLogger::Exit();
+  }
+};
+
+TEST_F(EventLog, RecordLayoutIsFixed) {
+  EXPECT_EQ(sizeof(tagEVENTRECORD), 1168u);
+  EXPECT_EQ(offsetof(tagEVENTRECORD, dwEventNo), 0u);
+  EXPECT_EQ(offsetof(tagEVENTRECORD, dwThreadId), 4u);
+  EXPECT_EQ(offsetof(tagEVENTRECORD, szThreadName), 8u);
+  EXPECT_EQ(offsetof(tagEVENTRECORD, szText), 136u);
+  EXPECT_EQ(offsetof(tagEVENTRECORD, ftTime), 1160u);
+}
+
+TEST_F(EventLog, RecordsEventsOldestFirstAndOverwritesTheOldest) {
+  const DWORD capacity = CEventLogger::GetCapacity();
+  ASSERT_EQ(capacity, 1024u);  // the default "HistorySize"
+  EXPECT_TRUE(CEventLogger::GetEventList().empty());
+
+  const std::uint64_t before = zr::GetSystemTimeAsFileTime();
+  CEventLogger::LogEvent(u"first event %d", 1);
+  const std::uint64_t after = zr::GetSystemTimeAsFileTime();
+  zr::EventList list = CEventLogger::GetEventList();
+  ASSERT_EQ(list.size(), 1u);
+  const tagEVENTRECORD& first = list.records[0];
+  EXPECT_EQ(first.dwEventNo, 0u);
+  EXPECT_EQ(first.dwThreadId, zr::CurrentOsThreadId());
+  EXPECT_EQ(NameOf(first), "<<Main>>");  // the tests run on the thread that loaded the library
+  EXPECT_EQ(TextOf(first), "first event 1");
+  EXPECT_GE(TimeOf(first), before);
+  EXPECT_LE(TimeOf(first), after);
+
+  // capacity + 1 events in all: event 0 is gone, 1 .. capacity remain, oldest first.
+  for (DWORD i = 1; i <= capacity; ++i) CEventLogger::LogEvent(u"event %u", i);
+  list = CEventLogger::GetEventList();
+  ASSERT_EQ(list.size(), capacity);
+  for (DWORD i = 0; i < capacity; ++i) {
+    ASSERT_EQ(list.records[i].dwEventNo, i + 1);
+    ASSERT_EQ(TextOf(list.records[i]), "event " + std::to_string(i + 1));
+  }
+  // A restarted log numbers from 0 again.
+  CEventLogger::Exit();
+  CEventLogger::Init();
+  CEventLogger::LogEvent(u"after restart");
+  list = CEventLogger::GetEventList();
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(list.records[0].dwEventNo, 0u);
+}
+
+TEST_F(EventLog, CutsLongTextsAndDescribesMissingFormats) {
+  const std::u16string long_text(600, u'x');
+  CEventLogger::LogEvent(u"%s", long_text.c_str());
+  CEventLogger::LogEvent(u"%5000d", 7);  // more than the 4096-byte formatting buffer
+  CEventLogger::LogEvent(nullptr);
+  CEventLogger::LogEvent(u"");
+  CEventLogger::LogEvent(u"%hs=%d %s %I64u %.2f %c %ld %zu %x%%", "narrow", -5, u"wide", 1ull << 40, 2.5, 'Z',
+                         -7L, std::size_t{12}, 255u);
+  const zr::EventList list = CEventLogger::GetEventList();
+  ASSERT_EQ(list.size(), 5u);
+  EXPECT_EQ(TextOf(list.records[0]), std::string(511, 'x'));
+  EXPECT_EQ(list.records[0].szText[511], u'\0');
+  EXPECT_EQ(TextOf(list.records[1]), std::string(511, ' '));
+  EXPECT_EQ(TextOf(list.records[2]), "No description");
+  EXPECT_EQ(TextOf(list.records[3]), "No description");
+  EXPECT_EQ(TextOf(list.records[4]), "narrow=-5 wide 1099511627776 2.50 Z -7 12 ff%");
+
+  // A thread name longer than the field is cut to 63 characters.
+  static const zr::ThreadInfoProvider long_names{
+      [](DWORD, WCHAR* buffer, unsigned length) {
+        zr::WStrCopy(buffer, length, std::u16string(100, u'n'));
+        return true;
+      },
+      nullptr, nullptr};
+  zr::SetThreadInfoProvider(&long_names);
+  CEventLogger::LogEvent(u"named");
+  EXPECT_EQ(NameOf(CEventLogger::GetEventList().records.back()), std::string(63, 'n'));
+}
+
+TEST_F(EventLog, SwitchedOffLogsNothing) {
+  CEventLogger::Exit();
+  EXPECT_EQ(CEventLogger::GetCapacity(), 0u);
+  CEventLogger::LogEvent(u"dropped %d", 1);
+  EXPECT_TRUE(CEventLogger::GetEventList().empty());
+  EXPECT_EQ(zr::VisitEventRecords([](const tagEVENTRECORD&, void*) {}, nullptr, 0), 0u);
+  // Init while running keeps the log as it is.
+  CEventLogger::Init();
+  CEventLogger::LogEvent(u"kept");
+  CEventLogger::Init();
+  EXPECT_EQ(CEventLogger::GetEventList().size(), 1u);
+}
+
+TEST_F(EventLog, HistorySizeZeroFromTheSettingsSwitchesLoggingOff) {
+  const char* home = std::getenv("ZROBJ_HOME");
+  ASSERT_NE(home, nullptr);
+  const std::string vst = std::string(home) + "/ZRO.VST";
+  std::filesystem::create_directories(home);
+  const std::string saved = zrtest::ReadFile(vst);
+  ASSERT_TRUE(zrtest::WriteFile(vst, "[EventLog]\nHistorySize=0\n"));
+  const int stored = ZROBJ_GetCurrentSettingInt("EventLog", "HistorySize", 1024, 0);
+  if (stored != 0) {
+    zrtest::WriteFile(vst, saved);
+    GTEST_SKIP() << "the settings store of this build does not read ZRO.VST yet";
+  }
+  CEventLogger::Exit();
+  CEventLogger::Init();
+  EXPECT_EQ(CEventLogger::GetCapacity(), 0u);
+  CEventLogger::LogEvent(u"dropped");
+  EXPECT_TRUE(CEventLogger::GetEventList().empty());
+  zrtest::WriteFile(vst, saved);
+}
+
+TEST_F(EventLog, ConcurrentLoggersKeepEveryRecordWhole) {
+  constexpr int kThreads = 4;
+  constexpr int kEach = 600;
+  static std::mutex names_mutex;
+  static std::map<DWORD, std::u16string> names;
+  static const zr::ThreadInfoProvider named{
+      [](DWORD id, WCHAR* buffer, unsigned length) {
+        std::lock_guard lock(names_mutex);
+        const auto it = names.find(id);
+        if (it == names.end()) return false;
+        zr::WStrCopy(buffer, length, it->second);
+        return true;
+      },
+      nullptr, nullptr};
+  zr::SetThreadInfoProvider(&named);
+
+  std::atomic<bool> go{false};
+  std::atomic<bool> done{false};
+  std::map<int, DWORD> ids;
+  std::mutex ids_mutex;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([&, t] {
+      const DWORD id = zr::CurrentOsThreadId();
+      {
+        std::lock_guard lock(names_mutex);
+        names[id] = u"worker " + zr::Utf8ToUtf16(std::to_string(t));
+      }
+      {
+        std::lock_guard lock(ids_mutex);
+        ids[t] = id;
+      }
+      while (!go.load()) std::this_thread::yield();
+      for (int i = 0; i < kEach; ++i) CEventLogger::LogEvent(u"thread %d event %d", t, i);
+    });
+  // A reader copies the log while the writers run: every copy is in order.
+  bool reader_ok = true;
+  std::thread reader([&] {
+    while (!done.load()) {
+      const zr::EventList list = CEventLogger::GetEventList();
+      for (std::size_t i = 1; i < list.size(); ++i) reader_ok &= list.records[i].dwEventNo == list.records[i - 1].dwEventNo + 1;
+    }
+  });
+  go = true;
+  for (std::thread& t : threads) t.join();
+  done = true;
+  reader.join();
+  EXPECT_TRUE(reader_ok);
+
+  const zr::EventList list = CEventLogger::GetEventList();
+  ASSERT_EQ(list.size(), 1024u);
+  const std::regex pattern("thread ([0-9]) event ([0-9]+)");
+  int last_event[kThreads] = {-1, -1, -1, -1};
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    const tagEVENTRECORD& r = list.records[i];
+    ASSERT_EQ(r.dwEventNo, kThreads * kEach - 1024 + i);
+    std::smatch m;
+    const std::string text = TextOf(r);
+    ASSERT_TRUE(std::regex_match(text, m, pattern)) << text;
+    const int t = std::stoi(m[1]);
+    const int e = std::stoi(m[2]);
+    EXPECT_EQ(r.dwThreadId, ids[t]);
+    EXPECT_EQ(NameOf(r), "worker " + std::to_string(t));
+    // What remains of a thread is a run of its latest events, in order, without gaps.
+    if (last_event[t] >= 0) {
+      EXPECT_EQ(e, last_event[t] + 1);
+    }
+    last_event[t] = e;
+  }
+  for (int t = 0; t < kThreads; ++t) {
+    if (last_event[t] >= 0) {
+      EXPECT_EQ(last_event[t], kEach - 1);
+    }
+  }
+  std::lock_guard lock(names_mutex);
+  names.clear();
+}
+
+TEST_F(EventLog, FormatsTheCrashRecordLine) {
+  tagEVENTRECORD r{};
+  r.dwEventNo = 7;
+  r.dwThreadId = 0x1A2B;
+  zr::WStrCopy(r.szThreadName, 64, u"worker");
+  zr::WStrCopy(r.szText, 512, u"hello \u00e9");
+  const std::uint64_t ft = 133536855091230000ull;  // 2024-02-29 13:05:09.123 UTC
+  r.ftTime.dwLowDateTime = static_cast<DWORD>(ft);
+  r.ftTime.dwHighDateTime = static_cast<DWORD>(ft >> 32);
+  char line[256];
+  const std::size_t n = zr::FormatEventRecord(r, line, sizeof line);
+  EXPECT_EQ(std::string(line, n), "\r* 7     29.2.2024 13:5:9:123 Thread 00001A2B [worker] hello \xc3\xa9\r\n");
+  // A field without its terminator is read only within the field.
+  std::fill(std::begin(r.szThreadName), std::end(r.szThreadName), u'a');
+  zr::FormatEventRecord(r, line, sizeof line);
+  EXPECT_NE(std::string(line).find("[" + std::string(63, 'a') + "]"), std::string::npos);
+}
+
+}  // namespace
