@@ -10,6 +10,7 @@
 
 #include "platform/clock.h"
 #include "platform/diag_capture.h"
+#include "test_support.h"
 #include "platform/wformat.h"
 #include "zrobj/cfheap.h"
 #include "zrobj/zrdiag.h"
@@ -183,6 +184,7 @@ TEST(CFHeap, WhollyFreeBlocksAreReleasedOnlyAfterTwoMinutes) {
 }
 
 TEST(CFHeap, DestructionReportsItemsNotFreed) {
+  zrtest::ScopedQuietBeep quiet_beep;
   zr::ScopedDiagCapture capture;
   {
     CFHeap clean("Clean", 64, 64, 0);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/diag_capture.h"
+#include "test_support.h"
 #include "platform/privheap.h"
 #include "platform/wformat.h"
 #include "zrobj/cheap.h"
@@ -295,6 +296,7 @@ TEST(CHeap, AllocationFailures) {
 }
 
 TEST(CHeap, WatchModeRecordsTracesAndDumps) {
+  zrtest::ScopedQuietBeep quiet_beep;
   FakeSettings settings;
   FakeSettings::values = {{"Watched/Watch", 1}, {"Neighbour/Watch", 1}};
   DebugMode debug(1);

@@ -4,6 +4,8 @@
 #include <functional>
 #include <string>
 
+#include "platform/desktop.h"
+
 namespace zrtest {
 
 // A fresh directory under $ZROBJ_TEST_HOME (or /tmp), removed with its contents on destruction.
@@ -33,5 +35,23 @@ ChildResult RunChild(const std::function<int()>& body, int timeout_ms = 60000);
 // Whole file contents ("" when unreadable) and writing a whole file.
 std::string ReadFile(const std::string& path);
 bool WriteFile(const std::string& path, const std::string& data);
+
+// Makes MessageBeep silent (no diagnostics line of its own) for the scope, so tests can compare the
+// library's own report lines exactly.
+class ScopedQuietBeep {
+ public:
+  ScopedQuietBeep() {
+    zr::DesktopHandlers quiet = zr::SetDesktopHandlers({});
+    previous_ = quiet;
+    quiet.message_beep = [](UINT) { return BOOL{1}; };
+    zr::SetDesktopHandlers(quiet);
+  }
+  ~ScopedQuietBeep() { zr::SetDesktopHandlers(previous_); }
+  ScopedQuietBeep(const ScopedQuietBeep&) = delete;
+  ScopedQuietBeep& operator=(const ScopedQuietBeep&) = delete;
+
+ private:
+  zr::DesktopHandlers previous_;
+};
 
 }  // namespace zrtest
