@@ -13,6 +13,7 @@
 #include "platform/text.h"
 #include "platform/waitable.h"
 #include "sync_test_util.h"
+#include "zrobj/cheap.h"
 #include "zrobj/coslock.h"
 
 namespace {
@@ -197,8 +198,15 @@ TEST(COSAutoLock, GuardsAndIdentifiesItself) {
 }
 
 TEST(CSharedCriticalSection, ReferenceCounting) {
+  CHeap* cs_heap = zr::GetLibraryHeap("CSHeap");
+  ASSERT_NE(cs_heap, nullptr);
+  unsigned int items_before = 0;
+  cs_heap->GetHeapState(items_before);
   CSharedCriticalSection* cs = CSharedCriticalSection::Create();
   ASSERT_NE(cs, nullptr);
+  unsigned int items = 0;
+  cs_heap->GetHeapState(items);
+  EXPECT_EQ(items, items_before + 1);  // sections made with new live in "CSHeap"
   EXPECT_EQ(cs->GetRefCount(), 1u);
   EXPECT_EQ(cs->Lock(), 1);
   EXPECT_EQ(cs->GetRefCount(), 2u);
@@ -208,6 +216,8 @@ TEST(CSharedCriticalSection, ReferenceCounting) {
   cs->Destroy();
   EXPECT_EQ(cs->GetRefCount(), 1u);
   cs->Destroy();  // the last reference frees it (AddressSanitizer checks the rest)
+  cs_heap->GetHeapState(items);
+  EXPECT_EQ(items, items_before);
 }
 
 // ---- COSRWInterlock, one thread ----

@@ -10,6 +10,7 @@
 #include "platform/platdiag.h"
 #include "platform/text.h"
 #include "platform/waitable.h"
+#include "zrobj/cheap.h"
 #include "zrobj/coslock.h"
 #include "zrobj/zrdiag.h"
 
@@ -21,14 +22,23 @@ constexpr int kCSHeapLine = 147;
 
 namespace zr {
 
-// Every critical section made with new is allocated and freed through this pair. They will take the
-// blocks from the "CSHeap" debug heap, recorded with `file` and `line`; until that heap is wired in,
-// the global allocator serves them.
-void* CriticalSectionHeapAlloc(std::size_t size, [[maybe_unused]] const char* file, [[maybe_unused]] int line) {
-  return ::operator new(size, std::nothrow);
+// Every critical section made with new lives in the "CSHeap" debug heap, recorded with `file` and
+// `line`, so leaked sections show up in that heap's leak report.
+namespace {
+CHeap* CriticalSectionHeap() {
+  static CHeap* const heap = GetLibraryHeap("CSHeap");
+  return heap;
+}
+}  // namespace
+
+void* CriticalSectionHeapAlloc(std::size_t size, const char* file, int line) {
+  return CriticalSectionHeap()->Alloc(static_cast<unsigned long>(size), 0, file, line,
+                                      reinterpret_cast<unsigned long>(__builtin_return_address(0)));
 }
 
-void CriticalSectionHeapFree(void* block) { ::operator delete(block); }
+void CriticalSectionHeapFree(void* block) {
+  if (block) CriticalSectionHeap()->Free(block, 0);
+}
 
 }  // namespace zr
 

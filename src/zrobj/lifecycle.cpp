@@ -7,6 +7,7 @@
 #include "platform/clock.h"
 #include "platform/desktop.h"
 #include "platform/dlgsvc.h"
+#include "platform/fault.h"
 #include "platform/module.h"
 #include "platform/threadexit.h"
 #include "platform/wformat.h"
@@ -142,6 +143,7 @@ namespace zr {
 void EnsureThreadAttached() {
   if (t_attached) return;
   MarkCurrentThreadAttached();
+  PrepareSignalStack();  // so a fault on this thread, even a stack overflow, reaches the crash handler
   ZROBJ_DllMain(g_module, DLL_THREAD_ATTACH, nullptr);
 }
 

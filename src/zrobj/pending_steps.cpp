@@ -63,11 +63,6 @@ void ExitThreadRegister() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Pending: CEventLogger (event log).
-void InitEventLog() {}
-void ExitEventLog() {}
-
-// ---------------------------------------------------------------------------------------------
 // Pending: COSAutoThread (auto threads).
 void AutoThreadsAppInit() {}
 void AutoThreadsAppExit() {}

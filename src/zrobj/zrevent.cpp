@@ -13,6 +13,7 @@
 #include "platform/fault.h"
 #include "platform/procinfo.h"
 #include "platform/wformat.h"
+#include "zrobj/lifecycle_steps.h"
 #include "zrobj/zrcrash.h"
 #include "zrobj/zrobj.h"
 
@@ -282,3 +283,7 @@ std::size_t FormatEventRecord(const tagEVENTRECORD& r, char* buffer, std::size_t
 }
 
 }  // namespace zr
+
+// The event log's steps of the library's attach and detach sequence.
+void zr::steps::InitEventLog() { CEventLogger::Init(); }
+void zr::steps::ExitEventLog() { CEventLogger::Exit(); }
