@@ -47,8 +47,8 @@ ZROBJ_API CivilTime LocalTimeNow();
 // A file time (100 ns units since 1601-01-01 UTC) broken down in UTC; signal-safe.
 ZROBJ_API CivilTime FileTimeToCivil(std::uint64_t file_time);
 
-// The user's logon name and the computer name (host name upper-cased, cut to 15 characters), each
-// overridden by ZROBJ_USERNAME / ZROBJ_COMPUTERNAME. "" when unknown. Not signal-safe: read them
+// The user's logon name and the computer name as UTF-8, from identity.h (ZROBJ_USERNAME and
+// ZROBJ_COMPUTERNAME override them). "" when unknown. Not signal-safe: read them
 // beforehand.
 ZROBJ_API void GetUserLogonName(char* buffer, std::size_t capacity);
 ZROBJ_API void GetComputerNameText(char* buffer, std::size_t capacity);

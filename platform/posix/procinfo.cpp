@@ -4,7 +4,6 @@
 #include <dlfcn.h>
 #include <limits.h>
 #include <pthread.h>
-#include <pwd.h>
 #include <stdlib.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -16,6 +15,8 @@
 #include <cstring>
 
 #include "platform/crashio.h"
+#include "platform/identity.h"
+#include "platform/text.h"
 
 namespace zr {
 namespace {
@@ -154,26 +155,19 @@ CivilTime FileTimeToCivil(std::uint64_t file_time) {
   return t;
 }
 
-void GetUserLogonName(char* buffer, std::size_t capacity) {
-  const std::size_t kAll = static_cast<std::size_t>(-1);
-  if (const char* v = std::getenv("ZROBJ_USERNAME"); v && *v) return CopyCut(buffer, capacity, v, kAll);
-  char scratch[1024];
-  passwd entry{};
-  passwd* found = nullptr;
-  if (::getpwuid_r(::geteuid(), &entry, scratch, sizeof scratch, &found) == 0 && found && found->pw_name)
-    return CopyCut(buffer, capacity, found->pw_name, kAll);
-  for (const char* name : {"USER", "LOGNAME"})
-    if (const char* v = std::getenv(name); v && *v) return CopyCut(buffer, capacity, v, kAll);
-  CopyCut(buffer, capacity, "", 0);
+// The crash record names the user and computer as the rest of the library does (identity.h).
+namespace {
+using IdentityQuery = bool (*)(WCHAR*, DWORD*);
+void QueryAsUtf8(IdentityQuery query, char* buffer, std::size_t capacity) {
+  WCHAR wide[256] = {};
+  DWORD length = 256;
+  const std::string text = query(wide, &length) ? Utf16ToUtf8(std::u16string_view(wide, length)) : std::string();
+  CopyCut(buffer, capacity, text.c_str(), static_cast<std::size_t>(-1));
 }
+}  // namespace
 
-void GetComputerNameText(char* buffer, std::size_t capacity) {
-  if (const char* v = std::getenv("ZROBJ_COMPUTERNAME"); v && *v)
-    return CopyCut(buffer, capacity, v, static_cast<std::size_t>(-1));
-  char host[256] = {};
-  if (::gethostname(host, sizeof host - 1) != 0) host[0] = 0;
-  for (char* c = host; *c; ++c) *c = static_cast<char>(std::toupper(static_cast<unsigned char>(*c)));
-  CopyCut(buffer, capacity, host, 15);
-}
+void GetUserLogonName(char* buffer, std::size_t capacity) { QueryAsUtf8(&QueryUserName, buffer, capacity); }
+
+void GetComputerNameText(char* buffer, std::size_t capacity) { QueryAsUtf8(&QueryComputerName, buffer, capacity); }
 
 }  // namespace zr
