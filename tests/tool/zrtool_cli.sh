@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# End-to-end checks of zrtool: exit statuses, round trips and hostile input. Usage: zrtool_cli.sh ZRTOOL
+set -u
+tool=$1
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+failures=0
+check() {  # check DESCRIPTION EXPECTED_STATUS COMMAND...
+  local what=$1 want=$2; shift 2
+  "$@" >"$work/out" 2>"$work/err"
+  local got=$?
+  if [ "$got" -ne "$want" ]; then
+    echo "FAIL: $what: exit $got, wanted $want"; cat "$work/err"; failures=$((failures + 1))
+  fi
+}
+
+check "help" 0 "$tool" --help
+check "no command" 2 "$tool"
+check "unknown command" 2 "$tool" no-such-command
+check "command help" 0 "$tool" rle --help
+check "bad rle usage" 2 "$tool" rle shrink a b
+
+# Run-length round trips with strides 1 and 3 reproduce the input byte for byte.
+head -c 300000 /dev/urandom > "$work/noise"
+{ for i in $(seq 1 2000); do printf 'aaaaaaaaaaaaaaaabbbbbbbbcd'; done; } > "$work/runs"
+cat "$work/noise" "$work/runs" > "$work/mixed"
+for stride in 1 3; do
+  check "rle compress stride $stride" 0 "$tool" rle compress --stride "$stride" "$work/mixed" "$work/mixed.zrle"
+  check "rle decompress stride $stride" 0 "$tool" rle decompress "$work/mixed.zrle" "$work/mixed.out"
+  cmp -s "$work/mixed" "$work/mixed.out" || { echo "FAIL: rle round trip stride $stride differs"; failures=$((failures + 1)); }
+done
+
+# A damaged container is refused with status 1 and leaves nothing at OUT; so is a missing file.
+cp "$work/mixed.zrle" "$work/damaged.zrle"
+printf '\xff\xff\xff\xff' | dd of="$work/damaged.zrle" bs=1 seek=40 conv=notrunc status=none
+rm -f "$work/damaged.out"
+check "damaged rle container" 1 "$tool" rle decompress "$work/damaged.zrle" "$work/damaged.out"
+[ ! -e "$work/damaged.out" ] || { echo "FAIL: damaged container left output"; failures=$((failures + 1)); }
+head -c 100 "$work/mixed.zrle" > "$work/cut.zrle"
+check "truncated rle container" 1 "$tool" rle decompress "$work/cut.zrle" "$work/cut.out"
+check "random bytes as container" 1 "$tool" rle decompress "$work/noise" "$work/noise.out"
+check "missing input" 1 "$tool" crc1615 "$work/does-not-exist"
+
+# The checksum of a file and of the same bytes on standard input agree.
+"$tool" crc1615 "$work/runs" | awk '{print $1}' > "$work/crc.file"
+"$tool" crc1615 - < "$work/runs" | awk '{print $1}' > "$work/crc.stdin"
+cmp -s "$work/crc.file" "$work/crc.stdin" || { echo "FAIL: crc1615 of file and stdin differ"; failures=$((failures + 1)); }
+
+# Settings written through the tool are read back through it.
+export ZROBJ_HOME="$work/home"
+check "settings set" 0 "$tool" settings set --vst Tool Title "night edit"
+"$tool" settings get --vst Tool Title > "$work/title" 2>/dev/null
+grep -q "night edit" "$work/title" || { echo "FAIL: settings value not read back"; failures=$((failures + 1)); }
+
+if [ "$failures" -ne 0 ]; then echo "$failures zrtool check(s) failed"; exit 1; fi
+echo "zrtool checks passed"
