@@ -2,8 +2,8 @@
 // counted byte-range locks and an optional memory-mapped view; it keeps its name when closed.
 #pragma once
 
-#include <mutex>
 
+#include "zrobj/coslock.h"
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
@@ -90,13 +90,12 @@ class ZROBJ_API CZRFile {
   static BOOL WasModifiedSince(const WCHAR* path, const FILETIME* time);
   static BOOL TouchFile(const WCHAR* path);
 
-  void ThreadLockAccess() { section_.lock(); }
-  void ThreadUnlockAccess() { section_.unlock(); }
+  void ThreadLockAccess() { section_.Enter(); }
+  void ThreadUnlockAccess() { section_.Leave(); }
 
  private:
-  // The object's critical section; a type of its own so that the library's critical-section class
-  // can take its place.
-  using CriticalSection = std::recursive_mutex;
+  // The object's critical section (recursive, with owner diagnostics).
+  using CriticalSection = COSCriticalSection;
 
   unsigned int OpenStored(DWORD access, DWORD share, DWORD creation, DWORD flags, DWORD cacheSize);
   bool StoreName(const WCHAR* path);

@@ -88,7 +88,7 @@ bool CZRFile::StoreName(const WCHAR* path) {
 unsigned int CZRFile::Open(const WCHAR* path, DWORD access, DWORD share, DWORD creation, DWORD flags,
                            DWORD cacheSize) {
   if (IsOpen()) return kAlreadyOpen;
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (IsOpen()) return kAlreadyOpen;
   if (!StoreName(path)) return kOpenFailed;
   return OpenStored(access, share, creation, flags, cacheSize);
@@ -101,7 +101,7 @@ unsigned int CZRFile::Open(DWORD access, DWORD share, DWORD creation, DWORD flag
 unsigned int CZRFile::OpenStored(DWORD access, DWORD share, DWORD creation, DWORD flags, DWORD cacheSize) {
   if (IsOpen()) return kAlreadyOpen;
   if (name_[0] == 0) return kNoName;
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (IsOpen()) return kAlreadyOpen;
   zr::FileHandle file = zr::CreateFileW(name_, access, share, creation, flags);
   if (file == zr::kInvalidFile) {
@@ -142,7 +142,7 @@ int CZRFile::Close() {
     }
     WarningMsg(u"CLOSE HISTORY", ZR_CALLER_ADDRESS(), ZR_CURRENT_FRAME());
   }
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (!IsOpen()) return 1;
   RemoveView();
   if (IsWritable()) FlushCache();
@@ -311,20 +311,20 @@ int CZRFile::FileUnlock(DWORD offset, DWORD length) {
 
 int CZRFile::Delete() {
   if (name_[0] == 0) return 0;
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (IsOpen()) Close();
   return zr::DeleteFileW(name_);
 }
 
 int CZRFile::Name(const WCHAR* newPath) {
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (IsOpen()) return 0;
   return StoreName(newPath) ? 1 : 0;
 }
 
 int CZRFile::Move(const WCHAR* newPath) {
   if (name_[0] == 0 || zr::WStrLen(newPath) == 0) return 0;
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (IsOpen() || zr::WStrLen(newPath) >= ZR_MAX_PATH) return 0;
   if (!zr::MoveFileW(name_, newPath)) return 0;
   StoreName(newPath);
@@ -333,7 +333,7 @@ int CZRFile::Move(const WCHAR* newPath) {
 
 int CZRFile::Copy(const WCHAR* targetPath, BOOL failIfExists) {
   if (name_[0] == 0 || zr::WStrLen(targetPath) == 0) return 0;
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (IsOpen()) return 0;
   return zr::CopyFileW(name_, targetPath, failIfExists) ? 1 : 0;
 }
@@ -341,14 +341,14 @@ int CZRFile::Copy(const WCHAR* targetPath, BOOL failIfExists) {
 int CZRFile::Rename(const WCHAR* newFileName) {
   const std::u16string_view file_name(newFileName ? newFileName : u"");
   if (file_name.empty() || file_name.find(u'/') != std::u16string_view::npos) return 0;
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   std::u16string path(name_, DirectoryLength(name_));
   path += file_name;
   return Move(path.c_str());
 }
 
 int CZRFile::Touch(const WCHAR* newPath) {
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (zr::WStrLen(newPath) != 0 && std::u16string_view(newPath) != std::u16string_view(name_)) {
     Close();
     if (!Move(newPath)) return 0;
@@ -360,7 +360,7 @@ int CZRFile::Touch(const WCHAR* newPath) {
 // Runs `fn` with the open handle, or with one opened for the call (existing files only).
 template <class Fn>
 int CZRFile::WithTimeHandle(bool write, Fn&& fn) {
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (IsOpen()) return fn(AsFile(file_));
   if (name_[0] == 0) return 0;
   const DWORD access = write ? zr::kGenericRead | zr::kGenericWrite : zr::kGenericRead;
@@ -438,7 +438,7 @@ void CZRFile::RemoveView() {
 
 void* CZRFile::MapFile(DWORD access, DWORD share, DWORD creation, DWORD flags, DWORD pageProtection, DWORD offset,
                        DWORD size, const WCHAR* mappingName, DWORD viewAccess, DWORD mapFlags) {
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (view_address_) return nullptr;
   const bool none_given = access == kNoValue && share == kNoValue && creation == kNoValue && flags == kNoValue;
   const bool all_given = access != kNoValue && share != kNoValue && creation != kNoValue && flags != kNoValue;
@@ -499,14 +499,14 @@ void* CZRFile::MapOpenFile(bool writable, DWORD offset, DWORD size, DWORD mapFla
 }
 
 void* CZRFile::MapFileR(DWORD size, DWORD offset, DWORD mapFlags) {
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (IsOpen()) return IsReadable() ? MapOpenFile(false, offset, size, mapFlags) : nullptr;
   return MapFile(zr::kGenericRead, 0, zr::kOpenExisting, kMapDefaultFlags, zr::kPageReadOnly, offset, size, nullptr,
                  zr::kFileMapRead, mapFlags);
 }
 
 void* CZRFile::MapFileRW(BOOL create, DWORD size, DWORD offset, DWORD mapFlags) {
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (IsOpen()) {
     if (create || !IsReadable() || !IsWritable()) return nullptr;
     return MapOpenFile(true, offset, size, mapFlags);
@@ -516,7 +516,7 @@ void* CZRFile::MapFileRW(BOOL create, DWORD size, DWORD offset, DWORD mapFlags) 
 }
 
 void* CZRFile::RemapFile(DWORD size, DWORD offset, DWORD mapFlags) {
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (!view_address_) return nullptr;
   const bool opened_by_mapping = !(map_flags_ & kMapKeepsFileOpen);
   RemoveView();  // the file stays open
@@ -530,7 +530,7 @@ void* CZRFile::RemapFile(DWORD size, DWORD offset, DWORD mapFlags) {
 }
 
 int CZRFile::UnmapFile() {
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (view_address_) {
     RemoveView();
     if (!(map_flags_ & kMapKeepsFileOpen)) Close();
@@ -540,7 +540,7 @@ int CZRFile::UnmapFile() {
 }
 
 int CZRFile::FlushView(const void* address, DWORD length) {
-  std::lock_guard guard(section_);
+  COSAutoLock guard(&section_);
   if (!view_address_) return 0;
   const auto at = reinterpret_cast<std::uintptr_t>(address);
   const auto base = reinterpret_cast<std::uintptr_t>(view_address_);
@@ -553,7 +553,11 @@ int CZRFile::FlushView(const void* address, DWORD length) {
 
 int CZRFile::TransferFrom(CZRFile& other) {
   if (&other == this) return 1;
-  std::scoped_lock both(section_, other.section_);
+  // Both sections, always in address order, so two opposite transfers cannot deadlock.
+  CZRFile* first = this < &other ? this : &other;
+  CZRFile* second = first == this ? &other : this;
+  COSAutoLock lock_first(&first->section_);
+  COSAutoLock lock_second(&second->section_);
   if (!Close()) return 0;
   file_ = other.file_;
   mapping_ = other.mapping_;
