@@ -11,12 +11,6 @@
 namespace zr::steps {
 
 // ---------------------------------------------------------------------------------------------
-// Pending: TlsManager (thread-local slots). Nothing to set up until slots exist.
-BOOL InitThreadSlots() { return TRUE; }
-void ExitThreadSlotsOfThread() {}
-void ExitThreadSlots() {}
-
-// ---------------------------------------------------------------------------------------------
 // Pending: CZRRuntimeClass (class registry) and the class records of CZRRTObject / CZRObject.
 BOOL InitClassRegistry() { return TRUE; }
 void ExitClassRegistry() {}
