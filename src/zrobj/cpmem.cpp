@@ -47,6 +47,14 @@ std::atomic_ref<std::int32_t> RefOf(tagMEMHEADER* header) { return std::atomic_r
 
 void* DataOf(tagMEMHEADER* header) { return reinterpret_cast<char*>(header) + kHeaderSize; }
 
+// Reads a header the handle has not checked yet. With debug output on the read is guarded so that
+// a damaged handle is reported; otherwise it is a plain copy, keeping a handle copy at one atomic.
+bool ReadHeader(const tagMEMHEADER* header, tagMEMHEADER* copy) {
+  if (IsDebugOn()) return zr::ProbeRead(header, copy, sizeof *copy);
+  std::memcpy(copy, header, sizeof *copy);
+  return true;
+}
+
 void Warn(const char16_t* text, std::uintptr_t caller) { WarningMsg(text, caller, ZR_CURRENT_FRAME()); }
 
 }  // namespace
@@ -68,7 +76,17 @@ void CPMemory::RelocateMemory(void* oldData, unsigned long oldAllocSize, void* n
   std::memmove(newData, oldData, oldAllocSize < newSize ? oldAllocSize : newSize);
 }
 
-DWORD CPMemory::OwnClassID() const { return GetHashID(GetClassID()); }
+// Class names are literals, so the last name seen on this thread caches its hash id.
+DWORD CPMemory::OwnClassID() const {
+  thread_local const char* last_name = nullptr;
+  thread_local DWORD last_id = 0;
+  const char* name = GetClassID();
+  if (name != last_name) {
+    last_id = GetHashID(name);
+    last_name = name;
+  }
+  return last_id;
+}
 
 bool CPMemory::HeaderMatches(const tagMEMHEADER* header) {
   return header->dwSignature == CPMEM_SIGNATURE && header->dwClassID == OwnClassID() &&
@@ -143,7 +161,7 @@ int CPMemory::Free() {
   flags_ = 0;
   if (header == nullptr) return result;
   tagMEMHEADER copy;
-  if (!zr::ProbeRead(header, &copy, sizeof copy)) {
+  if (!ReadHeader(header, &copy)) {
     wPrintf(3, 0, u"\rCPMemory::Free exception\r\n");
     return result;
   }
@@ -171,7 +189,7 @@ void CPMemory::CopyCPMemory(const CPMemory& source) {
     return;
   }
   tagMEMHEADER copy;
-  if (zr::ProbeRead(header, &copy, sizeof copy) && copy.dwSignature == CPMEM_SIGNATURE &&
+  if (ReadHeader(header, &copy) && copy.dwSignature == CPMEM_SIGNATURE &&
       copy.dwClassID == OwnClassID() && copy.pMalloc == malloc && copy.dwAllocSize != 0 && copy.iRef != 0) {
     if (RefOf(header).fetch_add(1, std::memory_order_acq_rel) + 1 <= 1) {
       Warn(u"CPMemory::CopyCPMemory: iRef confusion!", ZR_CALLER_ADDRESS());
