@@ -83,6 +83,18 @@ TEST(CPMemory, GrowthInPlaceAndRelocation) {
   EXPECT_EQ(a.GetHeader(), nullptr);
 }
 
+TEST(CPMemory, LoadReallocCopiesSharedBlocks) {
+  CPMemory a;
+  ASSERT_EQ(a.LoadRealloc(8), 1);
+  std::memcpy(a.GetDataPtr(), "abcdefgh", 8);
+  CPMemory b(a);
+  ASSERT_EQ(b.LoadRealloc(16), 1);  // shared: b moves to a block of its own
+  EXPECT_NE(b.GetCDataPtr(), a.GetCDataPtr());
+  EXPECT_EQ(std::memcmp(b.GetCDataPtr(), "abcdefgh", 8), 0);
+  EXPECT_EQ(a.GetSize(), 8u);
+  EXPECT_EQ(b.GetSize(), 16u);
+}
+
 TEST(CPMemory, ReadOnlyAndWriteCasts) {
   DebugMode debug(1);
   zr::ScopedDiagCapture capture;
@@ -145,7 +157,10 @@ TEST(CPMemory, UnreadableHeaderReported) {
   std::memcpy(storage + sizeof(void*), &bad, sizeof bad);
   EXPECT_EQ(m->AssertMem(), 0);
   EXPECT_TRUE(Has(capture.Text(), "\rCPMemory::AssertMem: pMH != NULL, but bad access\r\n"));
-  m->Clean();
+  capture.Clear();
+  EXPECT_EQ(m->Free(), 1);
+  EXPECT_TRUE(Has(capture.Text(), "\rCPMemory::Free exception\r\n"));
+  EXPECT_EQ(m->GetHeader(), nullptr);
   std::memcpy(storage + sizeof(void*), &real, sizeof real);
   m->~CPMemory();
 }
