@@ -51,7 +51,14 @@ void* DataOf(tagMEMHEADER* header) { return reinterpret_cast<char*>(header) + kH
 // a damaged handle is reported; otherwise it is a plain copy, keeping a handle copy at one atomic.
 bool ReadHeader(const tagMEMHEADER* header, tagMEMHEADER* copy) {
   if (IsDebugOn()) return zr::ProbeRead(header, copy, sizeof *copy);
-  std::memcpy(copy, header, sizeof *copy);
+  // Field by field: other handles of the block change the count concurrently, atomically.
+  copy->dwSignature = header->dwSignature;
+  copy->dwClassID = header->dwClassID;
+  copy->iRef = RefOf(const_cast<tagMEMHEADER*>(header)).load(std::memory_order_acquire);
+  copy->dwAllocSize = header->dwAllocSize;
+  copy->dwSize = header->dwSize;
+  copy->dwReserved = header->dwReserved;
+  copy->pMalloc = header->pMalloc;
   return true;
 }
 
