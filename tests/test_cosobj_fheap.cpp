@@ -17,11 +17,7 @@
 
 namespace {
 
-struct DebugMode {
-  explicit DebugMode(DWORD mode) : old(IsDebugOn()) { SetDebugMode(mode); }
-  ~DebugMode() { SetDebugMode(old); }
-  DWORD old;
-};
+using zrtest::DebugMode;
 
 // Time that moves only when the test says so.
 struct FakeClock {

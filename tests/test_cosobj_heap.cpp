@@ -19,11 +19,7 @@
 
 namespace {
 
-struct DebugMode {
-  explicit DebugMode(DWORD mode) : old(IsDebugOn()) { SetDebugMode(mode); }
-  ~DebugMode() { SetDebugMode(old); }
-  DWORD old;
-};
+using zrtest::DebugMode;
 
 // Stands in for the settings store, so the tests pass with or without a real "ZRO.INI".
 struct FakeSettings {

@@ -8,17 +8,14 @@
 #include <gtest/gtest.h>
 
 #include "platform/diag_capture.h"
+#include "test_support.h"
 #include "zrobj/coslock.h"
 #include "zrobj/cpmem.h"
 #include "zrobj/zrdiag.h"
 
 namespace {
 
-struct DebugMode {
-  explicit DebugMode(DWORD mode) : old(IsDebugOn()) { SetDebugMode(mode); }
-  ~DebugMode() { SetDebugMode(old); }
-  DWORD old;
-};
+using zrtest::DebugMode;
 
 class OtherMemory : public CPMemory {
  public:

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/desktop.h"
+#include "zrobj/zrdiag.h"
 
 namespace zrtest {
 
@@ -35,6 +36,15 @@ ChildResult RunChild(const std::function<int()>& body, int timeout_ms = 60000);
 // Whole file contents ("" when unreadable) and writing a whole file.
 std::string ReadFile(const std::string& path);
 bool WriteFile(const std::string& path, const std::string& data);
+
+// Sets the library's debug mode for the scope and restores the previous one.
+struct DebugMode {
+  explicit DebugMode(DWORD mode) : old(IsDebugOn()) { SetDebugMode(mode); }
+  ~DebugMode() { SetDebugMode(old); }
+  DebugMode(const DebugMode&) = delete;
+  DebugMode& operator=(const DebugMode&) = delete;
+  DWORD old;
+};
 
 // Makes MessageBeep silent (no diagnostics line of its own) for the scope, so tests can compare the
 // library's own report lines exactly.
