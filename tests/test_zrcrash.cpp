@@ -309,12 +309,15 @@ TEST(Minidump, LevelsWriteDumpsThatLldbOpens) {
     const std::uint64_t stack_start = d.At<std::uint64_t>(threads + 4 + 24);
     EXPECT_LE(stack_start, d.At<std::uint64_t>(context + 152));
     EXPECT_GT(d.At<std::uint32_t>(threads + 4 + 32), 0u);
-    // The program is among the modules; the user stream names the main thread.
+    // The program is among the modules; the user stream holds the thread register's dump (count,
+    // then id, length and name per thread), which names the crashing (forked main) thread.
     const std::u16string self16 = zr::Utf8ToUtf16(SelfPath());
     EXPECT_NE(d.bytes.find(std::string(reinterpret_cast<const char*>(self16.data()), self16.size() * 2)), std::string::npos);
     const std::uint32_t user = d.Rva(zr::kMinidumpThreadDumpStream);
     EXPECT_EQ(d.At<std::uint32_t>(user), 1u);
-    EXPECT_EQ(d.At<char16_t>(user + 8), u'<');
+    EXPECT_EQ(d.At<std::uint32_t>(user + 4), d.At<std::uint32_t>(threads + 4));
+    EXPECT_EQ(d.At<std::uint32_t>(user + 8), 8u);
+    EXPECT_EQ(d.At<char16_t>(user + 12), u'<');
     memory_bytes[level] = d.streams.at(memory_stream).first;
     if (level >= 3) memory_bytes[level] = d.At<std::uint64_t>(d.Rva(9));  // the number of ranges
     else memory_bytes[level] = d.At<std::uint32_t>(d.Rva(5));

@@ -22,6 +22,19 @@
 
 namespace {
 
+// The event list as GetEventList hands it out, copied into a vector for easy checks.
+struct Events {
+  std::vector<tagEVENTRECORD> records;
+  bool empty() const { return records.empty(); }
+  std::size_t size() const { return records.size(); }
+};
+Events EventList() {
+  const CPMemory block = CEventLogger::GetEventList();
+  EXPECT_EQ(block.GetSize() % sizeof(tagEVENTRECORD), 0u);
+  const auto records = zr::EventRecords(block);
+  return Events{{records.begin(), records.end()}};
+}
+
 std::string TextOf(const tagEVENTRECORD& r) { return zr::Utf16ToUtf8(r.szText); }
 std::string NameOf(const tagEVENTRECORD& r) { return zr::Utf16ToUtf8(r.szThreadName); }
 std::uint64_t TimeOf(const tagEVENTRECORD& r) {
@@ -53,12 +66,12 @@ TEST_F(EventLog, RecordLayoutIsFixed) {
 TEST_F(EventLog, RecordsEventsOldestFirstAndOverwritesTheOldest) {
   const DWORD capacity = CEventLogger::GetCapacity();
   ASSERT_EQ(capacity, 1024u);  // the default "HistorySize"
-  EXPECT_TRUE(CEventLogger::GetEventList().empty());
+  EXPECT_TRUE(EventList().empty());
 
   const std::uint64_t before = zr::GetSystemTimeAsFileTime();
   CEventLogger::LogEvent(u"first event %d", 1);
   const std::uint64_t after = zr::GetSystemTimeAsFileTime();
-  zr::EventList list = CEventLogger::GetEventList();
+  Events list = EventList();
   ASSERT_EQ(list.size(), 1u);
   const tagEVENTRECORD& first = list.records[0];
   EXPECT_EQ(first.dwEventNo, 0u);
@@ -70,7 +83,7 @@ TEST_F(EventLog, RecordsEventsOldestFirstAndOverwritesTheOldest) {
 
   // capacity + 1 events in all: event 0 is gone, 1 .. capacity remain, oldest first.
   for (DWORD i = 1; i <= capacity; ++i) CEventLogger::LogEvent(u"event %u", i);
-  list = CEventLogger::GetEventList();
+  list = EventList();
   ASSERT_EQ(list.size(), capacity);
   for (DWORD i = 0; i < capacity; ++i) {
     ASSERT_EQ(list.records[i].dwEventNo, i + 1);
@@ -80,7 +93,7 @@ TEST_F(EventLog, RecordsEventsOldestFirstAndOverwritesTheOldest) {
   CEventLogger::Exit();
   CEventLogger::Init();
   CEventLogger::LogEvent(u"after restart");
-  list = CEventLogger::GetEventList();
+  list = EventList();
   ASSERT_EQ(list.size(), 1u);
   EXPECT_EQ(list.records[0].dwEventNo, 0u);
 }
@@ -93,7 +106,7 @@ TEST_F(EventLog, CutsLongTextsAndDescribesMissingFormats) {
   CEventLogger::LogEvent(u"");
   CEventLogger::LogEvent(u"%hs=%d %s %I64u %.2f %c %ld %zu %x%%", "narrow", -5, u"wide", 1ull << 40, 2.5, 'Z',
                          -7L, std::size_t{12}, 255u);
-  const zr::EventList list = CEventLogger::GetEventList();
+  const Events list = EventList();
   ASSERT_EQ(list.size(), 5u);
   EXPECT_EQ(TextOf(list.records[0]), std::string(511, 'x'));
   EXPECT_EQ(list.records[0].szText[511], u'\0');
@@ -111,20 +124,20 @@ TEST_F(EventLog, CutsLongTextsAndDescribesMissingFormats) {
       nullptr, nullptr};
   zr::SetThreadInfoProvider(&long_names);
   CEventLogger::LogEvent(u"named");
-  EXPECT_EQ(NameOf(CEventLogger::GetEventList().records.back()), std::string(63, 'n'));
+  EXPECT_EQ(NameOf(EventList().records.back()), std::string(63, 'n'));
 }
 
 TEST_F(EventLog, SwitchedOffLogsNothing) {
   CEventLogger::Exit();
   EXPECT_EQ(CEventLogger::GetCapacity(), 0u);
   CEventLogger::LogEvent(u"dropped %d", 1);
-  EXPECT_TRUE(CEventLogger::GetEventList().empty());
+  EXPECT_TRUE(EventList().empty());
   EXPECT_EQ(zr::VisitEventRecords([](const tagEVENTRECORD&, void*) {}, nullptr, 0), 0u);
   // Init while running keeps the log as it is.
   CEventLogger::Init();
   CEventLogger::LogEvent(u"kept");
   CEventLogger::Init();
-  EXPECT_EQ(CEventLogger::GetEventList().size(), 1u);
+  EXPECT_EQ(EventList().size(), 1u);
 }
 
 TEST_F(EventLog, HistorySizeZeroFromTheSettingsSwitchesLoggingOff) {
@@ -143,7 +156,7 @@ TEST_F(EventLog, HistorySizeZeroFromTheSettingsSwitchesLoggingOff) {
   CEventLogger::Init();
   EXPECT_EQ(CEventLogger::GetCapacity(), 0u);
   CEventLogger::LogEvent(u"dropped");
-  EXPECT_TRUE(CEventLogger::GetEventList().empty());
+  EXPECT_TRUE(EventList().empty());
   zrtest::WriteFile(vst, saved);
 }
 
@@ -186,7 +199,7 @@ TEST_F(EventLog, ConcurrentLoggersKeepEveryRecordWhole) {
   bool reader_ok = true;
   std::thread reader([&] {
     while (!done.load()) {
-      const zr::EventList list = CEventLogger::GetEventList();
+      const Events list = EventList();
       for (std::size_t i = 1; i < list.size(); ++i) reader_ok &= list.records[i].dwEventNo == list.records[i - 1].dwEventNo + 1;
     }
   });
@@ -196,7 +209,7 @@ TEST_F(EventLog, ConcurrentLoggersKeepEveryRecordWhole) {
   reader.join();
   EXPECT_TRUE(reader_ok);
 
-  const zr::EventList list = CEventLogger::GetEventList();
+  const Events list = EventList();
   ASSERT_EQ(list.size(), 1024u);
   const std::regex pattern("thread ([0-9]) event ([0-9]+)");
   int last_event[kThreads] = {-1, -1, -1, -1};

@@ -4,8 +4,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
+#include <span>
 
+#include "zrobj/cpmem.h"
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
@@ -25,12 +26,12 @@ static_assert(sizeof(tagEVENTRECORD) == 1168, "event record layout");
 inline constexpr DWORD ZR_EVENT_UNUSED = 0xFFFFFFFFu;
 
 namespace zr {
-// A copy of the event log, oldest event first, only the records in use.
-struct EventList {
-  std::vector<tagEVENTRECORD> records;
-  bool empty() const { return records.empty(); }
-  std::size_t size() const { return records.size(); }
-};
+// The records of a block that CEventLogger::GetEventList returned.
+inline std::span<const tagEVENTRECORD> EventRecords(const CPMemory& list) {
+  const void* data = list.GetCDataPtr();
+  if (!data) return {};
+  return {static_cast<const tagEVENTRECORD*>(data), list.GetSize() / sizeof(tagEVENTRECORD)};
+}
 }  // namespace zr
 
 class ZROBJ_API CEventLogger {
@@ -46,8 +47,9 @@ class ZROBJ_API CEventLogger {
   // towards the caller.
   static void LogEvent(const WCHAR* format, ...);
 
-  // A copy of the records in use, oldest first; empty while logging is off.
-  static zr::EventList GetEventList();
+  // A new block holding a copy of the records in use, oldest first (unused records are not
+  // copied); its size is a whole number of records, 0 while logging is off. See zr::EventRecords.
+  static CPMemory GetEventList();
 
   // Number of records of the ring (0 while logging is off).
   static DWORD GetCapacity();

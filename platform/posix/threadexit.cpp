@@ -29,6 +29,15 @@ bool ArmThreadExitForCurrentThread() {
   return g_key_valid && pthread_setspecific(g_key, &g_key) == 0;
 }
 
+void RunThreadExitNow() {
+  {
+    std::lock_guard lock(g_key_mutex);
+    if (!g_key_valid || pthread_getspecific(g_key) == nullptr) return;
+    pthread_setspecific(g_key, nullptr);
+  }
+  OnThreadExit(nullptr);
+}
+
 void DisarmThreadExit() {
   std::lock_guard lock(g_key_mutex);
   if (!g_key_valid) return;

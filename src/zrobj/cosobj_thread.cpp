@@ -1,217 +1,267 @@
-// The thread register: a table of {thread id, name in "ThreadHeap"} growing by 16 entries, the
-// "exited" and busy-statistics lines when a thread unregisters, and dumps for crash records.
-#include "zrobj/costhread.h"
-
-#include <algorithm>
-#include <cstdint>
+// CThread, an owned thread whose status the object and its start function keep, and COSAutoThread,
+// self-deleting threads with a creator handshake in a table of 128 that shutdown empties.
 #include <cstring>
 #include <new>
 
 #include "platform/clock.h"
-#include "platform/dlgsvc.h"
 #include "platform/fault.h"
 #include "platform/privheap.h"
-#include "platform/threadtimes.h"
+#include "platform/text.h"
+#include "platform/threads.h"
 #include "platform/waitable.h"
-#include "zrobj/cheap.h"
+#include "platform/wformat.h"
 #include "zrobj/coslock.h"
+#include "zrobj/costhread.h"
+#include "zrobj/frame_internal.h"
+#include "zrobj/lifecycle_steps.h"
+#include "zrobj/zrcrash.h"
 #include "zrobj/zrdiag.h"
 
 namespace {
 
-constexpr unsigned kGrowBy = 16;
+constexpr DWORD kCxxExceptionCode = 0xE06D7363u;  // the code C++ exceptions are raised with
+constexpr DWORD kDestructorGraceMs = 20;
+constexpr DWORD kAutoThreadExitWaitMs = 100;
 
-struct Entry {
-  DWORD thread_id;
-  WCHAR* name;
+struct ThreadCall {
+  ZR_THREAD_FN fn;
+  void* parameter;
+  DWORD result;
+  bool threw;
 };
 
-struct RegisterTable {
-  Entry* entries = nullptr;
-  unsigned count = 0;
-  unsigned capacity = 0;
-  bool enabled = true;
+void CallCatchingExceptions(void* context) {
+  auto* call = static_cast<ThreadCall*>(context);
+  try {
+    call->result = call->fn(call->parameter);
+  } catch (...) {
+    call->threw = true;
+  }
+}
+
+// Runs a thread function; false when it ended by a C++ exception or a fault, which has then been
+// reported through the exception analysis.
+bool RunThreadFunction(ZR_THREAD_FN fn, void* parameter, DWORD* result) {
+  ThreadCall call{fn, parameter, 0, false};
+  const std::uint32_t fault = zr::GuardedCall(CallCatchingExceptions, &call);
+  *result = call.result;
+  if (fault != 0) {
+    CUnhandledException::AnalyseException(CUnhandledException::GetExceptionInfo(), 1);
+    return false;
+  }
+  if (!call.threw) return true;
+  EXCEPTION_RECORD record{};
+  record.ExceptionCode = kCxxExceptionCode;
+  record.ExceptionAddress = reinterpret_cast<void*>(fn);
+  EXCEPTION_POINTERS pointers{&record, nullptr};
+  CUnhandledException::AnalyseException(&pointers, 1);
+  return false;
+}
+
+}  // namespace
+
+// ---- CThread ----
+
+CThread::CThread(SECURITY_ATTRIBUTES* security, unsigned long stackSize, ZR_THREAD_FN fn, void* parameter,
+                 unsigned long creationFlags)
+    : m_function(fn), m_parameter(parameter) {
+  // Always created at the start gate, so the status is set before the thread can report running.
+  DWORD id = 0;
+  m_hObject = CreateThread(security, stackSize, &CThread::StartThread, this, CREATE_SUSPENDED, &id);
+  if (!m_hObject) {
+    m_status.store(CTHREAD_CREATE_FAILED, std::memory_order_release);
+    return;
+  }
+  m_id.store(id, std::memory_order_release);
+  Label(zr::FormatWide(u"ZROBJ::CThread (%08X)", id).c_str());
+  if (creationFlags & CREATE_SUSPENDED) {
+    m_status.store(CTHREAD_SUSPENDED, std::memory_order_release);
+    return;
+  }
+  m_status.store(CTHREAD_CREATED, std::memory_order_release);
+  ResumeThread(m_hObject);
+}
+
+// A thread that was resumed but has not reported running yet is treated like a running one: the
+// object must not be freed under a start function that is about to use it.
+bool CThread::IsLive() const {
+  const unsigned int status = GetStatus();
+  return status == CTHREAD_RUNNING || status == CTHREAD_SUSPENDED || status == CTHREAD_CREATED;
+}
+
+CThread::~CThread() {
+  if (!m_hObject) return;
+  if (IsLive()) {
+    if (GetStatus() == CTHREAD_SUSPENDED) Resume();
+    Sleep(kDestructorGraceMs);
+    if (IsLive()) ::TerminateThread(m_hObject, 0);
+  }
+  CloseHandle(m_hObject);
+  m_hObject = nullptr;
+}
+
+DWORD CThread::StartThread(void* self) {
+  auto* thread = static_cast<CThread*>(self);
+  zr::EnsureThreadAttached();
+  thread->m_status.store(CTHREAD_RUNNING, std::memory_order_release);
+  DWORD result = 0;
+  const bool returned = RunThreadFunction(thread->m_function, thread->m_parameter, &result);
+  thread->m_id.store(0xFFFFFFFFu, std::memory_order_release);
+  // The last touch of the object: its owner may delete it from here on.
+  thread->m_status.store(returned ? CTHREAD_ENDED : CTHREAD_EXCEPTION, std::memory_order_release);
+  return returned ? result : 0;
+}
+
+int CThread::GetExitCode(unsigned long* code) {
+  if (!m_hObject || !code) return 0;
+  DWORD value = 0;
+  if (!GetExitCodeThread(m_hObject, &value)) return 0;
+  *code = value;
+  return 1;
+}
+
+int CThread::GetPriority() {
+  if (!m_hObject || GetStatus() < CTHREAD_RUNNING) return THREAD_PRIORITY_ERROR_RETURN;
+  return GetThreadPriority(m_hObject);
+}
+
+int CThread::SetPriority(int priority) {
+  const unsigned int status = GetStatus();
+  if (!m_hObject || status == CTHREAD_CREATE_FAILED || status == CTHREAD_ENDED || status == CTHREAD_EXCEPTION)
+    return 0;
+  return SetThreadPriority(m_hObject, priority);
+}
+
+unsigned long CThread::Resume() {
+  const unsigned int status = GetStatus();
+  if (status != CTHREAD_RUNNING && status != CTHREAD_SUSPENDED) return 0xFFFFFFFFul;
+  const DWORD previous = ResumeThread(m_hObject);
+  if (previous == 0xFFFFFFFFu) return previous;  // the thread has ended meanwhile: its status says so
+  m_status.store(previous > 1 ? CTHREAD_SUSPENDED : CTHREAD_RUNNING, std::memory_order_release);
+  return previous;
+}
+
+unsigned long CThread::Suspend() {
+  const unsigned int status = GetStatus();
+  if (status != CTHREAD_RUNNING && status != CTHREAD_SUSPENDED) return 0xFFFFFFFFul;
+  const DWORD result = SuspendThread(m_hObject);
+  if (result == 0xFFFFFFFFu) return result;  // ended meanwhile
+  m_status.store(CTHREAD_SUSPENDED, std::memory_order_release);
+  return result;
+}
+
+int CThread::Terminate(unsigned long exitCode) {
+  const unsigned int status = GetStatus();
+  if (status != CTHREAD_RUNNING && status != CTHREAD_SUSPENDED) return 0;
+  if (!::TerminateThread(m_hObject, static_cast<DWORD>(exitCode))) return 0;
+  m_status.store(CTHREAD_ENDED, std::memory_order_release);
+  return 1;
+}
+
+int CThread::Label(const WCHAR* name) { return COSThreadRegister::Register(GetID(), name); }
+
+void* CThread::operator new(std::size_t size) noexcept { return HeapAlloc(GetProcessHeap(), 0, size); }
+void CThread::operator delete(void* block) noexcept {
+  if (block) HeapFree(GetProcessHeap(), 0, block);
+}
+
+// ---- COSAutoThread ----
+
+namespace {
+
+struct AutoThreadTable {
+  COSAutoThread* slots[COSAutoThread::kMaxAutoThreads] = {};
+  std::atomic<bool> exiting{false};
 };
 
-RegisterTable g_register;
+AutoThreadTable g_auto_threads;
 
-// Never destroyed: threads may unregister from thread-exit callbacks late in shutdown.
-COSCriticalSection& RegisterLock() {
+// Never destroyed: an auto thread may still leave after the library's exit step.
+COSCriticalSection& AutoThreadLock() {
   alignas(COSCriticalSection) static unsigned char storage[sizeof(COSCriticalSection)];
   static COSCriticalSection* lock = ::new (static_cast<void*>(storage)) COSCriticalSection();
   return *lock;
 }
 
-CHeap* NameHeap() { return zr::GetLibraryHeap("ThreadHeap"); }
-
-std::size_t Length(const WCHAR* text) {
-  std::size_t n = 0;
-  while (text && text[n]) ++n;
-  return n;
-}
-
-void FreeName(Entry& entry) {
-  if (entry.name && NameHeap()) NameHeap()->Free(entry.name, 0);
-  entry.name = nullptr;
-}
-
-// A copy in "ThreadHeap" (4 bytes per character plus 4); null for an empty name.
-WCHAR* CopyName(const WCHAR* name) {
-  const std::size_t n = Length(name);
-  CHeap* heap = NameHeap();
-  if (n == 0 || !heap) return nullptr;
-  auto* copy = static_cast<WCHAR*>(heap->Alloc(static_cast<unsigned long>(4 * n + 4), 0, "src/zrobj/cosobj_thread", __LINE__, 0));
-  if (!copy) return nullptr;
-  std::memcpy(copy, name, n * sizeof(WCHAR));
-  copy[n] = 0;
-  return copy;
-}
-
-// Caller holds the lock.
-Entry* Find(DWORD thread_id) {
-  for (unsigned i = 0; i < g_register.count; ++i)
-    if (g_register.entries[i].thread_id == thread_id) return &g_register.entries[i];
+COSAutoThread** FreeSlot() {
+  for (COSAutoThread*& slot : g_auto_threads.slots)
+    if (!slot) return &slot;
   return nullptr;
 }
 
-bool Grow() {
-  const unsigned capacity = g_register.capacity + kGrowBy;
-  auto* entries = new (std::nothrow) Entry[capacity]();
-  if (!entries) return false;
-  if (g_register.count) std::memcpy(entries, g_register.entries, g_register.count * sizeof(Entry));
-  delete[] g_register.entries;
-  g_register.entries = entries;
-  g_register.capacity = capacity;
-  return true;
-}
-
-// A duration as FileTimeToSystemTime shows it: hours wrap at 24.
-struct Clock {
-  int h, m, s, ms;
-};
-Clock ToClock(std::uint64_t units) {
-  const std::uint64_t ms = units / 10000;
-  return {static_cast<int>(ms / 3600000 % 24), static_cast<int>(ms / 60000 % 60), static_cast<int>(ms / 1000 % 60),
-          static_cast<int>(ms % 1000)};
-}
-
-void WriteBusyLine(DWORD thread_id) {
-  zr::ThreadTimes times;
-  if (!zr::GetThreadTimesById(thread_id, &times)) return;
-  const std::uint64_t now = zr::GetSystemTimeAsFileTime();
-  const std::uint64_t lifetime = now > times.creation ? now - times.creation : 0;
-  const int busy = lifetime ? static_cast<int>((times.kernel + times.user) * 100 / lifetime) : 0;
-  const Clock life = ToClock(lifetime), user = ToClock(times.user), kernel = ToClock(times.kernel);
-  wPrintf(0, 15,
-          u"\r  Busy=%3d%% Lifetime %2d:%02d:%02d.%03d (User:%2d:%02d:%02d.%03d, Kernel:%2d:%02d:%02d.%03d)\r\n",
-          busy, life.h, life.m, life.s, life.ms, user.h, user.m, user.s, user.ms, kernel.h, kernel.m, kernel.s,
-          kernel.ms);
-}
-
-const WCHAR* Shown(const WCHAR* name) { return name ? name : u""; }
-
 }  // namespace
 
-COSThreadRegister::COSThreadRegister(const WCHAR* name) : thread_id_(GetCurrentThreadId()) {
-  Register(thread_id_, name);
-}
-COSThreadRegister::~COSThreadRegister() { Unregister(thread_id_); }
-
-int COSThreadRegister::Register(unsigned long threadId, const WCHAR* name) {
-  if (!g_register.enabled) return 0;
-  COSAutoLock lock(&RegisterLock());
-  Entry* entry = Find(static_cast<DWORD>(threadId));
-  if (!entry) {
-    if (g_register.count == g_register.capacity && !Grow()) return 0;
-    entry = &g_register.entries[g_register.count++];
-    *entry = Entry{static_cast<DWORD>(threadId), nullptr};
-  }
-  FreeName(*entry);
-  entry->name = CopyName(name);
-  return 1;
+COSAutoThread::COSAutoThread(SECURITY_ATTRIBUTES* security, unsigned long stackSize, ZR_THREAD_FN fn,
+                             void* parameter, HANDLE handshake)
+    : m_function(fn), m_parameter(parameter), m_event(handshake) {
+  DWORD id = 0;
+  m_hObject = CreateThread(security, stackSize, &COSAutoThread::StartThread, this, CREATE_SUSPENDED, &id);
+  if (m_hObject) COSThreadRegister::Register(id, u"ZROBJ::COSAutoThread");
 }
 
-int COSThreadRegister::Unregister(unsigned long threadId) {
-  const auto id = static_cast<DWORD>(threadId);
+COSAutoThread::~COSAutoThread() {
+  if (m_hObject) CloseHandle(m_hObject);
+  m_hObject = nullptr;
+}
+
+int COSAutoThread::CreateAutoThread(SECURITY_ATTRIBUTES* security, unsigned long stackSize, ZR_THREAD_FN fn,
+                                    void* parameter) {
+  COSEvent started(nullptr, 1, 0, nullptr);
+  if (!started.GetHandle() || g_auto_threads.exiting.load()) return 0;
+  HANDLE thread = nullptr;
   {
-    COSAutoLock lock(&RegisterLock());
-    Entry* entry = Find(id);
-    if (entry) {
-      if (entry->name) wPrintf(0, 15, u"\rThread %s exited\r\n", entry->name);
-      FreeName(*entry);
-      *entry = g_register.entries[--g_register.count];
+    COSAutoLock lock(&AutoThreadLock());
+    if (g_auto_threads.exiting.load()) return 0;
+    COSAutoThread** slot = FreeSlot();
+    if (!slot) return 0;
+    auto* object = new (std::nothrow) COSAutoThread(security, stackSize, fn, parameter, started.GetHandle());
+    if (!object) return 0;
+    if (!object->GetHandle()) {
+      delete object;
+      return 0;
     }
+    *slot = object;
+    thread = object->GetHandle();  // stays valid: the thread cannot delete its object before it runs
   }
-  WriteBusyLine(id);
+  ResumeThread(thread);
+  started.Wait(INFINITE);
   return 1;
 }
 
-int COSThreadRegister::GetName(unsigned long threadId, WCHAR* buffer, unsigned int length) {
-  if (!buffer) return 0;
-  COSAutoLock lock(&RegisterLock());
-  const Entry* entry = Find(static_cast<DWORD>(threadId));
-  if (!entry || !entry->name) return 0;
-  const std::size_t n = std::min<std::size_t>(Length(entry->name), length);
-  std::memcpy(buffer, entry->name, n * sizeof(WCHAR));
-  if (n < length) buffer[n] = 0;
-  return 1;
+DWORD COSAutoThread::StartThread(void* self) {
+  auto* object = static_cast<COSAutoThread*>(self);
+  zr::EnsureThreadAttached();
+  AUTOTHREADINFO info{object->m_event.GetHandle(), object->m_parameter};
+  DWORD ignored = 0;
+  RunThreadFunction(object->m_function, &info, &ignored);
+  object->m_event.Set();
+  if (g_auto_threads.exiting.load()) return 0;
+  COSAutoLock lock(&AutoThreadLock());
+  if (g_auto_threads.exiting.load()) return 0;  // AppExit owns the object now
+  for (COSAutoThread*& slot : g_auto_threads.slots)
+    if (slot == object) slot = nullptr;
+  delete object;
+  return 0;
 }
 
-int COSThreadRegister::GetCurrentName(WCHAR* buffer, unsigned int length) {
-  return GetName(GetCurrentThreadId(), buffer, length);
+void COSAutoThread::AppInit() {
+  COSAutoLock lock(&AutoThreadLock());
+  g_auto_threads.exiting.store(false);
+  for (COSAutoThread*& slot : g_auto_threads.slots) slot = nullptr;
 }
 
-int COSThreadRegister::AppExit() {
-  COSAutoLock lock(&RegisterLock());
-  for (unsigned i = 0; i < g_register.count; ++i) {
-    Entry& entry = g_register.entries[i];
-    wPrintf(0, 0, u"\rCOSThreadRegister::AppExit: %08X %s", entry.thread_id, Shown(entry.name));
-    FreeName(entry);
+void COSAutoThread::AppExit() {
+  g_auto_threads.exiting.store(true);
+  COSAutoLock lock(&AutoThreadLock());
+  for (COSAutoThread*& slot : g_auto_threads.slots) {
+    if (!slot) continue;
+    if (WaitForSingleObject(slot->GetHandle(), kAutoThreadExitWaitMs) != WAIT_OBJECT_0)
+      ::TerminateThread(slot->GetHandle(), 0);
+    delete slot;
+    slot = nullptr;
   }
-  delete[] g_register.entries;
-  g_register = RegisterTable{};
-  return 1;
 }
 
-void COSThreadRegister::DumpRegistered() {
-  if (!g_register.enabled) return;
-  if (IsDebugOn()) wPrintf(0, 0, u"\rCOSThreadRegister::DumpRegistered\r\n");
-  COSAutoLock lock(&RegisterLock());
-  wPrintf(0, 0, u"\rThreadList\r\n");
-  for (unsigned i = 0; i < g_register.count; ++i)
-    wPrintf(0, 0, u"\r%08X %s\r\n", g_register.entries[i].thread_id, Shown(g_register.entries[i].name));
-}
-
-void* COSThreadRegister::GetThreadDump(unsigned long& size) {
-  size = 0;
-  if (!g_register.enabled) return nullptr;
-  COSAutoLock lock(&RegisterLock());
-  if (g_register.count == 0) return nullptr;
-  auto entry_bytes = [](const Entry& e) {
-    return (8 + (Length(e.name) + 1) * sizeof(WCHAR) + 3) & ~std::size_t{3};
-  };
-  std::size_t total = 4;
-  for (unsigned i = 0; i < g_register.count; ++i) total += entry_bytes(g_register.entries[i]);
-  auto* block = static_cast<unsigned char*>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, total));
-  if (!block) return nullptr;
-  const DWORD count = g_register.count;
-  std::memcpy(block, &count, 4);
-  unsigned char* at = block + 4;
-  for (unsigned i = 0; i < g_register.count; ++i) {
-    const Entry& e = g_register.entries[i];
-    const DWORD chars = static_cast<DWORD>(Length(e.name));
-    std::memcpy(at, &e.thread_id, 4);
-    std::memcpy(at + 4, &chars, 4);
-    if (chars) std::memcpy(at + 8, e.name, chars * sizeof(WCHAR));
-    at += entry_bytes(e);
-  }
-  size = static_cast<unsigned long>(total);
-  return block;
-}
-
-int COS_RegisterThread(unsigned long threadId, const WCHAR* name) {
-  int result = 0;
-  const std::uint32_t code = zr::Guarded([&] { result = COSThreadRegister::Register(threadId, name); });
-  if (code != 0) wPrintf(0, 0, u"\r>>>COSRegisterThread::Exception\r\n");
-  return result;
-}
+// The auto-thread table's steps of the library's application initialise and exit.
+void zr::steps::AutoThreadsAppInit() { COSAutoThread::AppInit(); }
+void zr::steps::AutoThreadsAppExit() { COSAutoThread::AppExit(); }

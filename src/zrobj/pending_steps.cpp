@@ -1,11 +1,6 @@
 // Start-up and shut-down steps whose families are not written yet. Each block below is deleted
 // when its family's own source defines the same functions (see lifecycle_steps.h).
-#include <map>
-#include <mutex>
-#include <string>
-#include <thread>
 
-#include "platform/text.h"
 #include "zrobj/lifecycle_steps.h"
 
 namespace zr::steps {
@@ -18,48 +13,6 @@ DWORD RegisterRTObjectClass(HMODULE) { return 0; }
 DWORD RegisterObjectClass(HMODULE) { return 0; }
 void SanitizeClassLoads() {}
 void UnloadClassLibs() {}
-
-// ---------------------------------------------------------------------------------------------
-// Pending: COSThreadRegister (thread register). A name per std::thread id until it exists.
-namespace {
-struct InterimThreadNames {
-  std::mutex mutex;
-  std::map<std::thread::id, std::u16string> names;
-};
-InterimThreadNames& Names() {
-  static InterimThreadNames* names = new InterimThreadNames;  // used from thread-exit destructors
-  return *names;
-}
-}  // namespace
-
-BOOL GetCurrentThreadName(WCHAR* buffer, UINT len) {
-  InterimThreadNames& n = Names();
-  std::lock_guard lock(n.mutex);
-  const auto it = n.names.find(std::this_thread::get_id());
-  if (it == n.names.end() || !buffer || len == 0) return FALSE;
-  zr::WStrCopy(buffer, len, it->second);
-  return TRUE;
-}
-void RegisterCurrentThread(const WCHAR* name) {
-  InterimThreadNames& n = Names();
-  std::lock_guard lock(n.mutex);
-  n.names[std::this_thread::get_id()] = name ? name : u"";
-}
-void UnregisterCurrentThread() {
-  InterimThreadNames& n = Names();
-  std::lock_guard lock(n.mutex);
-  n.names.erase(std::this_thread::get_id());
-}
-void ExitThreadRegister() {
-  InterimThreadNames& n = Names();
-  std::lock_guard lock(n.mutex);
-  n.names.clear();
-}
-
-// ---------------------------------------------------------------------------------------------
-// Pending: COSAutoThread (auto threads).
-void AutoThreadsAppInit() {}
-void AutoThreadsAppExit() {}
 
 // ---------------------------------------------------------------------------------------------
 // Pending: CZRObject free watch range (kept here so the settings round trip works meanwhile).

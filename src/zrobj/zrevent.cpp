@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdarg>
-#include <mutex>
 #include <new>
 #include <string>
 
@@ -13,14 +12,13 @@
 #include "platform/fault.h"
 #include "platform/procinfo.h"
 #include "platform/wformat.h"
+#include "zrobj/coslock.h"
 #include "zrobj/lifecycle_steps.h"
 #include "zrobj/zrcrash.h"
 #include "zrobj/zrobj.h"
 
 namespace {
 
-// The log's lock, recursive as the library's critical section is.
-using EventLock = std::recursive_mutex;
 
 constexpr int kDefaultHistory = 1024;
 constexpr int kMaxHistory = 65536;             // ~76 MB of records; larger settings are clipped
@@ -29,7 +27,7 @@ constexpr std::size_t kMaxFormatArgs = 64;
 constexpr char16_t kNoDescription[] = u"No description";
 
 struct EventLogState {
-  EventLock lock;
+  COSCriticalSection lock;
   std::atomic<DWORD> capacity{0};
   DWORD next_number = 0;
   DWORD write_index = 0;
@@ -175,7 +173,7 @@ std::size_t VisitRing(const EventLogState& s, zr::EventVisitor visit, void* cont
 void CEventLogger::Init() {
   const int history = ZROBJ_GetCurrentSettingInt("EventLog", "HistorySize", kDefaultHistory, 1);
   EventLogState& s = State();
-  std::lock_guard lock(s.lock);
+  COSAutoLock lock(&s.lock);
   if (s.ring) return;  // already running
   if (history <= 0) return;
   const DWORD capacity = static_cast<DWORD>(std::min(history, kMaxHistory));
@@ -194,7 +192,7 @@ void CEventLogger::Init() {
 
 void CEventLogger::Exit() {
   EventLogState& s = State();
-  std::lock_guard lock(s.lock);
+  COSAutoLock lock(&s.lock);
   ReleaseRing(s);
   s.scratch = std::u16string();
 }
@@ -214,7 +212,7 @@ void CEventLogger::LogEvent(const WCHAR* format, ...) {
     va_end(ap);
   }
 
-  std::lock_guard lock(s.lock);
+  COSAutoLock lock(&s.lock);
   const DWORD capacity = s.capacity.load();
   if (capacity == 0) return;
   tagEVENTRECORD& r = s.ring[s.write_index];
@@ -239,13 +237,22 @@ void CEventLogger::LogEvent(const WCHAR* format, ...) {
   s.write_index = (s.write_index + 1) % capacity;
 }
 
-zr::EventList CEventLogger::GetEventList() {
-  zr::EventList list;
+CPMemory CEventLogger::GetEventList() {
+  CPMemory list;
   EventLogState& s = State();
-  std::lock_guard lock(s.lock);
-  list.records.reserve(s.capacity.load());
+  COSAutoLock lock(&s.lock);
+  if (!list.Alloc(static_cast<unsigned long>(s.capacity.load() * sizeof(tagEVENTRECORD)))) return list;
+  struct Copy {
+    tagEVENTRECORD* out;
+    DWORD count;
+  } copy{static_cast<tagEVENTRECORD*>(list.GetDataPtr()), 0};
   VisitRing(
-      s, [](const tagEVENTRECORD& r, void* c) { static_cast<zr::EventList*>(c)->records.push_back(r); }, &list);
+      s, [](const tagEVENTRECORD& r, void* c) {
+        auto* to = static_cast<Copy*>(c);
+        to->out[to->count++] = r;
+      },
+      &copy);
+  list.SetSize(static_cast<unsigned long>(copy.count * sizeof(tagEVENTRECORD)));
   return list;
 }
 
@@ -257,13 +264,13 @@ std::size_t VisitEventRecords(EventVisitor visit, void* context, unsigned wait_m
   if (!visit) return 0;
   EventLogState& s = State();
   // Polled rather than a timed wait: the crash handler gives up on a holder that crashed.
-  bool locked = s.lock.try_lock();
+  bool locked = s.lock.TryEnter();
   for (unsigned waited = 0; !locked && waited < wait_ms; ++waited) {
     ::Sleep(1);
-    locked = s.lock.try_lock();
+    locked = s.lock.TryEnter();
   }
   const std::size_t n = VisitRing(s, visit, context);
-  if (locked) s.lock.unlock();
+  if (locked) s.lock.Leave();
   return n;
 }
 

@@ -145,9 +145,10 @@ int RunEvents(const Args& args) {
   CEventLogger::LogEvent(nullptr);
   CEventLogger::LogEvent(u"demonstration finished");
 
-  const zr::EventList list = CEventLogger::GetEventList();
-  std::printf("%zu events in the log (capacity %u), oldest first:\n", list.size(), CEventLogger::GetCapacity());
-  for (const tagEVENTRECORD& r : list.records) {
+  const CPMemory list = CEventLogger::GetEventList();
+  const auto records = zr::EventRecords(list);
+  std::printf("%zu events in the log (capacity %u), oldest first:\n", records.size(), CEventLogger::GetCapacity());
+  for (const tagEVENTRECORD& r : records) {
     char line[2048];
     zr::FormatEventRecord(r, line, sizeof line);
     std::string shown;
