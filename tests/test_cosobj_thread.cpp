@@ -1,16 +1,24 @@
-// Thread register: naming, renaming, unregistering (known and unknown ids), the exit statistics line,
-// the dump block and the scoped registration.
+// Threads: the register (naming, renaming, unregistering known and unknown ids, the exit statistics
+// line, the dump block, the scoped registration), CThread's status transitions, suspension,
+// termination and priorities, auto threads and their table, and the library's thread attach.
 #include "zrobj/costhread.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
+#include <stdexcept>
 #include <regex>
 #include <thread>
 
 #include "platform/diag_capture.h"
 #include "platform/privheap.h"
+#include "platform/clock.h"
+#include "platform/text.h"
+#include "platform/threads.h"
 #include "platform/waitable.h"
+#include "platform/wformat.h"
+#include "zrobj/zrevent.h"
 
 namespace {
 
@@ -98,5 +106,259 @@ TEST(COSThreadRegister, DumpBlockLayout) {
   EXPECT_NE(capture.Text().find("\r7FFD0001 abc\r\n"), std::string::npos);
   COSThreadRegister::Unregister(0x7FFD0001);
 }
+
+// ---- CThread and COSAutoThread ----
+
+namespace threads {
+
+constexpr DWORD kWaitMs = 10000;  // bound for every wait on a thread that is expected to act
+
+// A manual-reset event, not signalled.
+struct Event {
+  COSEvent event{nullptr, 1, 0, nullptr};
+  void Set() { event.Set(); }
+  DWORD Wait(DWORD ms) { return event.Wait(ms); }
+};
+
+// Events a thread function and its test share.
+struct Script {
+  Event started;
+  Event go;
+  Event passed;
+  std::atomic<int> runs{0};
+  DWORD result = 0;
+};
+
+// Reports that it runs, waits for "go", reports that it got past it and returns `result`.
+DWORD WaitForGo(void* p) {
+  auto* s = static_cast<Script*>(p);
+  s->runs.fetch_add(1);
+  s->started.Set();
+  s->go.Wait(INFINITE);
+  s->passed.Set();
+  return s->result;
+}
+
+// A handle of the thread that outlives the CThread object.
+HANDLE KeepHandle(CThread& thread) {
+  HANDLE copy = nullptr;
+  DuplicateHandle(GetCurrentProcess(), thread.GetHandle(), GetCurrentProcess(), &copy, 0, FALSE,
+                  DUPLICATE_SAME_ACCESS);
+  return copy;
+}
+
+DWORD ExitCodeOf(HANDLE thread) {
+  DWORD code = 0;
+  return GetExitCodeThread(thread, &code) ? code : 0xDEADu;
+}
+
+TEST(CThread, RunsSuspendsResumesAndReportsItsEnd) {
+  Script s;
+  s.result = 42;
+  CThread thread(nullptr, 0, WaitForGo, &s, 0);
+  ASSERT_NE(thread.GetHandle(), nullptr);
+  const unsigned long id = thread.GetID();
+  EXPECT_NE(id, 0xFFFFFFFFul);
+  EXPECT_EQ(NameOf(id), zr::FormatWide(u"ZROBJ::CThread (%08X)", static_cast<DWORD>(id)));
+  ASSERT_EQ(s.started.Wait(kWaitMs), WAIT_OBJECT_0);
+  EXPECT_EQ(thread.GetStatus(), CTHREAD_RUNNING);
+  unsigned long code = 0;
+  EXPECT_EQ(thread.GetExitCode(&code), 1);
+  EXPECT_EQ(code, STILL_ACTIVE);
+
+  // A suspended thread really stops: "go" does not get it past its wait until it is resumed.
+  EXPECT_EQ(thread.Suspend(), 0ul);
+  EXPECT_EQ(thread.GetStatus(), CTHREAD_SUSPENDED);
+  EXPECT_EQ(thread.Suspend(), 1ul);
+  s.go.Set();
+  EXPECT_EQ(s.passed.Wait(50), WAIT_TIMEOUT);
+  EXPECT_EQ(thread.Resume(), 2ul);
+  EXPECT_EQ(thread.GetStatus(), CTHREAD_SUSPENDED);  // still suspended once
+  EXPECT_EQ(s.passed.Wait(50), WAIT_TIMEOUT);
+  EXPECT_EQ(thread.Resume(), 1ul);
+  EXPECT_NE(thread.GetStatus(), CTHREAD_SUSPENDED);  // running, or already ended
+  ASSERT_EQ(s.passed.Wait(kWaitMs), WAIT_OBJECT_0);
+  ASSERT_EQ(thread.Wait(kWaitMs), WAIT_OBJECT_0);
+
+  EXPECT_EQ(thread.GetStatus(), CTHREAD_ENDED);
+  EXPECT_EQ(thread.GetID(), 0xFFFFFFFFul);
+  EXPECT_EQ(thread.GetExitCode(&code), 1);
+  EXPECT_EQ(code, 42ul);
+  // An ended thread refuses everything and keeps its status.
+  EXPECT_EQ(thread.Resume(), 0xFFFFFFFFul);
+  EXPECT_EQ(thread.Suspend(), 0xFFFFFFFFul);
+  EXPECT_EQ(thread.Terminate(1), 0);
+  EXPECT_EQ(thread.GetPriority(), THREAD_PRIORITY_ERROR_RETURN);
+  EXPECT_EQ(thread.SetPriority(THREAD_PRIORITY_LOWEST), 0);
+  EXPECT_EQ(thread.GetStatus(), CTHREAD_ENDED);
+  EXPECT_EQ(s.runs.load(), 1);
+  // The thread left the register as it ended (before its handle was signalled).
+  EXPECT_EQ(NameOf(id), u"<none>");
+}
+
+TEST(CThread, SuspendedCreationPrioritiesAndDestruction) {
+  Script s;
+  HANDLE handle = nullptr;
+  {
+    CThread thread(nullptr, 64 * 1024, WaitForGo, &s, CREATE_SUSPENDED);
+    EXPECT_EQ(thread.GetStatus(), CTHREAD_SUSPENDED);
+    handle = KeepHandle(thread);
+    // Priorities work before the thread ever ran, and map back to the value set.
+    EXPECT_EQ(thread.GetPriority(), THREAD_PRIORITY_NORMAL);
+    EXPECT_EQ(thread.SetPriority(THREAD_PRIORITY_BELOW_NORMAL), 1);
+    EXPECT_EQ(thread.GetPriority(), THREAD_PRIORITY_BELOW_NORMAL);
+    EXPECT_EQ(thread.SetPriority(THREAD_PRIORITY_IDLE), 1);
+    EXPECT_EQ(thread.GetPriority(), THREAD_PRIORITY_IDLE);
+    EXPECT_EQ(thread.SetPriority(3), 0);  // not a Windows priority
+    EXPECT_EQ(s.started.Wait(20), WAIT_TIMEOUT);  // still at its start gate
+    // Destroyed without Resume: resumed, given 20 ms, then terminated in its wait.
+  }
+  EXPECT_EQ(WaitForSingleObject(handle, kWaitMs), WAIT_OBJECT_0);
+  EXPECT_EQ(ExitCodeOf(handle), 0u);
+  s.go.Set();
+  EXPECT_EQ(s.passed.Wait(50), WAIT_TIMEOUT);  // it never runs again
+  EXPECT_LE(s.runs.load(), 1);
+  // Terminating or resuming an ended thread fails.
+  EXPECT_FALSE(TerminateThread(handle, 5));
+  EXPECT_EQ(ResumeThread(handle), 0xFFFFFFFFu);
+  CloseHandle(handle);
+}
+
+TEST(CThread, TerminateRunningAndSuspendedThreads) {
+  for (bool suspend_first : {false, true}) {
+    SCOPED_TRACE(suspend_first ? "suspended" : "running");
+    Script s;
+    CThread thread(nullptr, 0, WaitForGo, &s, 0);
+    ASSERT_EQ(s.started.Wait(kWaitMs), WAIT_OBJECT_0);
+    const unsigned long id = thread.GetID();
+    if (suspend_first) ASSERT_EQ(thread.Suspend(), 0ul);
+    EXPECT_EQ(thread.Terminate(7), 1);
+    EXPECT_EQ(thread.GetStatus(), CTHREAD_ENDED);
+    EXPECT_EQ(thread.Wait(0), WAIT_OBJECT_0);
+    unsigned long code = 0;
+    EXPECT_EQ(thread.GetExitCode(&code), 1);
+    EXPECT_EQ(code, 7ul);
+    EXPECT_EQ(thread.Terminate(8), 0);
+    s.go.Set();
+    EXPECT_EQ(s.passed.Wait(50), WAIT_TIMEOUT);
+    // A terminated thread runs no detach: its name stays until someone removes it.
+    EXPECT_NE(NameOf(id), u"<none>");
+    zr::ScopedDiagCapture quiet;
+    COSThreadRegister::Unregister(id);
+  }
+}
+
+DWORD Throws(void*) { throw std::runtime_error("thread function failed"); }
+DWORD Faults(void*) {
+  volatile int* nowhere = reinterpret_cast<volatile int*>(std::uintptr_t{16});  // unmapped, not null
+  return static_cast<DWORD>(*nowhere);
+}
+
+TEST(CThread, AnExceptionOrFaultEndsWithStatusThree) {
+  for (ZR_THREAD_FN fn : {Throws, Faults}) {
+    zr::ScopedDiagCapture capture;
+    CThread thread(nullptr, 0, fn, nullptr, 0);
+    ASSERT_EQ(thread.Wait(kWaitMs), WAIT_OBJECT_0);
+    EXPECT_EQ(thread.GetStatus(), CTHREAD_EXCEPTION);
+    EXPECT_EQ(thread.GetID(), 0xFFFFFFFFul);
+    unsigned long code = 1;
+    EXPECT_EQ(thread.GetExitCode(&code), 1);
+    EXPECT_EQ(code, 0ul);
+    const std::string report = capture.Text();
+    EXPECT_NE(report.find(fn == Throws ? "Exception 0xE06D7363" : "Exception 0xC0000005"), std::string::npos) << report;
+  }
+}
+
+// Auto threads: sets the handshake, then waits for the shared release event.
+struct AutoScript {
+  Event release;
+  Event all_left;  // set by the last of `leavers` threads past the release
+  int leavers = 0;
+  std::atomic<int> runs{0};
+  std::atomic<int> left{0};
+  std::atomic<void*> parameter{nullptr};
+};
+
+DWORD HoldUntilReleased(void* p) {
+  auto* info = static_cast<AUTOTHREADINFO*>(p);
+  auto* s = static_cast<AutoScript*>(info->pParam);
+  s->parameter.store(info->pParam);
+  s->runs.fetch_add(1);
+  SetEvent(info->hEvent);  // release the creator early
+  s->release.Wait(INFINITE);
+  if (s->left.fetch_add(1) + 1 == s->leavers) s->all_left.Set();  // the last use of the script
+  return 0;
+}
+
+DWORD ReturnAtOnce(void* p) {
+  static_cast<AutoScript*>(static_cast<AUTOTHREADINFO*>(p)->pParam)->runs.fetch_add(1);
+  return 0;
+}
+
+class COSAutoThreadTest : public ::testing::Test {
+ protected:
+  void SetUp() override { COSAutoThread::AppInit(); }
+  void TearDown() override {
+    COSAutoThread::AppExit();
+    COSAutoThread::AppInit();
+  }
+};
+
+TEST_F(COSAutoThreadTest, HandshakeTableLimitAndSelfDeletion) {
+  AutoScript s;
+  // The creator returns once the function set the event (or returned).
+  EXPECT_EQ(COSAutoThread::CreateAutoThread(nullptr, 0, ReturnAtOnce, &s), 1);
+  EXPECT_EQ(s.runs.load(), 1);
+  s.runs = 0;
+  // 128 at once: the slot of the one above frees itself; the 129th is refused without a thread.
+  for (unsigned i = 0; i < COSAutoThread::kMaxAutoThreads; ++i)
+    ASSERT_EQ(COSAutoThread::CreateAutoThread(nullptr, 0, HoldUntilReleased, &s), 1) << i;
+  EXPECT_EQ(s.parameter.load(), &s);
+  EXPECT_EQ(COSAutoThread::CreateAutoThread(nullptr, 0, ReturnAtOnce, &s), 0);
+  EXPECT_EQ(s.runs.load(), 128);
+  s.leavers = 128;
+  s.release.Set();
+  // Once a thread has left, its slot is free again (it deleted its object under the table lock).
+  for (int tries = 0; COSAutoThread::CreateAutoThread(nullptr, 0, ReturnAtOnce, &s) == 0; ++tries) {
+    ASSERT_LT(tries, 10000);
+    Sleep(1);
+  }
+  EXPECT_EQ(s.runs.load(), 129);
+  ASSERT_EQ(s.all_left.Wait(10000), WAIT_OBJECT_0);  // nothing uses the script after this
+}
+
+TEST_F(COSAutoThreadTest, ShutdownRefusesNewThreadsAndTerminatesStuckOnes) {
+  AutoScript s;
+  ASSERT_EQ(COSAutoThread::CreateAutoThread(nullptr, 0, HoldUntilReleased, &s), 1);
+  const DWORD start = GetTickCount();
+  COSAutoThread::AppExit();  // waits 100 ms for the stuck thread, then terminates it
+  EXPECT_GE(GetTickCount() - start, 100u);
+  EXPECT_EQ(COSAutoThread::CreateAutoThread(nullptr, 0, ReturnAtOnce, &s), 0);
+  EXPECT_EQ(s.runs.load(), 1);
+  s.release.Set();
+  Sleep(50);
+  EXPECT_EQ(s.left.load(), 0);  // terminated in its wait: it never got past it
+  COSAutoThread::AppInit();
+  EXPECT_EQ(COSAutoThread::CreateAutoThread(nullptr, 0, ReturnAtOnce, &s), 1);
+}
+
+TEST(ThreadAttach, NamesUnknownThreadsAndUnregistersThemAtTheirEnd) {
+  zr::ScopedDiagCapture capture;
+  DWORD id = 0;
+  std::u16string name;
+  std::thread worker([&] {
+    id = GetCurrentThreadId();
+    WCHAR buffer[64] = {};
+    CEventLogger::LogEvent(u"first use");  // the thread's first call into the library attaches it
+    if (COSThreadRegister::GetCurrentName(buffer, 63)) name = buffer;
+  });
+  worker.join();
+  EXPECT_TRUE(std::regex_match(zr::Utf16ToUtf8(name), std::regex("Unknown, created [0-9]+\\.[0-9]{6} s after startup")))
+      << zr::Utf16ToUtf8(name);
+  EXPECT_NE(capture.Text().find("\rThread " + zr::Utf16ToUtf8(name) + " exited\r\n"), std::string::npos);
+  EXPECT_EQ(NameOf(id), u"<none>");
+}
+
+}  // namespace threads
 
 }  // namespace

@@ -164,7 +164,7 @@ TEST(CrashRecord, EachFaultKindIsNamedAndEndsTheProcessWithItsCode) {
       {DivideByZero, "C0000094", "INT_DIVIDE_BY_ZERO", 0x94, "\rThread: Thread <<<Main>>> (0x"},
       {IllegalInstruction, "C000001D", "ILLEGAL_INSTRUCTION", 0x1D, "\rThread: Thread <<<Main>>> (0x"},
       {OverflowStack, "C00000FD", "STACK_OVERFLOW", 0xFD, "\rThread: Thread <<<Main>>> (0x"},
-      {OverflowWorkerStack, "C00000FD", "STACK_OVERFLOW", 0xFD, "\rThread: Unspecified worker thread (0x"},
+      {OverflowWorkerStack, "C00000FD", "STACK_OVERFLOW", 0xFD, "\rThread: Thread <Unknown, created "},
       {Abort, "40000015", nullptr, 0x15, "\rThread: Thread <<<Main>>> (0x"},
   };
   for (const Case& c : cases) {

@@ -53,6 +53,7 @@ class ZROBJ_API CThread : public COSObject {
  private:
   static DWORD StartThread(void* self);
   bool IsLive() const;
+  void SetLiveStatus(unsigned int status);
 
   std::atomic<unsigned int> m_status{CTHREAD_CREATED};
   std::atomic<DWORD> m_id{0xFFFFFFFFu};

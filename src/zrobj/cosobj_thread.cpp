@@ -112,6 +112,14 @@ DWORD CThread::StartThread(void* self) {
   return returned ? result : 0;
 }
 
+// Changes running to suspended or back, unless the thread has reported its end meanwhile.
+void CThread::SetLiveStatus(unsigned int status) {
+  unsigned int seen = GetStatus();
+  while ((seen == CTHREAD_RUNNING || seen == CTHREAD_SUSPENDED) &&
+         !m_status.compare_exchange_weak(seen, status, std::memory_order_acq_rel)) {
+  }
+}
+
 int CThread::GetExitCode(unsigned long* code) {
   if (!m_hObject || !code) return 0;
   DWORD value = 0;
@@ -137,7 +145,7 @@ unsigned long CThread::Resume() {
   if (status != CTHREAD_RUNNING && status != CTHREAD_SUSPENDED) return 0xFFFFFFFFul;
   const DWORD previous = ResumeThread(m_hObject);
   if (previous == 0xFFFFFFFFu) return previous;  // the thread has ended meanwhile: its status says so
-  m_status.store(previous > 1 ? CTHREAD_SUSPENDED : CTHREAD_RUNNING, std::memory_order_release);
+  SetLiveStatus(previous > 1 ? CTHREAD_SUSPENDED : CTHREAD_RUNNING);
   return previous;
 }
 
@@ -146,7 +154,7 @@ unsigned long CThread::Suspend() {
   if (status != CTHREAD_RUNNING && status != CTHREAD_SUSPENDED) return 0xFFFFFFFFul;
   const DWORD result = SuspendThread(m_hObject);
   if (result == 0xFFFFFFFFu) return result;  // ended meanwhile
-  m_status.store(CTHREAD_SUSPENDED, std::memory_order_release);
+  SetLiveStatus(CTHREAD_SUSPENDED);
   return result;
 }
 

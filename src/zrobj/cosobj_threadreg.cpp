@@ -20,6 +20,7 @@
 #include "platform/waitable.h"
 #include "zrobj/cheap.h"
 #include "zrobj/coslock.h"
+#include "zrobj/frame_internal.h"
 #include "zrobj/lifecycle_steps.h"
 #include "zrobj/zrcrash.h"
 #include "zrobj/zrdiag.h"
@@ -271,6 +272,7 @@ int COSThreadRegister::GetName(unsigned long threadId, WCHAR* buffer, unsigned i
 }
 
 int COSThreadRegister::GetCurrentName(WCHAR* buffer, unsigned int length) {
+  zr::EnsureThreadAttached();  // a thread that asks for its name before anything else gets one
   return GetName(GetCurrentThreadId(), buffer, length);
 }
 

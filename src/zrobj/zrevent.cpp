@@ -13,6 +13,7 @@
 #include "platform/procinfo.h"
 #include "platform/wformat.h"
 #include "zrobj/coslock.h"
+#include "zrobj/frame_internal.h"
 #include "zrobj/lifecycle_steps.h"
 #include "zrobj/zrcrash.h"
 #include "zrobj/zrobj.h"
@@ -199,8 +200,8 @@ void CEventLogger::Exit() {
 
 void CEventLogger::LogEvent(const WCHAR* format, ...) {
   EventLogState& s = State();
+  zr::EnsureThreadAttached();  // a thread's first use of the library names it
   if (s.capacity.load(std::memory_order_relaxed) == 0) return;
-  zr::PrepareSignalStack();  // a thread's first use of the library
   const DWORD thread_id = zr::CurrentOsThreadId();
   WCHAR name[64];
   zr::GetRegisteredThreadName(thread_id, name, 64);
