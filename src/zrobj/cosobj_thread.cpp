@@ -94,7 +94,9 @@ CThread::~CThread() {
   if (IsLive()) {
     if (GetStatus() == CTHREAD_SUSPENDED) Resume();
     Sleep(kDestructorGraceMs);
-    if (IsLive()) ::TerminateThread(m_hObject, 0);
+    // A thread that cannot be stopped (it keeps the control signal blocked) must not outlive the
+    // object its start function writes to: then the destructor waits for its end.
+    if (IsLive() && !::TerminateThread(m_hObject, 0)) WaitForSingleObject(m_hObject, INFINITE);
   }
   CloseHandle(m_hObject);
   m_hObject = nullptr;
@@ -263,9 +265,11 @@ void COSAutoThread::AppExit() {
   COSAutoLock lock(&AutoThreadLock());
   for (COSAutoThread*& slot : g_auto_threads.slots) {
     if (!slot) continue;
-    if (WaitForSingleObject(slot->GetHandle(), kAutoThreadExitWaitMs) != WAIT_OBJECT_0)
-      ::TerminateThread(slot->GetHandle(), 0);
-    delete slot;
+    const bool ended = WaitForSingleObject(slot->GetHandle(), kAutoThreadExitWaitMs) == WAIT_OBJECT_0 ||
+                       ::TerminateThread(slot->GetHandle(), 0);
+    // A thread that could not be stopped still uses its object: it is left to it (a leak, not a
+    // use after free).
+    if (ended) delete slot;
     slot = nullptr;
   }
 }

@@ -1,16 +1,16 @@
-// zrtool threads: starts named worker threads, lists the thread register's dump block, and shows the
-// register's exit statistics lines as the workers leave.
-#include <atomic>
-#include <chrono>
+// zrtool threads: starts named CThread workers (created suspended, some at a lower priority), lists
+// the thread register's dump block, and shows the register's exit statistics lines as they leave.
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/diag_capture.h"
 #include "platform/privheap.h"
 #include "platform/text.h"
+#include "platform/threads.h"
 #include "tools/zrtool/command.h"
 #include "zrobj/costhread.h"
 
@@ -22,8 +22,10 @@ int RunThreads(const Args& args);
 const Command kThreads = {
     "threads", "name worker threads in the thread register and show its dump",
     "usage: zrtool threads [N]\n\n"
-    "starts N worker threads (1..64, default 4), each registered as \"worker K\", prints the\n"
-    "register's dump block (id and name per thread) and the lines written as each worker leaves\n",
+    "starts N worker threads (1..64, default 4) suspended, names them \"worker K\" in the thread\n"
+    "register, lowers the priority of every second one, resumes them, prints the register's dump\n"
+    "block (id and name per thread), their statuses and exit codes, and the lines the register\n"
+    "writes as each worker leaves (busy percentage, lifetime, user and kernel time)\n",
     RunThreads};
 ZRTOOL_COMMAND(kThreads);
 
@@ -52,6 +54,30 @@ void PrintDump() {
   HeapFree(GetProcessHeap(), 0, block);
 }
 
+// Each worker spins for a while (so its statistics show CPU time), then waits to be released.
+struct WorkerScript {
+  COSEvent release{nullptr, 1, 0, nullptr};
+};
+
+DWORD Work(void* p) {
+  volatile std::uint64_t sum = 0;
+  for (std::uint64_t i = 0; i < 20'000'000; ++i) sum = sum + i;
+  static_cast<WorkerScript*>(p)->release.Wait(10000);
+  return static_cast<DWORD>(sum & 0xFF);
+}
+
+const char* StatusName(unsigned int status) {
+  switch (status) {
+    case CTHREAD_CREATED: return "created";
+    case CTHREAD_CREATE_FAILED: return "creation failed";
+    case CTHREAD_ENDED: return "ended";
+    case CTHREAD_EXCEPTION: return "ended by an exception";
+    case CTHREAD_RUNNING: return "running";
+    case CTHREAD_SUSPENDED: return "suspended";
+    default: return "?";
+  }
+}
+
 int RunThreads(const Args& args) {
   if (WantsHelp(args)) return UsageError(kThreads, "");
   if (args.size() > 1) return UsageError(kThreads, "too many arguments");
@@ -66,32 +92,38 @@ int RunThreads(const Args& args) {
     }
     if (count < 1 || count > 64) return UsageError(kThreads, "N must be 1..64");
   }
-  std::atomic<int> registered{0};
-  std::atomic<bool> release{false};
+  WorkerScript script;
   zr::ScopedDiagCapture capture;
-  std::vector<std::thread> workers;
+  std::vector<std::unique_ptr<CThread>> workers;
   for (int k = 0; k < count; ++k) {
-    workers.emplace_back([k, &registered, &release] {
-      const std::u16string name = u"worker " + zr::Utf8ToUtf16(std::to_string(k + 1));
-      COSThreadRegister scope(name.c_str());
-      registered.fetch_add(1);
-      const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-      while (!release.load() && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
-    });
+    auto worker = std::make_unique<CThread>(nullptr, 0, Work, &script, CREATE_SUSPENDED);
+    if (worker->GetStatus() == CTHREAD_CREATE_FAILED) return Fail("a worker thread could not be created");
+    worker->Label((u"worker " + zr::Utf8ToUtf16(std::to_string(k + 1))).c_str());
+    if (k % 2) worker->SetPriority(THREAD_PRIORITY_BELOW_NORMAL);
+    std::printf("worker %d: thread %08lX %s, priority %d\n", k + 1, worker->GetID(), StatusName(worker->GetStatus()),
+                worker->GetPriority());
+    workers.push_back(std::move(worker));
   }
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (registered.load() < count && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
-  const bool all = registered.load() == count;
+  for (auto& worker : workers) worker->Resume();
+  std::printf("\nthe register while they run (id, name):\n");
   PrintDump();
-  release.store(true);
-  for (std::thread& t : workers) t.join();
+  std::printf("\nreleasing the workers...\n");
+  script.release.Set();
+  bool all_ended = true;
+  for (std::size_t k = 0; k < workers.size(); ++k) {
+    all_ended = workers[k]->Wait(30000) == WAIT_OBJECT_0 && all_ended;
+    unsigned long code = 0;
+    workers[k]->GetExitCode(&code);
+    std::printf("worker %zu: %s, exit code %lu\n", k + 1, StatusName(workers[k]->GetStatus()), code);
+  }
+  std::printf("\nwhat the register wrote as they left:\n");
   for (const auto& entry : capture.Entries()) {
     std::string line = zr::Utf16ToUtf8(entry.text);
     for (char& c : line)
       if (c == '\r') c = ' ';
     std::printf("%s", line.c_str());
   }
-  return all ? 0 : Fail("not every worker registered in time");
+  return all_ended ? 0 : Fail("not every worker ended in time");
 }
 
 }  // namespace
