@@ -1,0 +1,310 @@
+// Chunk archives: one set of chunk operations over a stream (a CZRFile or a CPMemoryFile), with
+// the few rules in which the file and the memory variant differ.
+#include "zrobj/chunkarc.h"
+
+#include <algorithm>
+#include <cstdint>
+
+#include "platform/clock.h"
+#include "platform/dlgsvc.h"
+#include "platform/files.h"
+#include "zrobj/zrdiag.h"
+#include "zrobj/zrhash.h"
+
+namespace {
+
+constexpr DWORD kHeaderSize = sizeof(tagCHNKHEADER);
+constexpr unsigned long kMaxCount = 0xFFFFFFFFul;  // streams move at most 32 bits at a time
+constexpr DWORD kRetryMs = 5;                      // busy-file retry interval of CChunkArchive::Open
+
+// The file variant: closing a chunk brings the parents' done counters up to the position, and a
+// read delivers at least what remains of the chunk.
+template <class Stream>
+struct ChunkRules;
+
+template <>
+struct ChunkRules<CZRFile> {
+  static constexpr const char16_t* kClass = u"CChunkArchive";
+  static constexpr const char16_t* kMultipleClose = u"\rCChunkArchive::Chnk_Close: Multiple close detected!";
+  static constexpr bool kParentsFollowClose = true;
+  static constexpr bool kReadsRemainder = true;
+};
+
+// The memory variant leaves the parents' counters alone on close (its reader relies on the memory
+// file's end-of-data clamp) and reads exactly what is asked.
+template <>
+struct ChunkRules<CPMemoryFile> {
+  static constexpr const char16_t* kClass = u"CMemChunkArchive";
+  static constexpr const char16_t* kMultipleClose = u"\rCMemChunkArchive::Chnk_Close: Multiple close detected!";
+  static constexpr bool kParentsFollowClose = false;
+  static constexpr bool kReadsRemainder = false;
+};
+
+void PutLE32(BYTE* p, DWORD value) {
+  for (int i = 0; i < 4; ++i) p[i] = static_cast<BYTE>(value >> (8 * i));
+}
+DWORD GetLE32(const BYTE* p) { return DWORD{p[0]} | DWORD{p[1]} << 8 | DWORD{p[2]} << 16 | DWORD{p[3]} << 24; }
+
+// A null name reads as the empty name (id 0): it never matches an unnamed chunk (0xFC00).
+DWORD ReadingId(const char* name) { return GetHashID(name ? name : ""); }
+DWORD WritingId(const char* name) { return name ? GetHashID(name) : CHNK_UNNAMED_ID; }
+
+// The chunk operations over `Stream`, which offers GetAccess, GetFilePtr, SetFilePtr(offset,
+// method), Write and Read with the file object's meanings.
+template <class Stream>
+class ChunkCore {
+  using Rules = ChunkRules<Stream>;
+
+ public:
+  ChunkCore(Stream& stream, tagCHNKSTATE& state) : stream_(stream), state_(state) {}
+
+  unsigned int Open(const char* name, unsigned long access) {
+    const DWORD desired = static_cast<DWORD>(access) & CHNK_ACCESS_MASK;
+    const DWORD file_access = stream_.GetAccess();
+    if (file_access == 0) return Deny(3, u"\r%s::OpenChunk denied: No file access\r\n");
+    if (state_.dwLevels >= CHNK_MAX_LEVELS) return Deny(4, u"\r%s::OpenChunk denied: Max. chunk layers expired\r\n");
+    if (!AccessAllowed(desired, file_access)) {
+      Report(3, u"%s::OpenChunk denied: dwDesiredAccess=%08X, dwFileAccess=%08X, dwChunkAccess=%08X\r\n", desired,
+             file_access, state_.dwChunkAccess);
+      return CHNK_INVALID;
+    }
+    if (state_.dwLevels == 0) state_.dwChunkAccess = desired;
+    return desired == CHNK_ACCESS_WRITE ? OpenForWrite(name) : OpenForRead(name);
+  }
+
+  int Close(unsigned int level, std::uintptr_t caller) {
+    if (stream_.GetAccess() == 0 || level >= state_.dwLevels) return 0;
+    const DWORD position = stream_.GetFilePtr();
+    if (state_.dwChunkAccess == CHNK_ACCESS_WRITE) {
+      PatchSizes(level, position, caller);
+    } else {
+      const tagCHNKLEVEL& closing = state_.levels[level];
+      const UINT64 end = UINT64{closing.dwHeaderPos} + closing.dwSize + kHeaderSize;
+      if (position < end) Seek(end);  // skip what was not read
+    }
+    state_.dwLevels = level;
+    if (Rules::kParentsFollowClose) SetDoneFrom(stream_.GetFilePtr());
+    return 1;
+  }
+
+  unsigned long GetSize(unsigned int level) const {
+    if (stream_.GetAccess() == 0 || level >= state_.dwLevels) return 0;
+    return state_.levels[level].dwSize;
+  }
+
+  unsigned long Write(const void* data, unsigned long count) {
+    if (count == 0 || count > kMaxCount || !InChunk(CHNK_ACCESS_WRITE)) return 0;
+    const DWORD done = stream_.Write(data, static_cast<DWORD>(count));
+    Innermost().dwDone += done;
+    return done;
+  }
+
+  unsigned long Read(void* data, unsigned long count) {
+    if (count == 0 || !InChunk(CHNK_ACCESS_READ)) return 0;
+    UINT64 wanted = count;
+    if (Rules::kReadsRemainder) wanted = std::max<UINT64>(wanted, std::max<INT64>(Remaining(Innermost()), 0));
+    const DWORD done = stream_.Read(data, static_cast<DWORD>(std::min<UINT64>(wanted, kMaxCount)));
+    Innermost().dwDone += done;
+    return done;
+  }
+
+  int Find(const char* name) {
+    if (!InChunk(CHNK_ACCESS_READ)) return 0;
+    INT64 remaining = Remaining(Innermost());
+    if (remaining < kHeaderSize) {
+      Report(4, u"\r%s::Chnk_Find failed: Not enough data for subchunk\r\n");
+      return 0;
+    }
+    const DWORD start = stream_.GetFilePtr();
+    const DWORD wanted = WritingId(name);
+    UINT64 at = start;
+    for (;;) {
+      BYTE header[kHeaderSize];
+      if (stream_.Read(header, kHeaderSize) < kHeaderSize || INT64{GetLE32(header + 4)} + kHeaderSize > remaining)
+        return Restore(start, u"\r%s::Chnk_Find failed: Bad subchunk info\r\n");
+      if (wanted != CHNK_UNNAMED_ID && GetLE32(header) == wanted) return Found(at);
+      const DWORD skipped = GetLE32(header + 4) + kHeaderSize;
+      at += skipped;
+      Seek(at);
+      remaining -= skipped;
+      if (wanted == CHNK_UNNAMED_ID) return Found(at);  // a null name steps over one sub-chunk
+      if (remaining < kHeaderSize) return Restore(start, u"\r%s::Chnk_Find failed: No matching subchunk\r\n");
+    }
+  }
+
+ private:
+  template <class... Args>
+  void Report(unsigned level, const char16_t* format, const Args&... args) {
+    if (IsDebugOn()) wPrintf(3, level, format, Rules::kClass, args...);
+  }
+  unsigned int Deny(unsigned level, const char16_t* format) {
+    Report(level, format);
+    return CHNK_INVALID;
+  }
+  // A failed search reports and goes back to where it began.
+  int Restore(DWORD start, const char16_t* format) {
+    Report(4, format);
+    Seek(start);
+    return 0;
+  }
+  int Found(UINT64 at) {
+    Seek(at);
+    SetDoneFrom(static_cast<DWORD>(at));
+    return 1;
+  }
+
+  bool AccessAllowed(DWORD desired, DWORD file_access) const {
+    if (desired != CHNK_ACCESS_READ && desired != CHNK_ACCESS_WRITE) return false;
+    if (state_.dwLevels != 0 && desired != state_.dwChunkAccess) return false;
+    return (file_access & desired) != 0;
+  }
+  bool InChunk(DWORD access) const {
+    return (stream_.GetAccess() & access) != 0 && state_.dwLevels != 0 && state_.dwChunkAccess == access;
+  }
+  tagCHNKLEVEL& Innermost() { return state_.levels[state_.dwLevels - 1]; }
+  // Signed: a reader that went past a chunk's end has a negative remainder.
+  static INT64 Remaining(const tagCHNKLEVEL& level) { return INT64{level.dwSize} - level.dwDone; }
+
+  // Absolute seek through the stream's signed 32-bit offsets.
+  bool Seek(UINT64 position) {
+    constexpr UINT64 kMaxOffset = 0x7FFFFFFF;
+    if (position > kMaxCount) return false;
+    if (position <= kMaxOffset) return stream_.SetFilePtr(static_cast<LONG>(position), 0) != 0;
+    return stream_.SetFilePtr(static_cast<LONG>(kMaxOffset), 0) &&
+           stream_.SetFilePtr(static_cast<LONG>(position - kMaxOffset), 1);
+  }
+
+  void SetDoneFrom(DWORD position) {
+    for (DWORD i = 0; i < state_.dwLevels; ++i)
+      state_.levels[i].dwDone = position - state_.levels[i].dwHeaderPos - kHeaderSize;
+  }
+
+  unsigned int PushLevel(DWORD header_pos, DWORD size) {
+    state_.levels[state_.dwLevels] = tagCHNKLEVEL{header_pos, size, 0};
+    return state_.dwLevels++;
+  }
+
+  unsigned int OpenForWrite(const char* name) {
+    const DWORD at = stream_.GetFilePtr();
+    BYTE header[kHeaderSize];
+    PutLE32(header, WritingId(name));
+    PutLE32(header + 4, 0);
+    if (stream_.Write(header, kHeaderSize) < kHeaderSize)
+      return Deny(4, u"\r%s::OpenChunk denied: Error writing chunk header\r\n");
+    return PushLevel(at, 0);
+  }
+
+  unsigned int OpenForRead(const char* name) {
+    if (state_.dwLevels != 0 && Remaining(Innermost()) < kHeaderSize)
+      return Deny(4, u"\r%s::OpenChunk denied: Parent chunk exceeded\r\n");
+    const DWORD at = stream_.GetFilePtr();
+    BYTE header[kHeaderSize];
+    if (stream_.Read(header, kHeaderSize) == kHeaderSize && GetLE32(header) == ReadingId(name))
+      return PushLevel(at, GetLE32(header + 4));
+    Seek(at);
+    return Deny(4, u"\r%s::OpenChunk denied: Error reading chunk header\r\n");
+  }
+
+  // Sizes are measured from the current position, for the closing level and every deeper one.
+  void PatchSizes(unsigned int level, DWORD position, std::uintptr_t caller) {
+    if (IsDebugOn() && state_.dwLevels - level > 1) WarningMsg(Rules::kMultipleClose, caller, ZR_CURRENT_FRAME());
+    for (DWORD i = level; i < state_.dwLevels; ++i) {
+      BYTE size[4];
+      PutLE32(size, position - state_.levels[i].dwHeaderPos - kHeaderSize);
+      Seek(UINT64{state_.levels[i].dwHeaderPos} + 4);
+      stream_.Write(size, sizeof size);
+    }
+    Seek(position);
+  }
+
+  Stream& stream_;
+  tagCHNKSTATE& state_;
+};
+
+}  // namespace
+
+CZRArchive::~CZRArchive() = default;
+
+// ---- Shared by both variants ----
+
+template <class Stream>
+unsigned int CChunkArchiveT<Stream>::Chnk_Open(char* name, unsigned long access) {
+  return ChunkCore<Stream>(file_, state_).Open(name, access);
+}
+
+template <class Stream>
+int CChunkArchiveT<Stream>::Chnk_Close(unsigned int level) {
+  return ChunkCore<Stream>(file_, state_).Close(level, ZR_CALLER_ADDRESS());
+}
+
+template <class Stream>
+unsigned long CChunkArchiveT<Stream>::Chnk_GetSize(unsigned int level) {
+  return ChunkCore<Stream>(file_, state_).GetSize(level);
+}
+
+template <class Stream>
+unsigned long CChunkArchiveT<Stream>::Chnk_Write(void* data, unsigned long count) {
+  return ChunkCore<Stream>(file_, state_).Write(data, count);
+}
+
+template <class Stream>
+unsigned long CChunkArchiveT<Stream>::Chnk_Read(void* data, unsigned long count) {
+  return ChunkCore<Stream>(file_, state_).Read(data, count);
+}
+
+template <class Stream>
+int CChunkArchiveT<Stream>::CloseAll() {
+  if (state_.dwLevels != 0) Chnk_Close(0);
+  return file_.Close();
+}
+
+template <class Stream>
+void CChunkArchiveT<Stream>::Reset() {
+  state_.dwLevels = 0;
+  state_.dwSpare = 0;
+}
+
+template class CChunkArchiveT<CZRFile>;
+template class CChunkArchiveT<CPMemoryFile>;
+
+// ---- CChunkArchive ----
+
+CChunkArchive::~CChunkArchive() { Close(); }
+
+unsigned long CChunkArchive::Open(const WCHAR* path, DWORD access, DWORD creation, DWORD timeout) {
+  Reset();
+  const DWORD start = GetTickCount();
+  for (;;) {
+    const unsigned int result = file_.Open(path, access, 0, creation, zr::kFileFlagSequentialScan, 0);
+    if (result == CZRFile::kOpened) return 0;
+    if (result != CZRFile::kSharingViolation) return 0xFFFFFFFFul;
+    if (GetTickCount() - start > timeout) return CHNK_OPEN_TIMEOUT;
+    Sleep(kRetryMs);
+  }
+}
+
+int CChunkArchive::Delete() { return file_.Delete(); }
+
+int CChunkArchive::SetEOF() { return file_.SetEOF(file_.GetFilePtr()); }
+
+int CChunkArchive::Chnk_Find(char* name) { return ChunkCore<CZRFile>(file_, state_).Find(name); }
+
+// ---- CMemChunkArchive ----
+
+int CMemChunkArchive::Open(DWORD access) {
+  Reset();
+  return file_.Open(access);
+}
+
+int CMemChunkArchive::Delete() {
+  file_.Close();
+  file_.Free();
+  return 1;
+}
+
+int CMemChunkArchive::SetContent(CPMemoryFile& source) {
+  Delete();
+  file_ = source;
+  source.Free();
+  return 1;
+}
