@@ -17,11 +17,12 @@ constexpr DWORD kHeaderSize = sizeof(tagCHNKHEADER);
 constexpr unsigned long kMaxCount = 0xFFFFFFFFul;  // streams move at most 32 bits at a time
 constexpr DWORD kRetryMs = 5;                      // busy-file retry interval of CChunkArchive::Open
 
-// The file variant: closing a chunk brings the parents' done counters up to the position, and a
-// read delivers at least what remains of the chunk.
+// The rules in which the variants differ, by stream.
 template <class Stream>
 struct ChunkRules;
 
+// The file variant: closing a chunk brings the parents' done counters up to the position, and a
+// read delivers at least what remains of the chunk.
 template <>
 struct ChunkRules<CZRFile> {
   static constexpr const char16_t* kClass = u"CChunkArchive";
