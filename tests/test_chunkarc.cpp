@@ -180,16 +180,61 @@ TEST_F(FileArchiveTest, ClosingSeveralLevelsPatchesAllAndWarns) {
   EXPECT_EQ(zrtest::ReadFile(path), Chunk("P", Chunk("Q", Chunk("R", "abc"))) + Chunk("S", ""));
 }
 
-TEST_F(FileArchiveTest, ShortHeaderWriteIsReported) {
+// Writes reach the file through a 64 KiB write-behind buffer: a short system write shows when the
+// buffer is written out (here: closing the top-level chunk) and refuses the next chunk header.
+TEST_F(FileArchiveTest, ShortWriteRefusesTheNextHeader) {
   OpenNew();
+  ASSERT_EQ(arc.Chnk_Open(N("A"), kWrite), 0u);
+  Write("data");
   const zr::FileWriteHook previous = zr::SetFileWriteHook([](zr::FileHandle, DWORD count) { return count / 2; });
   DebugMode debug(1);
   zr::ScopedDiagCapture capture;
-  EXPECT_EQ(arc.Chnk_Open(N("A"), kWrite), CHNK_INVALID);
+  EXPECT_EQ(arc.Chnk_Close(0), 1);
+  EXPECT_EQ(arc.Chnk_Open(N("B"), kWrite), CHNK_INVALID);
   zr::SetFileWriteHook(previous);
   EXPECT_EQ(arc.GetLevelCount(), 0u);
   EXPECT_EQ(capture.Text(), "\rCChunkArchive::OpenChunk denied: Error writing chunk header\r\n");
+  ASSERT_EQ(capture.Entries().size(), 1u);
   EXPECT_EQ(capture.Entries()[0].level, 4u);
+  EXPECT_EQ(zrtest::ReadFile(path), Chunk("A", "data").substr(0, 6));
+}
+
+TEST_F(FileArchiveTest, TopLevelChunksReachTheFileWhenClosed) {
+  OpenNew();
+  const UINT64 writes = zr::GetFileWriteCount();
+  ASSERT_EQ(arc.Chnk_Open(N("root"), kWrite), 0u);
+  std::string items;
+  for (int i = 0; i < 1000; ++i) {
+    ASSERT_EQ(arc.Chnk_Open(N("item"), kWrite), 1u);
+    Write("0123456789");
+    ASSERT_EQ(arc.Chnk_Close(1), 1);
+    items += Chunk("item", "0123456789");
+  }
+  EXPECT_EQ(zr::GetFileWriteCount(), writes);  // all of it still pending
+  ASSERT_EQ(arc.Chnk_Close(0), 1);
+  EXPECT_EQ(zr::GetFileWriteCount(), writes + 1);  // one system write for 1001 chunks
+  EXPECT_EQ(zrtest::ReadFile(path), Chunk("root", items));
+  EXPECT_EQ(arc.GetFilePtr(), 8u + items.size());
+}
+
+TEST_F(FileArchiveTest, PatchesReachHeadersAlreadyWritten) {
+  OpenNew();
+  const std::string big(100000, 'b');  // larger than the buffer: written directly
+  std::string expected_inner;
+  ASSERT_EQ(arc.Chnk_Open(N("root"), kWrite), 0u);
+  for (int i = 0; i < 5000; ++i) {
+    ASSERT_EQ(arc.Chnk_Open(N("item"), kWrite), 1u);
+    Write(std::to_string(i));
+    ASSERT_EQ(arc.Chnk_Close(1), 1);
+    expected_inner += Chunk("item", std::to_string(i));
+  }
+  ASSERT_EQ(arc.Chnk_Open(N("big"), kWrite), 1u);
+  Write("head");
+  Write(big);
+  Write("tail");
+  expected_inner += Chunk("big", "head" + big + "tail");
+  EXPECT_EQ(arc.Close(), 1);
+  EXPECT_EQ(zrtest::ReadFile(path), Chunk("root", expected_inner));
 }
 
 TEST_F(FileArchiveTest, ReadingSkipsTheRestOnClose) {

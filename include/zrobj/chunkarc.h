@@ -49,6 +49,10 @@ class ZROBJ_API CZRArchive {
   virtual unsigned long Chnk_Read(void* data, unsigned long count) = 0;
 };
 
+namespace zr {
+struct ChunkWriteCache;  // the file variant's write-behind buffer (chunkarc.cpp)
+}
+
 // What both variants share: the stream (the archive's file), the levels after it and the five
 // chunk operations over them. Instantiated for CZRFile and CPMemoryFile only.
 template <class Stream>
@@ -64,7 +68,7 @@ class ZROBJ_API CChunkArchiveT : public CZRArchive {
   unsigned long Chnk_Read(void* data, unsigned long count) override;
 
   DWORD GetLevelCount() const { return state_.dwLevels; }
-  DWORD GetFilePtr() const { return file_.GetFilePtr(); }
+  DWORD GetFilePtr() const;  // the position as the chunk operations see it
 
  protected:
   CChunkArchiveT() = default;
@@ -76,6 +80,8 @@ class ZROBJ_API CChunkArchiveT : public CZRArchive {
 
   Stream file_;
   tagCHNKSTATE state_;
+  // The file variant's write-behind buffer (made on the first write); always null for memory.
+  zr::ChunkWriteCache* cache_ = nullptr;
 };
 
 extern template class ZROBJ_API CChunkArchiveT<CZRFile>;

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
+#include <new>
+#include <type_traits>
 
 #include "platform/clock.h"
 #include "platform/dlgsvc.h"
@@ -17,6 +20,130 @@ constexpr DWORD kHeaderSize = sizeof(tagCHNKHEADER);
 constexpr unsigned long kMaxCount = 0xFFFFFFFFul;  // streams move at most 32 bits at a time
 constexpr DWORD kRetryMs = 5;                      // busy-file retry interval of CChunkArchive::Open
 
+// Absolute seek through a stream's signed 32-bit offsets.
+template <class Stream>
+bool SeekTo(Stream& stream, UINT64 position) {
+  constexpr UINT64 kMaxOffset = 0x7FFFFFFF;
+  if (position > kMaxCount) return false;
+  if (position <= kMaxOffset) return stream.SetFilePtr(static_cast<LONG>(position), zr::kFileBegin) != 0;
+  return stream.SetFilePtr(static_cast<LONG>(kMaxOffset), zr::kFileBegin) &&
+         stream.SetFilePtr(static_cast<LONG>(position - kMaxOffset), zr::kFileCurrent);
+}
+
+}  // namespace
+
+namespace zr {
+
+// Bytes [start, start + fill) of the file, written by the archive but not yet by the file; while
+// any are pending the chunk position is `position`, inside them or at their end, and the file's
+// own position is `start`.
+struct ChunkWriteCache {
+  static constexpr DWORD kCapacity = 64 * 1024;
+  DWORD start = 0;
+  DWORD fill = 0;
+  DWORD position = 0;
+  BYTE bytes[kCapacity];
+};
+
+}  // namespace zr
+
+namespace {
+
+using zr::ChunkWriteCache;
+
+DWORD PositionOf(const CZRFile& file, const ChunkWriteCache* cache) {
+  return cache && cache->fill ? cache->position : file.GetFilePtr();
+}
+
+// The archive's file seen through its write-behind buffer. The file is opened without a cache of
+// its own, and each header, data block and size patch would otherwise be a system call (five per
+// small chunk); here they land in the buffer while they fall inside it, size patches included,
+// and the file receives one write per 64 KiB. Anything that leaves the buffer (a read, a seek
+// outside it, closing a top-level chunk, closing or truncating the archive) writes it out first.
+// A short write leaves the file in its failed state, so the next write is refused as the file
+// itself would refuse it (the next chunk header then reports "Error writing chunk header").
+class BufferedFile {
+ public:
+  BufferedFile(CZRFile& file, ChunkWriteCache*& cache) : file_(file), cache_(cache) {}
+
+  DWORD GetAccess() const { return file_.GetAccess(); }
+  DWORD GetFilePtr() const { return PositionOf(file_, cache_); }
+
+  int SetFilePtr(LONG offset, DWORD method) {
+    if (Pending() && (method == zr::kFileBegin || method == zr::kFileCurrent)) {
+      const INT64 target = (method == zr::kFileCurrent ? INT64{cache_->position} : 0) + offset;
+      if (target >= cache_->start && target <= INT64{cache_->start} + cache_->fill) {
+        cache_->position = static_cast<DWORD>(target);
+        return 1;
+      }
+    }
+    return Flush() ? file_.SetFilePtr(offset, method) : 0;
+  }
+
+  DWORD Write(const void* data, DWORD count) {
+    if (count == 0 || count > ChunkWriteCache::kCapacity || !Buffering()) {
+      return Flush() ? file_.Write(data, count) : 0;
+    }
+    const DWORD at = GetFilePtr();
+    if (UINT64{at} + count > kMaxCount) return 0;  // beyond 32 bits, as the file refuses
+    if (!Fits(at, count)) {
+      if (!Flush()) return 0;
+      cache_->start = at;  // a new run of pending bytes, starting here
+      cache_->fill = 0;
+    }
+    std::memcpy(cache_->bytes + (at - cache_->start), data, count);
+    cache_->fill = std::max(cache_->fill, at - cache_->start + count);
+    cache_->position = at + count;
+    return count;
+  }
+
+  DWORD Read(void* data, DWORD count) { return Flush() ? file_.Read(data, count) : 0; }
+
+  // Writes the pending bytes and leaves the file at the chunk position; false on a short write.
+  bool Flush() {
+    if (!Pending()) return true;
+    const DWORD fill = cache_->fill;
+    cache_->fill = 0;
+    if (file_.Write(cache_->bytes, fill) != fill) return false;
+    return file_.GetFilePtr() == cache_->position || SeekTo(file_, cache_->position);
+  }
+
+  int Close() {
+    const bool flushed = Flush();
+    const int closed = file_.Close();
+    return flushed ? closed : 0;
+  }
+
+  void Discard() {
+    if (cache_) cache_->fill = 0;
+  }
+
+ private:
+  bool Pending() const { return cache_ && cache_->fill != 0; }
+  bool Fits(DWORD at, DWORD count) const {
+    return Pending() && at >= cache_->start && at - cache_->start <= cache_->fill &&
+           at - cache_->start + count <= ChunkWriteCache::kCapacity;
+  }
+  // Only a healthy, writable, unmapped file is buffered; the buffer is made on first use.
+  bool Buffering() {
+    if (file_.GetStatus() != CZRFile::kStatusReady || !(file_.GetAccess() & CHNK_ACCESS_WRITE) ||
+        file_.GetViewAddress() != nullptr)
+      return false;
+    if (!cache_) cache_ = new (std::nothrow) ChunkWriteCache();
+    return cache_ != nullptr;
+  }
+
+  CZRFile& file_;
+  ChunkWriteCache*& cache_;
+};
+
+BufferedFile StreamOf(CZRFile& file, ChunkWriteCache*& cache) { return BufferedFile(file, cache); }
+CPMemoryFile& StreamOf(CPMemoryFile& file, ChunkWriteCache*&) { return file; }
+
+// Closing a top-level chunk puts it on disk.
+void Settle(BufferedFile& file) { file.Flush(); }
+void Settle(CPMemoryFile&) {}
+
 // The rules in which the variants differ, by stream.
 template <class Stream>
 struct ChunkRules;
@@ -24,7 +151,7 @@ struct ChunkRules;
 // The file variant: closing a chunk brings the parents' done counters up to the position, and a
 // read delivers at least what remains of the chunk.
 template <>
-struct ChunkRules<CZRFile> {
+struct ChunkRules<BufferedFile> {
   static constexpr const char16_t* kClass = u"CChunkArchive";
   static constexpr const char16_t* kMultipleClose = u"\rCChunkArchive::Chnk_Close: Multiple close detected!";
   static constexpr bool kParentsFollowClose = true;
@@ -54,10 +181,10 @@ DWORD WritingId(const char* name) { return name ? GetHashID(name) : CHNK_UNNAMED
 // method), Write and Read with the file object's meanings.
 template <class Stream>
 class ChunkCore {
-  using Rules = ChunkRules<Stream>;
+  using Rules = ChunkRules<std::remove_cvref_t<Stream>>;
 
  public:
-  ChunkCore(Stream& stream, tagCHNKSTATE& state) : stream_(stream), state_(state) {}
+  ChunkCore(Stream stream, tagCHNKSTATE& state) : stream_(stream), state_(state) {}
 
   unsigned int Open(const char* name, unsigned long access) {
     const DWORD desired = static_cast<DWORD>(access) & CHNK_ACCESS_MASK;
@@ -85,6 +212,7 @@ class ChunkCore {
     }
     state_.dwLevels = level;
     if (Rules::kParentsFollowClose) SetDoneFrom(stream_.GetFilePtr());
+    if (level == 0) Settle(stream_);
     return 1;
   }
 
@@ -166,14 +294,7 @@ class ChunkCore {
   // Signed: a reader that went past a chunk's end has a negative remainder.
   static INT64 Remaining(const tagCHNKLEVEL& level) { return INT64{level.dwSize} - level.dwDone; }
 
-  // Absolute seek through the stream's signed 32-bit offsets.
-  bool Seek(UINT64 position) {
-    constexpr UINT64 kMaxOffset = 0x7FFFFFFF;
-    if (position > kMaxCount) return false;
-    if (position <= kMaxOffset) return stream_.SetFilePtr(static_cast<LONG>(position), 0) != 0;
-    return stream_.SetFilePtr(static_cast<LONG>(kMaxOffset), 0) &&
-           stream_.SetFilePtr(static_cast<LONG>(position - kMaxOffset), 1);
-  }
+  bool Seek(UINT64 position) { return SeekTo(stream_, position); }
 
   void SetDoneFrom(DWORD position) {
     for (DWORD i = 0; i < state_.dwLevels; ++i)
@@ -218,9 +339,14 @@ class ChunkCore {
     Seek(position);
   }
 
-  Stream& stream_;
+  Stream stream_;
   tagCHNKSTATE& state_;
 };
+
+template <class Stored>
+auto CoreOf(Stored& file, tagCHNKSTATE& state, ChunkWriteCache*& cache) {
+  return ChunkCore<decltype(StreamOf(file, cache))>(StreamOf(file, cache), state);
+}
 
 }  // namespace
 
@@ -230,33 +356,39 @@ CZRArchive::~CZRArchive() = default;
 
 template <class Stream>
 unsigned int CChunkArchiveT<Stream>::Chnk_Open(char* name, unsigned long access) {
-  return ChunkCore<Stream>(file_, state_).Open(name, access);
+  return CoreOf(file_, state_, cache_).Open(name, access);
 }
 
 template <class Stream>
 int CChunkArchiveT<Stream>::Chnk_Close(unsigned int level) {
-  return ChunkCore<Stream>(file_, state_).Close(level, ZR_CALLER_ADDRESS());
+  return CoreOf(file_, state_, cache_).Close(level, ZR_CALLER_ADDRESS());
 }
 
 template <class Stream>
 unsigned long CChunkArchiveT<Stream>::Chnk_GetSize(unsigned int level) {
-  return ChunkCore<Stream>(file_, state_).GetSize(level);
+  return CoreOf(file_, state_, cache_).GetSize(level);
 }
 
 template <class Stream>
 unsigned long CChunkArchiveT<Stream>::Chnk_Write(void* data, unsigned long count) {
-  return ChunkCore<Stream>(file_, state_).Write(data, count);
+  return CoreOf(file_, state_, cache_).Write(data, count);
 }
 
 template <class Stream>
 unsigned long CChunkArchiveT<Stream>::Chnk_Read(void* data, unsigned long count) {
-  return ChunkCore<Stream>(file_, state_).Read(data, count);
+  return CoreOf(file_, state_, cache_).Read(data, count);
+}
+
+template <class Stream>
+DWORD CChunkArchiveT<Stream>::GetFilePtr() const {
+  if constexpr (std::is_same_v<Stream, CZRFile>) return PositionOf(file_, cache_);
+  return file_.GetFilePtr();
 }
 
 template <class Stream>
 int CChunkArchiveT<Stream>::CloseAll() {
   if (state_.dwLevels != 0) Chnk_Close(0);
-  return file_.Close();
+  return StreamOf(file_, cache_).Close();
 }
 
 template <class Stream>
@@ -270,10 +402,14 @@ template class CChunkArchiveT<CPMemoryFile>;
 
 // ---- CChunkArchive ----
 
-CChunkArchive::~CChunkArchive() { Close(); }
+CChunkArchive::~CChunkArchive() {
+  Close();
+  delete cache_;
+}
 
 unsigned long CChunkArchive::Open(const WCHAR* path, DWORD access, DWORD creation, DWORD timeout) {
   Reset();
+  StreamOf(file_, cache_).Discard();
   const DWORD start = GetTickCount();
   for (;;) {
     const unsigned int result = file_.Open(path, access, 0, creation, zr::kFileFlagSequentialScan, 0);
@@ -284,11 +420,17 @@ unsigned long CChunkArchive::Open(const WCHAR* path, DWORD access, DWORD creatio
   }
 }
 
-int CChunkArchive::Delete() { return file_.Delete(); }
+int CChunkArchive::Delete() {
+  StreamOf(file_, cache_).Discard();
+  return file_.Delete();
+}
 
-int CChunkArchive::SetEOF() { return file_.SetEOF(file_.GetFilePtr()); }
+int CChunkArchive::SetEOF() {
+  StreamOf(file_, cache_).Flush();
+  return file_.SetEOF(file_.GetFilePtr());
+}
 
-int CChunkArchive::Chnk_Find(char* name) { return ChunkCore<CZRFile>(file_, state_).Find(name); }
+int CChunkArchive::Chnk_Find(char* name) { return CoreOf(file_, state_, cache_).Find(name); }
 
 // ---- CMemChunkArchive ----
 
