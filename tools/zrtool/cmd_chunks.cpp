@@ -6,8 +6,9 @@
 //   - an id is plausible when it is 0xFC00 (unnamed) or has bits 10-15 clear, as every hash id has;
 //   - data hold sub-chunks when they parse completely as plausible chunks, end to end;
 //   - data that start as chunks but then stop fitting are shown as sub-chunks followed by the
-//     point where they stop making sense, when the part that did parse is convincing (a chunk
-//     named by --names, or at least two plausible chunks); that counts as damage;
+//     point where they stop making sense, when what was seen is convincing (a chunk named by
+//     --names, also the one that does not fit, or at least two plausible chunks); that counts
+//     as damage;
 //   - anything else is opaque data, with a short preview;
 //   - nothing deeper than 16 levels is taken for chunks (writers cannot nest further).
 // The top level must parse completely; where it does not, the file is reported as damaged.
@@ -63,9 +64,10 @@ bool PlausibleId(DWORD id) { return id == CHNK_UNNAMED_ID || (id & 0xFC00u) == 0
 struct Span {
   std::size_t offset;  // of the header
   DWORD id;
-  DWORD size;
+  DWORD size;          // as the header claims
+  std::size_t present;  // data bytes there: the size, or fewer for a chunk cut short
   std::size_t data() const { return offset + kHeaderSize; }
-  std::size_t end() const { return data() + size; }
+  std::size_t end() const { return data() + present; }
 };
 
 // The chunks laid end to end in [begin, end), up to the first place that is not one.
@@ -73,6 +75,8 @@ struct Run {
   std::vector<Span> chunks;
   std::size_t stop = 0;  // where parsing stopped; the end when everything parsed
   std::string reason;    // why it stopped early
+  bool has_cut = false;  // it stopped at a plausible chunk that claims more than there is
+  Span cut{};
   bool complete() const { return reason.empty(); }
 };
 
@@ -91,7 +95,7 @@ Run ScanRun(const Bytes& data, std::size_t begin, std::size_t end) {
       run.reason = std::to_string(end - at) + " byte(s) left, too few for a chunk header";
       break;
     }
-    const Span span{at, Get32(data, at), Get32(data, at + 4)};
+    const Span span{at, Get32(data, at), Get32(data, at + 4), 0};
     if (!PlausibleId(span.id)) {
       run.reason = "id " + Hex32(span.id) + " is no hash id (bits 10-15 set)";
       break;
@@ -99,10 +103,12 @@ Run ScanRun(const Bytes& data, std::size_t begin, std::size_t end) {
     if (span.size > end - span.data()) {
       run.reason = "chunk " + Hex32(span.id) + " claims " + std::to_string(span.size) + " bytes, only " +
                    std::to_string(end - span.data()) + " remain";
+      run.has_cut = true;
+      run.cut = Span{at, span.id, span.size, end - span.data()};
       break;
     }
-    run.chunks.push_back(span);
-    at = span.end();
+    run.chunks.push_back(Span{at, span.id, span.size, span.size});
+    at = run.chunks.back().end();
   }
   run.stop = at;
   return run;
@@ -112,10 +118,10 @@ enum class Verdict { kData, kChunks, kDamagedChunks };
 
 // See the file comment: complete runs are chunks; a convincing start that breaks off is damage.
 Verdict SubChunkVerdict(const Run& run, const Names& names) {
-  if (run.chunks.empty()) return Verdict::kData;
-  if (run.complete()) return Verdict::kChunks;
+  if (run.complete()) return run.chunks.empty() ? Verdict::kData : Verdict::kChunks;
   const bool named = std::any_of(run.chunks.begin(), run.chunks.end(),
-                                 [&](const Span& s) { return names.count(s.id) != 0; });
+                                 [&](const Span& s) { return names.count(s.id) != 0; }) ||
+                     (run.has_cut && names.count(run.cut.id) != 0);
   return named || run.chunks.size() >= 2 ? Verdict::kDamagedChunks : Verdict::kData;
 }
 
@@ -143,7 +149,7 @@ class Dumper {
   }
 
   std::string Preview(const Span& span) const {
-    const std::size_t n = std::min<std::size_t>(span.size, kPreviewBytes);
+    const std::size_t n = std::min<std::size_t>(span.present, kPreviewBytes);
     std::string hex, text;
     for (std::size_t i = 0; i < n; ++i) {
       const unsigned char c = data_[span.data() + i];
@@ -152,7 +158,7 @@ class Dumper {
       hex += ' ';
       text += c >= 0x20 && c < 0x7F ? static_cast<char>(c) : '.';
     }
-    return hex + "|" + text + "|" + (span.size > n ? " ..." : "");
+    return hex + "|" + text + "|" + (span.present > n ? " ..." : "");
   }
 
   void PrintRun(const Run& run, unsigned depth) {
@@ -163,9 +169,11 @@ class Dumper {
     ++chunks_;
     deepest_ = std::max<std::size_t>(deepest_, depth + 1);
     const std::string indent(2 * depth, ' ');
-    std::printf("%8zu  %s  %10u  %s%s\n", span.offset, Hex32(span.id).c_str(), span.size, indent.c_str(),
-                NameOf(span.id).c_str());
-    if (span.size == 0) return;
+    const std::string cut =
+        span.present < span.size ? " (cut short: " + std::to_string(span.present) + " bytes there)" : "";
+    std::printf("%8zu  %s  %10u  %s%s%s\n", span.offset, Hex32(span.id).c_str(), span.size, indent.c_str(),
+                NameOf(span.id).c_str(), cut.c_str());
+    if (span.present == 0) return;
     if (depth + 1 < kMaxDepth) {
       const Run inner = ScanRun(data_, span.data(), span.end());
       const Verdict verdict = SubChunkVerdict(inner, names_);
@@ -178,10 +186,12 @@ class Dumper {
     std::printf("%8s  %8s  %10s  %s  data %s\n", "", "", "", indent.c_str(), Preview(span).c_str());
   }
 
+  // The place where a run stops making sense; a chunk cut short is shown as far as it goes.
   void ReportStop(const Run& run, unsigned depth) {
     damaged_ = true;
     std::printf("%8zu  %8s  %10s  %s! not a chunk: %s\n", run.stop, "", "", std::string(2 * depth, ' ').c_str(),
                 run.reason.c_str());
+    if (run.has_cut) PrintChunk(run.cut, depth);
   }
 
   const Bytes& data_;
