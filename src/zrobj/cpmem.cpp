@@ -351,7 +351,9 @@ int CPMemory::DynaRead(char* name, CZRArchive& archive) {
 
 // ---- CPMemoryCS ----
 
-CPMemoryCS::CPMemoryCS(const CPMemoryCS& other) : CPMemory(other) {
+// Sharing checks the block's class id, so it runs once GetClassID answers for this class.
+CPMemoryCS::CPMemoryCS(const CPMemoryCS& other) : CPMemory() {
+  CPMemory::operator=(other);
   if (GetHeader() != nullptr && other.section_ != nullptr) {
     other.section_->Lock();
     section_ = other.section_;
