@@ -252,10 +252,10 @@ class ChunkCore {
       if (stream_.Read(header, kHeaderSize) < kHeaderSize || INT64{GetLE32(header + 4)} + kHeaderSize > remaining)
         return Restore(start, u"\r%s::Chnk_Find failed: Bad subchunk info\r\n");
       if (wanted != CHNK_UNNAMED_ID && GetLE32(header) == wanted) return Found(at);
-      const DWORD skipped = GetLE32(header + 4) + kHeaderSize;
+      const UINT64 skipped = UINT64{GetLE32(header + 4)} + kHeaderSize;
       at += skipped;
       Seek(at);
-      remaining -= skipped;
+      remaining -= static_cast<INT64>(skipped);
       if (wanted == CHNK_UNNAMED_ID) return Found(at);  // a null name steps over one sub-chunk
       if (remaining < kHeaderSize) return Restore(start, u"\r%s::Chnk_Find failed: No matching subchunk\r\n");
     }
