@@ -40,7 +40,8 @@ struct tagCHNKSTATE {
 class ZROBJ_API CZRArchive {
  public:
   virtual ~CZRArchive();
-  // The level index of the opened chunk, or CHNK_INVALID. Reading: `name` is hashed as given.
+  // The level index of the opened chunk, or CHNK_INVALID. Reading hashes `name` as given (a null
+  // name as the empty one, id 0); writing gives a null name the id CHNK_UNNAMED_ID.
   virtual unsigned int Chnk_Open(char* name, unsigned long access) = 0;
   // Closes `level` and every deeper level; writing patches their sizes. 1, or 0 if not open.
   virtual int Chnk_Close(unsigned int level) = 0;
