@@ -194,6 +194,13 @@ TEST(CPMemoryCS, SectionTravelsWithBlock) {
     b.Leave();
   }
   EXPECT_EQ(a.GetSection()->GetRefCount(), 1u);
+  {
+    const CPMemoryCS c(a);  // copy construction shares like assignment
+    EXPECT_EQ(c.GetHeader(), a.GetHeader());
+    EXPECT_EQ(c.GetSection(), a.GetSection());
+    EXPECT_EQ(a.GetRefCnt(), 2);
+  }
+  EXPECT_EQ(a.GetRefCnt(), 1);
   EXPECT_EQ(a.Realloc(32, 0, 0), 1);
   EXPECT_NE(a.GetSection(), nullptr);
   a.Free();

@@ -77,7 +77,10 @@ class ZROBJ_API CPMemory {
   void Clean() { pMH = nullptr; }
   int AssertMem() const;
 
-  // Archive persistence; chunk archives are not part of the library yet, these return 0.
+  // Archive persistence: the data as one chunk called `name` (written with one Chnk_Write, read
+  // back whole). DynaSave and DynaLoad return 1, or 0 when the open, the write or the read falls
+  // short; DynaRead loads like DynaLoad and returns the stored size (0 for a failure or an empty
+  // entry). The int of DynaLoad is unused.
   int DynaSave(char* name, CZRArchive& archive);
   int DynaLoad(char* name, CZRArchive& archive, int);
   int DynaRead(char* name, CZRArchive& archive);
@@ -99,6 +102,7 @@ class ZROBJ_API CPMemory {
   tagMEMHEADER* ReclaimMemory(tagMEMHEADER* header, unsigned long size, unsigned long heapFlags);
   int ReleaseMemory(tagMEMHEADER* header);
   int TakeBlock(tagMEMHEADER* fresh, unsigned long size);
+  long long LoadEntry(char* name, CZRArchive& archive);
 
   tagMEMHEADER* pMH = nullptr;
   unsigned long flags_ = 0;

@@ -9,6 +9,7 @@
 #include "platform/dlgsvc.h"
 #include "platform/fault.h"
 #include "zrobj/cheap.h"
+#include "zrobj/chunkarc.h"
 #include "zrobj/coslock.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrhash.h"
@@ -318,13 +319,41 @@ int CPMemory::AssertMem() const {
   return copy.pMalloc->Verify(pMH);
 }
 
-int CPMemory::DynaSave(char*, CZRArchive&) { return 0; }
-int CPMemory::DynaLoad(char*, CZRArchive&, int) { return 0; }
-int CPMemory::DynaRead(char*, CZRArchive&) { return 0; }
+// ---- Archive persistence: the data as one named chunk ----
+
+int CPMemory::DynaSave(char* name, CZRArchive& archive) {
+  const unsigned int level = archive.Chnk_Open(name, CHNK_ACCESS_WRITE);
+  if (level == CHNK_INVALID) return 0;
+  const unsigned long size = GetSize();
+  const unsigned long written = size == 0 ? 0 : archive.Chnk_Write(const_cast<void*>(GetCDataPtr()), size);
+  archive.Chnk_Close(level);
+  return written == size ? 1 : 0;
+}
+
+// Opens the entry and loads it whole into this handle (in place when the block is not shared);
+// the entry's size, or -1 when it could not be loaded.
+long long CPMemory::LoadEntry(char* name, CZRArchive& archive) {
+  const unsigned int level = archive.Chnk_Open(name, CHNK_ACCESS_READ);
+  if (level == CHNK_INVALID) return -1;
+  const unsigned long size = archive.Chnk_GetSize(level);
+  bool loaded = size == 0 ? Free() != 0 : LoadRealloc(size) && GetSize() == size;
+  if (loaded && size != 0) loaded = archive.Chnk_Read(GetDataPtr(), size) == size;
+  archive.Chnk_Close(level);
+  return loaded ? static_cast<long long>(size) : -1;
+}
+
+int CPMemory::DynaLoad(char* name, CZRArchive& archive, int) { return LoadEntry(name, archive) >= 0 ? 1 : 0; }
+
+int CPMemory::DynaRead(char* name, CZRArchive& archive) {
+  const long long size = LoadEntry(name, archive);
+  return size > 0 ? static_cast<int>(size) : 0;
+}
 
 // ---- CPMemoryCS ----
 
-CPMemoryCS::CPMemoryCS(const CPMemoryCS& other) : CPMemory(other) {
+// Sharing checks the block's class id, so it runs once GetClassID answers for this class.
+CPMemoryCS::CPMemoryCS(const CPMemoryCS& other) : CPMemory() {
+  CPMemory::operator=(other);
   if (GetHeader() != nullptr && other.section_ != nullptr) {
     other.section_->Lock();
     section_ = other.section_;

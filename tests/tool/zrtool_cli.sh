@@ -52,5 +52,28 @@ check "settings set" 0 "$tool" settings set --vst Tool Title "night edit"
 "$tool" settings get --vst Tool Title > "$work/title" 2>/dev/null
 grep -q "night edit" "$work/title" || { echo "FAIL: settings value not read back"; failures=$((failures + 1)); }
 
+# Chunk archives: the sample dumps with names resolved and status 0; damage and noise give status 1
+# and a marked line, never a crash.
+check "chunks help" 0 "$tool" chunks --help
+check "bad chunks usage" 2 "$tool" chunks list "$work/demo.chunks"
+check "chunks dump without file" 2 "$tool" chunks dump
+check "chunks demo" 0 "$tool" chunks demo "$work/demo.chunks"
+check "chunks dump of the demo" 0 "$tool" chunks dump "$work/demo.chunks" --names scene,object,name,vertices
+grep -q "^       0  55E702A1         111  scene$" "$work/out" || { echo "FAIL: chunks dump does not name the scene"; failures=$((failures + 1)); }
+grep -q "^      54  729301BC          24      vertices$" "$work/out" || { echo "FAIL: chunks dump lost the nesting"; failures=$((failures + 1)); }
+grep -q "(unnamed)" "$work/out" || { echo "FAIL: chunks dump misses the unnamed chunk"; failures=$((failures + 1)); }
+grep -q "^9 chunk(s), 3 level(s) deep, 156 bytes$" "$work/out" || { echo "FAIL: chunks dump summary"; failures=$((failures + 1)); }
+head -c 100 "$work/demo.chunks" > "$work/cut.chunks"
+check "truncated chunk file" 1 "$tool" chunks dump "$work/cut.chunks"
+grep -q "! not a chunk: chunk 55E702A1 claims 111 bytes, only 92 remain" "$work/out" || { echo "FAIL: truncation not reported"; failures=$((failures + 1)); }
+cp "$work/demo.chunks" "$work/inner.chunks"
+printf '\xff\x00\x00\x00' | dd of="$work/inner.chunks" bs=1 seek=46 conv=notrunc status=none
+check "damaged inner chunk" 1 "$tool" chunks dump "$work/inner.chunks" --names name
+grep -q "claims 255 bytes, only 36 remain" "$work/out" || { echo "FAIL: inner damage not reported"; failures=$((failures + 1)); }
+check "random bytes as chunks" 1 "$tool" chunks dump "$work/noise"
+: > "$work/empty.chunks"
+check "empty chunk file" 0 "$tool" chunks dump "$work/empty.chunks"
+check "missing chunk file" 1 "$tool" chunks dump "$work/does-not-exist"
+
 if [ "$failures" -ne 0 ]; then echo "$failures zrtool check(s) failed"; exit 1; fi
 echo "zrtool checks passed"
