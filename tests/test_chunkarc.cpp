@@ -657,4 +657,28 @@ TEST(CPMemoryPersistence, RoundTripThroughMemory) {
   RoundTrip(arc, [&] { return arc.Open(kRead) != 0; });
 }
 
+
+
+// A damaged entry that claims more bytes than its archive holds is refused before anything is
+// allocated, in both variants, and the handle keeps what it had.
+TEST_F(FileArchiveTest, DynaLoadRefusesSizesTheArchiveCannotHold) {
+  const std::string damaged = LE32(GetHashID("big")) + LE32(0xFFFFFFF0u) + "abcd";
+  Reading(damaged);
+  CPMemory kept;
+  ASSERT_TRUE(kept.Alloc(2));
+  std::memcpy(kept.GetDataPtr(), "ok", 2);
+  EXPECT_EQ(kept.DynaLoad(N("big"), arc, 0), 0);
+  EXPECT_EQ(kept.GetSize(), 2ul);
+  EXPECT_EQ(std::memcmp(kept.GetDataPtr(), "ok", 2), 0);
+  EXPECT_EQ(arc.GetLevelCount(), 0u);
+
+  CPMemoryFile content;
+  ASSERT_NE(content.Open(kWrite), 0);
+  ASSERT_EQ(content.Write(const_cast<char*>(damaged.data()), damaged.size()), damaged.size());
+  CMemChunkArchive memory;
+  ASSERT_NE(memory.SetContent(content), 0);
+  ASSERT_NE(memory.Open(kRead), 0);
+  EXPECT_EQ(kept.DynaRead(N("big"), memory), 0);
+  EXPECT_EQ(kept.GetSize(), 2ul);
+}
 }  // namespace

@@ -243,7 +243,9 @@ TEST(CThread, TerminateRunningAndSuspendedThreads) {
     CThread thread(nullptr, 0, WaitForGo, &s, 0);
     ASSERT_EQ(s.started.Wait(kWaitMs), WAIT_OBJECT_0);
     const unsigned long id = thread.GetID();
-    if (suspend_first) ASSERT_EQ(thread.Suspend(), 0ul);
+    if (suspend_first) {
+      ASSERT_EQ(thread.Suspend(), 0ul);
+    }
     EXPECT_EQ(thread.Terminate(7), 1);
     EXPECT_EQ(thread.GetStatus(), CTHREAD_ENDED);
     EXPECT_EQ(thread.Wait(0), WAIT_OBJECT_0);

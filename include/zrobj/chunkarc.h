@@ -70,6 +70,8 @@ class ZROBJ_API CChunkArchiveT : public CZRArchive {
 
   DWORD GetLevelCount() const { return state_.dwLevels; }
   DWORD GetFilePtr() const;  // the position as the chunk operations see it
+  // Bytes of the stream after the current position: all that a read can still deliver.
+  DWORD GetBytesLeft();
 
  protected:
   CChunkArchiveT() = default;

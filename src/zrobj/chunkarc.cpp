@@ -386,6 +386,13 @@ DWORD CChunkArchiveT<Stream>::GetFilePtr() const {
 }
 
 template <class Stream>
+DWORD CChunkArchiveT<Stream>::GetBytesLeft() {
+  const DWORD position = GetFilePtr();
+  const DWORD size = file_.GetSize();
+  return size > position ? size - position : 0;
+}
+
+template <class Stream>
 int CChunkArchiveT<Stream>::CloseAll() {
   if (state_.dwLevels != 0) Chnk_Close(0);
   return StreamOf(file_, cache_).Close();
