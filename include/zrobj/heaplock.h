@@ -16,6 +16,18 @@ ZROBJ_API extern const char* const g_single_thread_flag;
 // True while the process has a single thread (never true again once a second thread was created).
 inline bool ProcessIsSingleThreaded() { return detail::g_single_thread_flag && *detail::g_single_thread_flag; }
 
+// Moves a 32-bit atomic word (std::atomic or std::atomic_ref) from `from` to `to` if it holds `from`;
+// while the process has a single thread, without an atomic read-modify-write.
+template <class AtomicWord>
+bool ReplaceIfEqual(AtomicWord& word, std::uint32_t from, std::uint32_t to) {
+  if (ProcessIsSingleThreaded()) {
+    if (word.load(std::memory_order_relaxed) != from) return false;
+    word.store(to, std::memory_order_release);
+    return true;
+  }
+  return word.compare_exchange_strong(from, to, std::memory_order_acq_rel, std::memory_order_relaxed);
+}
+
 // For short critical sections (pool and private-heap bookkeeping): one atomic exchange to enter and
 // one to leave; a contended entry spins a while, then sleeps until the holder leaves. While the
 // process has a single thread it takes no atomic read-modify-write at all, which keeps the
@@ -31,15 +43,7 @@ class ZROBJ_API LightLock {
     if (!state_.compare_exchange_strong(expected, kLocked, std::memory_order_acquire, std::memory_order_relaxed))
       LockContended();
   }
-  bool try_lock() {
-    if (SingleThreaded()) {
-      if (state_.load(std::memory_order_relaxed) != kFree) return false;
-      state_.store(kLocked, std::memory_order_relaxed);
-      return true;
-    }
-    std::uint32_t expected = kFree;
-    return state_.compare_exchange_strong(expected, kLocked, std::memory_order_acquire, std::memory_order_relaxed);
-  }
+  bool try_lock() { return ReplaceIfEqual(state_, kFree, kLocked); }
   void unlock() {
     if (SingleThreaded()) {  // nobody else can be waiting
       state_.store(kFree, std::memory_order_release);

@@ -14,6 +14,7 @@
 #include "platform/fault.h"
 #include "platform/platdiag.h"
 #include "platform/privheap.h"
+#include "platform/privheap_internal.h"
 #include "platform/text.h"
 #include "platform/wformat.h"
 #include "src/zrobj/cosobj_heap_shared.h"
@@ -75,7 +76,7 @@ bool IsWatching(const std::atomic<std::uint32_t>& flags) {
 }
 
 // The counts are exact while the process has one thread, atomic otherwise.
-void AddCounts(std::atomic<std::int32_t>& items, std::atomic<std::uint32_t>& bytes, std::int32_t itemDelta,
+inline void AddCounts(std::atomic<std::int32_t>& items, std::atomic<std::uint32_t>& bytes, std::int32_t itemDelta,
                std::int64_t byteDelta) {
   const auto byteChange = static_cast<std::uint32_t>(byteDelta);
   if (ProcessIsSingleThreaded()) {
@@ -90,7 +91,7 @@ void AddCounts(std::atomic<std::int32_t>& items, std::atomic<std::uint32_t>& byt
 // The private heap never faults; a failure where Windows would have raised (HEAP_GENERATE_EXCEPTIONS)
 // gets the report of the structured-exception guard.
 void* GuardedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
-  void* block = HeapAlloc(heap, static_cast<DWORD>(heapFlags), bytes);
+  void* block = heapimpl::AllocBlock(heap, static_cast<DWORD>(heapFlags), bytes);
   if (!block && HeapFailureRaises(heap, static_cast<DWORD>(heapFlags)))
     wPrintf(0, 0, u"\rHeapAlloc(%08X,%08X,%u) failed \r\n", Addr(heap), heapFlags, bytes);
   return block;
@@ -100,8 +101,8 @@ void* GuardedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
 
 class BlockReader {
  public:
-  BlockReader(HANDLE heap, std::uintptr_t heapBlock) {
-    owned_ = HeapBlockOwned(heap, Ptr(heapBlock), &span_);
+  __attribute__((always_inline)) BlockReader(HANDLE heap, std::uintptr_t heapBlock) {
+    owned_ = heapimpl::BlockOwned(heap, Ptr(heapBlock), &span_);
   }
   bool owned() const { return owned_; }
   const HeapBlockSpan& span() const { return span_; }
@@ -121,7 +122,7 @@ class BlockReader {
 enum class Guards { kIntact, kEndBroken, kUnreadable };
 
 // The size word in front of the data and the end signature it points at.
-Guards CheckGuards(const BlockReader& reader, std::uintptr_t data, DWORD* sizeWord) {
+inline Guards CheckGuards(const BlockReader& reader, std::uintptr_t data, DWORD* sizeWord) {
   DWORD size = 0;
   if (!reader.Read(data - 4, &size, sizeof size)) return Guards::kUnreadable;
   *sizeWord = size;
@@ -660,7 +661,7 @@ __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) 
   if (bad || !reader.owned()) return 0;
   zr::WriteGuards(data, sizeWord, 0);  // a second Free finds no end signature ...
   std::memset(Ptr(data - 4), 0, 4);     // ... and no size word
-  return zr::HeapFreeChecked(heap, static_cast<DWORD>(heapFlags), Ptr(start), reader.span());
+  return zr::heapimpl::FreeBlock(heap, static_cast<DWORD>(heapFlags), Ptr(start), reader.span());
 }
 
 int CHeap::Verify(void* block) {
