@@ -224,6 +224,7 @@ bool FreeLocked(PrivHeap* heap, void* block, Span* s) {
 struct CacheRegistry {
   std::mutex mutex;
   ThreadCache* all = nullptr;
+  std::atomic<std::uint32_t> retired[kThreadCounters] = {};  // counts of ended threads
   std::atomic<std::uint32_t> next_way{0};
 };
 
@@ -278,6 +279,8 @@ void ReleaseThreadCache() {
   {
     std::lock_guard guard(caches.mutex);
     for (CacheEntry& entry : cache->entries) FlushEntry(entry);
+    for (int i = 0; i < kThreadCounters; ++i)
+      caches.retired[i].fetch_add(cache->counters[i].load(std::memory_order_relaxed), std::memory_order_relaxed);
     Unlink(caches, cache);
   }
   t_cache = nullptr;
@@ -356,6 +359,22 @@ void heapimpl::SpillBin(PrivHeap* heap, CacheBin& bin) {
 
 void* heapimpl::AllocFromSpans(PrivHeap* heap, int cls) { return TakeSlot(heap, cls); }
 
+void heapimpl::CountSlow(int counter) {
+  CacheRegistry& caches = Caches();
+  std::lock_guard guard(caches.mutex);
+  ThreadCache* cache = OwnCache(caches);
+  std::atomic<std::uint32_t>& value = cache ? cache->counters[counter] : caches.retired[counter];
+  value.fetch_add(1, std::memory_order_relaxed);
+}
+
+std::uint32_t heapimpl::SumCounter(int counter) {
+  CacheRegistry& caches = Caches();
+  std::lock_guard guard(caches.mutex);
+  std::uint32_t sum = caches.retired[counter].load(std::memory_order_relaxed);
+  for (ThreadCache* cache = caches.all; cache; cache = cache->next) sum += cache->counters[counter].load(std::memory_order_relaxed);
+  return sum;
+}
+
 // ---- regions -----------------------------------------------------------------------------------
 
 void* AllocateRegion(std::size_t bytes) {
@@ -404,6 +423,11 @@ void LightLock::LockContended() {
 }
 
 void LightLock::WakeOne() { state_.notify_one(); }
+
+std::uintptr_t RecursiveLightLock::ThreadToken() {
+  static thread_local char token;
+  return reinterpret_cast<std::uintptr_t>(&token);
+}
 
 // ---- heap queries ------------------------------------------------------------------------------
 

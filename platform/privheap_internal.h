@@ -183,8 +183,13 @@ struct CacheEntry {
   CacheBin bins[kClasses];
 };
 
+// Event counters a thread keeps for the heaps (the performance counters of the debug heap and the
+// pools): written by the owning thread only, summed by SumCounter.
+inline constexpr int kThreadCounters = 8;
+
 struct ThreadCache {
   CacheEntry entries[kCacheWays];
+  std::atomic<std::uint32_t> counters[kThreadCounters] = {};
   ThreadCache* prev = nullptr;  // every thread's cache, in the registry
   ThreadCache* next = nullptr;
 };
@@ -195,6 +200,17 @@ extern constinit thread_local ThreadCache* t_cache __attribute__((tls_model("ini
 CacheEntry* AttachEntry(PrivHeap* heap);   // takes the heap's way in this thread's cache
 void SpillBin(PrivHeap* heap, CacheBin& bin);  // gives half of an overflowing bin back
 void* AllocFromSpans(PrivHeap* heap, int cls);
+void CountSlow(int counter);              // the first count of a thread, or one after its cache is gone
+std::uint32_t SumCounter(int counter);    // over every thread, those that ended included
+
+ZR_HEAP_FAST void CountEvent(int counter) {
+  if (ThreadCache* cache = t_cache) {
+    std::atomic<std::uint32_t>& value = cache->counters[counter];
+    value.store(value.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return;
+  }
+  CountSlow(counter);
+}
 
 // This thread's cache entry for the heap; null when the heap is not cached here.
 ZR_HEAP_FAST CacheEntry* EntryFor(PrivHeap* heap) {

@@ -26,10 +26,6 @@
 #define CHEAP_WARNING(text) WarningMsg(text, ZR_CALLER_ADDRESS(), ZR_CURRENT_FRAME())
 
 namespace zr {
-namespace detail {
-HeapCounterShard g_heap_counters[kHeapCounterShards];
-}  // namespace detail
-
 namespace {
 
 constexpr std::size_t kPlainLead = CHEAP_PLAIN_LEAD;
@@ -90,10 +86,14 @@ inline void AddCounts(std::atomic<std::int32_t>& items, std::atomic<std::uint32_
 
 // The private heap never faults; a failure where Windows would have raised (HEAP_GENERATE_EXCEPTIONS)
 // gets the report of the structured-exception guard.
-void* GuardedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
-  void* block = heapimpl::AllocBlock(heap, static_cast<DWORD>(heapFlags), bytes);
-  if (!block && HeapFailureRaises(heap, static_cast<DWORD>(heapFlags)))
+__attribute__((noinline, cold)) void ReportFailedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
+  if (HeapFailureRaises(heap, static_cast<DWORD>(heapFlags)))
     wPrintf(0, 0, u"\rHeapAlloc(%08X,%08X,%u) failed \r\n", Addr(heap), heapFlags, bytes);
+}
+
+inline __attribute__((always_inline)) void* GuardedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
+  void* block = heapimpl::AllocBlock(heap, static_cast<DWORD>(heapFlags), bytes);
+  if (!block) ReportFailedAlloc(heap, heapFlags, bytes);
   return block;
 }
 
@@ -130,6 +130,17 @@ inline Guards CheckGuards(const BlockReader& reader, std::uintptr_t data, DWORD*
   DWORD end = 0;
   if (!reader.Read(data - 4 + size - 4, &end, sizeof end)) return Guards::kUnreadable;
   return end == CHEAP_BLOCK_END ? Guards::kIntact : Guards::kEndBroken;
+}
+
+// A plain block that is a live block of the heap, with both guards intact: read directly.
+inline bool IntactPlainBlock(HANDLE heap, std::uintptr_t data, HeapBlockSpan* span, DWORD* sizeWord) {
+  if (!heapimpl::BlockOwned(heap, Ptr(data - kPlainLead), span)) return false;
+  DWORD size = 0, end = 0;
+  std::memcpy(&size, Ptr(data - 4), sizeof size);  // inside the block's span
+  if (size < 8 || size - 4 > span->end - data) return false;
+  std::memcpy(&end, Ptr(data - 4 + size - 4), sizeof end);
+  *sizeWord = size;
+  return end == CHEAP_BLOCK_END;
 }
 
 void WriteGuards(std::uintptr_t data, DWORD sizeWord, DWORD end) {
@@ -405,9 +416,7 @@ const char* HeapCounterName(HeapCounter counter) {
 std::uint32_t GetHeapCounter(HeapCounter counter) {
   const int index = static_cast<int>(counter);
   if (index < 0 || index >= kHeapCounterCount) return 0;
-  std::uint32_t sum = 0;
-  for (const auto& shard : detail::g_heap_counters) sum += shard.value[index].load(std::memory_order_relaxed);
-  return sum;
+  return heapimpl::SumCounter(index);
 }
 
 }  // namespace zr
@@ -478,40 +487,63 @@ int CHeap::SizeHeap(unsigned long maximumSize, unsigned long initialSize, unsign
 
 // ---- allocation --------------------------------------------------------------------------------
 
+// Writes the size word and the end signature of a new block and counts it; returns the data.
+inline __attribute__((always_inline)) void* CHeap::PlaceGuards(void* block, std::size_t lead, unsigned long size) {
+  const auto sizeWord = static_cast<DWORD>(size + 8);
+  const std::uintptr_t data = Addr(block) + lead;
+  zr::WriteGuards(data, sizeWord, CHEAP_BLOCK_END);
+  zr::AddCounts(items_, bytes_, 1, sizeWord);
+  return Ptr(data);
+}
+
+// The plain path (no watch record, no log line) is the common one and stays short.
 void* CHeap::Alloc(unsigned long size, unsigned long heapFlags, const char* sourceFile, int line,
                    unsigned long callerAddress) {
   const HANDLE heap = hHeap.load(std::memory_order_acquire);
   if (!heap) return nullptr;
   zr::CountHeapEvent(zr::HeapCounter::kAlloc);
+  if (flags_.load(std::memory_order_relaxed) & (CHEAP_WATCH | CHEAP_LOG)) {
+    void* data = AllocNoted(heap, size, heapFlags, sourceFile, line, callerAddress);
+    if (data && (flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
+      wPrintf(3, 8, u"Heap %hs: Alloc %08X\r\n", name_, Addr(data));
+    return data;
+  }
+  void* block = size <= zr::kMaxRequest ? zr::GuardedAlloc(heap, heapFlags, size + zr::kPlainOverhead) : nullptr;
+  if (!block) return AllocFailed(heap);
+  return PlaceGuards(block, zr::kPlainLead, size);
+}
+
+// Alloc of a block in watch mode (or in plain mode when no watch heap exists).
+__attribute__((noinline)) void* CHeap::AllocNoted(HANDLE heap, unsigned long size, unsigned long heapFlags,
+                                                  const char* sourceFile, int line, unsigned long callerAddress) {
   const bool watch = zr::IsWatching(flags_);
   const std::size_t lead = watch ? zr::kWatchLead : zr::kPlainLead;
   void* block = size <= zr::kMaxRequest ? zr::GuardedAlloc(heap, heapFlags, size + lead + zr::kEndBytes) : nullptr;
-  if (!block) {
-    wPrintf(0, 0, u"\rFAILED: HeapAlloc(%hs,hHeap=%08X)\r\n", name_, Addr(heap));
-    return nullptr;
-  }
-  const auto sizeWord = static_cast<DWORD>(size + 8);
+  if (!block) return AllocFailed(heap);
   if (watch) {
     const std::uintptr_t location = sourceFile ? static_cast<std::uintptr_t>(line) : callerAddress;
-    RegisterWatch(static_cast<tagWATCHINFO*>(block), sizeWord, sourceFile, location);
+    // The trace starts in Alloc (which does not tail-call this member), as if this were part of it.
+    RegisterWatch(static_cast<tagWATCHINFO*>(block), static_cast<DWORD>(size + 8), sourceFile, location,
+                  ZR_CURRENT_FRAME());
   }
-  const std::uintptr_t data = Addr(block) + lead;
-  zr::WriteGuards(data, sizeWord, CHEAP_BLOCK_END);
-  zr::AddCounts(items_, bytes_, 1, sizeWord);
-  if ((flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
-    wPrintf(3, 8, u"Heap %hs: Alloc %08X\r\n", name_, data);
-  return Ptr(data);
+  return PlaceGuards(block, lead, size);
 }
 
-// Not inlined, so that the trace starts at a frame of its own.
+__attribute__((noinline, cold)) void* CHeap::AllocFailed(HANDLE heap) {
+  wPrintf(0, 0, u"\rFAILED: HeapAlloc(%hs,hHeap=%08X)\r\n", name_, Addr(heap));
+  return nullptr;
+}
+
+// Not inlined, so that the trace starts at a frame of its own: by default the frame of this member,
+// whose first return address is in its caller; `frame` starts it further out.
 __attribute__((noinline)) void CHeap::RegisterWatch(tagWATCHINFO* record, DWORD sizeWord, const char* sourceFile,
-                                                    std::uintptr_t location) {
+                                                    std::uintptr_t location, std::uintptr_t frame) {
   std::memset(static_cast<void*>(record), 0, sizeof *record);
   record->dwSignature = CHEAP_WATCH_SIGNATURE;
   record->hHeap = hHeap.load(std::memory_order_relaxed);
   record->dwSize = sizeWord;
   // The trace is complete before the record is listed, so a concurrent dump never sees half of it.
-  zr::BuildTrace(record, sourceFile, location, Addr(__builtin_frame_address(0)));
+  zr::BuildTrace(record, sourceFile, location, frame ? frame : Addr(__builtin_frame_address(0)));
   std::lock_guard guard(lock_);
   tagWATCHINFO* head = watch_head_.load(std::memory_order_relaxed);
   record->pOlder = head;
@@ -603,11 +635,35 @@ void* CHeap::Realloc(void* block, unsigned long size, unsigned long heapFlags, c
   return Ptr(newData);
 }
 
-// Not inlined: the free trace walks the stack from this frame.
+// Clears the guards of a good block (so that a second Free finds neither a size word nor an end
+// signature) and gives it back to the private heap.
+inline __attribute__((always_inline)) int CHeap::Release(HANDLE heap, unsigned long heapFlags, std::uintptr_t data,
+                                                         std::size_t lead, DWORD sizeWord, const zr::HeapBlockSpan& span) {
+  zr::WriteGuards(data, sizeWord, 0);
+  std::memset(Ptr(data - 4), 0, 4);
+  return zr::heapimpl::FreeBlock(heap, static_cast<DWORD>(heapFlags), Ptr(data - lead), span);
+}
+
+// The common case, a plain block with intact guards and nothing to print, takes the short path; any
+// other goes through FreeNoted, which checks and reports everything.
 __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) {
   const HANDLE heap = hHeap.load(std::memory_order_acquire);
   if (!heap) return 0;
   zr::CountHeapEvent(zr::HeapCounter::kFree);
+  if (!(flags_.load(std::memory_order_relaxed) & (CHEAP_WATCH | CHEAP_FREE_TRACE | CHEAP_LOG))) {
+    const std::uintptr_t data = Addr(block);
+    zr::HeapBlockSpan span;
+    DWORD sizeWord = 0;
+    if (zr::IntactPlainBlock(heap, data, &span, &sizeWord)) {
+      zr::AddCounts(items_, bytes_, -1, -static_cast<std::int64_t>(sizeWord));
+      return Release(heap, heapFlags, data, zr::kPlainLead, sizeWord, span);
+    }
+  }
+  return FreeNoted(heap, block, heapFlags, {ZR_CALLER_ADDRESS(), ZR_CURRENT_FRAME()});
+}
+
+// Free with every check and report; the warnings and the free trace name Free's caller.
+__attribute__((noinline)) int CHeap::FreeNoted(HANDLE heap, void* block, unsigned long heapFlags, Caller caller) {
   const bool watch = zr::IsWatching(flags_);
   const std::uintptr_t data = Addr(block);
   const std::uintptr_t start = data - (watch ? zr::kWatchLead : zr::kPlainLead);
@@ -618,7 +674,7 @@ __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) 
   if (guards == Guards::kEndBroken) {
     bad = true;
     wPrintf(0, 3, u"\rHeap %hs: Free: BlockEnd overwritten or already freed.\r\n", name_);
-    if (!watch) CHEAP_WARNING(u"Heap corruption!");
+    if (!watch) WarningMsg(u"Heap corruption!", caller.address, caller.frame);
   } else if (guards == Guards::kUnreadable) {
     bad = true;
     wPrintf(0, 3, u"\rHeap %hs: Free: BlockStart overwritten.\r\n", name_);
@@ -633,7 +689,7 @@ __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) 
     } else if (record.hHeap != heap) {
       bad = true;
       wPrintf(0, 1, u"\rHeap %hs::Free: WATCHINFO bad\r\n", name_);
-      CHEAP_WARNING(u"WRONG HEAP HANDLE");
+      WarningMsg(u"WRONG HEAP HANDLE", caller.address, caller.frame);
     } else if (guards == Guards::kEndBroken) {
       DumpEntry(record, start, true);
     }
@@ -645,23 +701,21 @@ __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) 
       } else {
         bad = true;
         wPrintf(0, 1, u"\rHeap %hs::Free: WATCHINFO bad\r\n", name_);
-        CHEAP_WARNING(u"WRONG HEAP HANDLE");
+        WarningMsg(u"WRONG HEAP HANDLE", caller.address, caller.frame);
       }
     }
   }
 
   if ((flags_.load(std::memory_order_relaxed) & CHEAP_FREE_TRACE) && IsDebugOn()) {
     wPrintf(3, 8, u"Heap(%hs)::Free Trace %08X\r\n", name_, data);
-    WalkCallStack(0, ZR_CURRENT_FRAME(), 10, nullptr);
+    WalkCallStack(0, caller.frame, 10, nullptr);
   }
   zr::AddCounts(items_, bytes_, -1, -static_cast<std::int64_t>(sizeWord));
   if ((flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
     wPrintf(3, 8, u"Heap %hs: Free %08X\r\n", name_, data);
   // A bad block stays allocated (and listed): it is evidence, and releasing it could spread damage.
   if (bad || !reader.owned()) return 0;
-  zr::WriteGuards(data, sizeWord, 0);  // a second Free finds no end signature ...
-  std::memset(Ptr(data - 4), 0, 4);     // ... and no size word
-  return zr::heapimpl::FreeBlock(heap, static_cast<DWORD>(heapFlags), Ptr(start), reader.span());
+  return Release(heap, heapFlags, data, watch ? zr::kWatchLead : zr::kPlainLead, sizeWord, reader.span());
 }
 
 int CHeap::Verify(void* block) {
