@@ -183,22 +183,24 @@ void ReportWatchHeapFailure(HANDLE watch) {
 }
 
 // The name's text in the interned list (case-insensitive), added on first use; null on failure.
+// (The failure is reported outside the registry lock, which a diagnostics sink may need.)
 const char* Intern(const std::string& name) {
   HeapWorld& world = World();
   const HANDLE watch = world.watch_heap.load(std::memory_order_acquire);
   if (!watch) return nullptr;
-  std::lock_guard guard(world.registry.mutex());
-  for (char* node = world.interned; node; node = NextNode(node))
-    if (EqualNoCase(node + kNodeText, name.c_str())) return node + kNodeText;
-  auto* node = static_cast<char*>(HeapAlloc(watch, 0, kNodeText + name.size() + 1));
-  if (!node) {
-    ReportWatchHeapFailure(watch);
-    return nullptr;
+  {
+    std::lock_guard guard(world.registry.mutex());
+    for (char* node = world.interned; node; node = NextNode(node))
+      if (EqualNoCase(node + kNodeText, name.c_str())) return node + kNodeText;
+    if (auto* node = static_cast<char*>(HeapAlloc(watch, 0, kNodeText + name.size() + 1))) {
+      std::memcpy(node, &world.interned, sizeof world.interned);
+      std::memcpy(node + kNodeText, name.c_str(), name.size() + 1);
+      world.interned = node;
+      return node + kNodeText;
+    }
   }
-  std::memcpy(node, &world.interned, sizeof world.interned);
-  std::memcpy(node + kNodeText, name.c_str(), name.size() + 1);
-  world.interned = node;
-  return node + kNodeText;
+  ReportWatchHeapFailure(watch);
+  return nullptr;
 }
 
 void FreeTraceText(const char* text) {
@@ -447,15 +449,18 @@ CHeap::CHeap(const char* name, unsigned long maximumSize, unsigned long initialS
   zr::HeapWorld& world = zr::World();
   bool watch = zr::ReadSetting("Heaps", "Watch") != 0 || zr::ReadSetting(name_, "Watch") != 0;
   world.registry.Add(this);
+  bool madeWatchHeap = false;
   if (watch) {
     std::lock_guard guard(world.registry.mutex());
     if (!world.watch_heap.load(std::memory_order_relaxed)) {
       const HANDLE created = HeapCreate(0, 0x10000, 0);
       world.watch_heap.store(created, std::memory_order_release);
-      if (!created) watch = false;
-      else if (IsDebugOn()) wPrintf(3, 5, u"\rCHeap %hs: hWatchHeap = hWatchHeap\r\n", name_);
+      watch = madeWatchHeap = created != nullptr;
     }
   }
+  // Printed outside the registry lock: a diagnostics sink may allocate from a watched heap, which
+  // takes that lock to intern names.
+  if (madeWatchHeap && IsDebugOn()) wPrintf(3, 5, u"\rCHeap %hs: hWatchHeap = hWatchHeap\r\n", name_);
   if (watch) flags |= CHEAP_WATCH;
   flags |= static_cast<std::uint32_t>(zr::ReadSetting("Heaps", "HeapFlags") | zr::ReadSetting(name_, "HeapFlags"));
   flags_.store(flags & 15, std::memory_order_relaxed);
