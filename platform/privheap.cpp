@@ -4,6 +4,7 @@
 // A heap owns its spans (linked per heap, freed with the heap) and its large blocks (allocated one by
 // one, kept in a set). Every small block is a slot of a span; the address map finds the span of any
 // address without touching the address, so a pointer can be checked before anything is read at it.
+// Freed small blocks wait in per-thread caches (privheap_internal.h) for their next use.
 #include "platform/privheap.h"
 
 #include "platform/privheap_internal.h"
@@ -60,7 +61,6 @@ std::uintptr_t* MapSlot(std::uintptr_t address, bool create) {
 
 std::uintptr_t Addr(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
 
-
 void Unlink(Span*& head, Span* s) {
   if (s->prev) s->prev->next = s->next;
   else head = s->next;
@@ -109,7 +109,7 @@ Span* TakeSpan(PrivHeap* heap, int cls) {
   return s;
 }
 
-void* TakeSlot(PrivHeap* heap, int cls) {
+void* TakeSlot(PrivHeap* heap, int cls, std::size_t bytes) {
   const std::uint32_t size = ClassSize(cls);
   std::lock_guard guard(heap->lock);
   if (heap->maximum && heap->usage.bytes_in_use + size > heap->maximum) return nullptr;
@@ -126,7 +126,7 @@ void* TakeSlot(PrivHeap* heap, int cls) {
   }
   if (++s->used == s->slot_count) Unlink(heap->partial[cls], s);
   h->cls = static_cast<std::uint32_t>(cls);
-  h->size = 0;
+  h->size = bytes;
   StoreState(h, kSlotLive);
   heap->usage.bytes_in_use += size;
   ++heap->usage.blocks;
@@ -143,6 +143,7 @@ void* AllocLarge(PrivHeap* heap, std::size_t bytes) {
   large->heap = heap;
   large->capacity = capacity;
   large->slot.cls = kLargeClass;
+  large->slot.size = bytes;
   large->slot.state = kSlotLive;
   void* data = &large->slot + 1;
   try {
@@ -234,13 +235,7 @@ CacheRegistry& Caches() {
 }
 
 void ReturnBin(PrivHeap* heap, CacheBin& bin, std::uint32_t keep) {
-  std::uint32_t count = bin.count.load(std::memory_order_relaxed);
-  for (; count > keep; --count) {
-    SlotHeader* h = bin.head;
-    bin.head = NextSlot(h);
-    ReturnSlot(heap, h);
-  }
-  bin.count.store(count, std::memory_order_relaxed);
+  while (CacheBin::Count(bin.Load()) > keep) ReturnSlot(heap, PopCached(bin));
 }
 
 // Gives the entry's blocks back to its heap, or forgets them when the heap is gone (caller holds
@@ -251,10 +246,7 @@ void FlushEntry(CacheEntry& entry) {
     std::lock_guard guard(heap->lock);
     for (CacheBin& bin : entry.bins) ReturnBin(heap, bin, 0);
   }
-  for (CacheBin& bin : entry.bins) {
-    bin.head = nullptr;
-    bin.count.store(0, std::memory_order_relaxed);
-  }
+  for (CacheBin& bin : entry.bins) bin.Store(0);
   entry.heap.store(nullptr, std::memory_order_relaxed);
 }
 
@@ -323,7 +315,7 @@ void SubtractCached(const PrivHeap* heap, HeapUsage* usage) {
     for (CacheEntry& entry : cache->entries) {
       if (entry.heap.load(std::memory_order_relaxed) != heap) continue;
       for (int cls = 0; cls < kClasses; ++cls) {
-        const std::uint32_t n = entry.bins[cls].count.load(std::memory_order_relaxed);
+        const std::uint32_t n = CacheBin::Count(entry.bins[cls].Load());
         usage->blocks -= n;
         usage->bytes_in_use -= std::size_t{n} * ClassSize(cls);
       }
@@ -354,10 +346,18 @@ CacheEntry* heapimpl::AttachEntry(PrivHeap* heap) { return Attach(heap); }
 
 void heapimpl::SpillBin(PrivHeap* heap, CacheBin& bin) {
   std::lock_guard guard(heap->lock);
-  ReturnBin(heap, bin, bin.count.load(std::memory_order_relaxed) / 2);
+  ReturnBin(heap, bin, CacheBin::Count(bin.Load()) / 2);
 }
 
-void* heapimpl::AllocFromSpans(PrivHeap* heap, int cls) { return TakeSlot(heap, cls); }
+void* heapimpl::AllocFromSpans(PrivHeap* heap, int cls, std::size_t bytes) { return TakeSlot(heap, cls, bytes); }
+
+// A copy of the span keeps the caller's in registers.
+bool heapimpl::OwnedElsewhere(HANDLE handle, const void* block, HeapBlockSpan* span) {
+  HeapBlockSpan found;
+  if (!HeapBlockOwned(handle, block, &found)) return false;
+  if (span) *span = found;
+  return true;
+}
 
 void heapimpl::CountSlow(int counter) {
   CacheRegistry& caches = Caches();
@@ -502,9 +502,8 @@ void* HeapAlloc(HANDLE handle, DWORD flags, SIZE_T bytes) {
   PrivHeap* heap = zr::AsHeap(handle);
   if (!heap || bytes > zr::kMaxBlockBytes) return nullptr;
   const std::size_t slot = bytes + sizeof(zr::SlotHeader);
-  void* block = slot <= zr::kMaxSlotBytes ? zr::AllocSmall(heap, zr::ClassOf(slot)) : zr::AllocLarge(heap, bytes);
+  void* block = slot <= zr::kMaxSlotBytes ? zr::AllocSmall(heap, zr::ClassOf(slot), bytes) : zr::AllocLarge(heap, bytes);
   if (!block) return nullptr;
-  zr::HeaderOf(block)->size = bytes;
   if (flags & HEAP_ZERO_MEMORY) std::memset(block, 0, bytes);
   return block;
 }

@@ -118,7 +118,6 @@ ZR_HEAP_FAST bool ClaimSlot(SlotHeader* h) {
   return ReplaceIfEqual(state, kSlotLive, kSlotFree);
 }
 
-inline SlotHeader* NextSlot(const SlotHeader* h) { return reinterpret_cast<SlotHeader*>(static_cast<std::uintptr_t>(h->size)); }
 inline Span* SpanOf(const SlotHeader* h) { return reinterpret_cast<Span*>(reinterpret_cast<std::uintptr_t>(h) & ~(kSpanBytes - 1)); }
 
 ZR_HEAP_FAST PrivHeap* AsHeap(HANDLE handle) {
@@ -173,9 +172,20 @@ struct BinLimits {
 };
 inline constexpr BinLimits kBinLimits;
 
+// A bin is one word, written by the owning thread only: the newest block's header in the low 48
+// bits (cached blocks lie below 2^47, where the address map reaches) and the bin's block count in
+// the high 16. A cached block's size word holds the bin's word from before it was pushed, so a pop
+// restores the count with the link.
 struct CacheBin {
-  SlotHeader* head = nullptr;           // linked through the headers' size words
-  std::atomic<std::uint32_t> count{0};  // written by the owning thread only
+  std::atomic<std::uint64_t> word{0};
+
+  static constexpr int kCountShift = 48;
+  static SlotHeader* Head(std::uint64_t w) {
+    return reinterpret_cast<SlotHeader*>(static_cast<std::uintptr_t>(w & ((std::uint64_t{1} << kCountShift) - 1)));
+  }
+  static std::uint32_t Count(std::uint64_t w) { return static_cast<std::uint32_t>(w >> kCountShift); }
+  std::uint64_t Load() const { return word.load(std::memory_order_relaxed); }
+  void Store(std::uint64_t w) { word.store(w, std::memory_order_relaxed); }
 };
 
 struct CacheEntry {
@@ -199,9 +209,10 @@ extern constinit thread_local ThreadCache* t_cache __attribute__((tls_model("ini
 // Out of line (privheap.cpp): the locked paths.
 CacheEntry* AttachEntry(PrivHeap* heap);   // takes the heap's way in this thread's cache
 void SpillBin(PrivHeap* heap, CacheBin& bin);  // gives half of an overflowing bin back
-void* AllocFromSpans(PrivHeap* heap, int cls);
+void* AllocFromSpans(PrivHeap* heap, int cls, std::size_t bytes);
 void CountSlow(int counter);              // the first count of a thread, or one after its cache is gone
 std::uint32_t SumCounter(int counter);    // over every thread, those that ended included
+bool OwnedElsewhere(HANDLE handle, const void* block, HeapBlockSpan* span);  // large blocks
 
 ZR_HEAP_FAST void CountEvent(int counter) {
   if (ThreadCache* cache = t_cache) {
@@ -222,11 +233,18 @@ ZR_HEAP_FAST CacheEntry* EntryFor(PrivHeap* heap) {
 }
 
 ZR_HEAP_FAST SlotHeader* PopCached(CacheBin& bin) {
-  SlotHeader* h = bin.head;
-  if (!h) return nullptr;
-  bin.head = NextSlot(h);
-  bin.count.store(bin.count.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+  SlotHeader* h = CacheBin::Head(bin.Load());
+  if (h) bin.Store(h->size);
   return h;
+}
+
+// Returns the bin's new count.
+ZR_HEAP_FAST std::uint32_t PushCached(CacheBin& bin, SlotHeader* h) {
+  const std::uint64_t w = bin.Load();
+  const std::uint32_t count = CacheBin::Count(w) + 1;
+  h->size = w;
+  bin.Store((std::uint64_t{count} << CacheBin::kCountShift) | reinterpret_cast<std::uintptr_t>(h));
+  return count;
 }
 
 // Frees a small block of the heap into the thread's bin; the bin gives half back when it overflows.
@@ -236,23 +254,20 @@ ZR_HEAP_FAST BOOL FreeToCache(PrivHeap* heap, CacheEntry& entry, Span* s, std::u
   if (!ClaimSlot(h)) return FALSE;
   const int cls = static_cast<int>(s->cls);
   CacheBin& bin = entry.bins[cls];
-  h->size = reinterpret_cast<std::uintptr_t>(bin.head);
-  bin.head = h;
-  const std::uint32_t count = bin.count.load(std::memory_order_relaxed) + 1;
-  bin.count.store(count, std::memory_order_relaxed);
-  if (count > kBinLimits.limit[cls]) SpillBin(heap, bin);
+  if (PushCached(bin, h) > kBinLimits.limit[cls]) SpillBin(heap, bin);
   return TRUE;
 }
 
-ZR_HEAP_FAST void* AllocSmall(PrivHeap* heap, int cls) {
+// A live block of `bytes` in class `cls`.
+ZR_HEAP_FAST void* AllocSmall(PrivHeap* heap, int cls, std::size_t bytes) {
   if (CacheEntry* entry = EntryFor(heap)) {
     if (SlotHeader* h = PopCached(entry->bins[cls])) {  // its span kept the class meanwhile
-      h->size = 0;
+      h->size = bytes;
       StoreState(h, kSlotLive);
       return h + 1;
     }
   }
-  return AllocFromSpans(heap, cls);
+  return AllocFromSpans(heap, cls, bytes);
 }
 
 // ---- the entry points with the cached paths inlined ----------------------------------------------
@@ -262,17 +277,19 @@ ZR_HEAP_FAST void* AllocBlock(HANDLE handle, DWORD flags, std::size_t bytes) {
   PrivHeap* heap = AsHeap(handle);
   const std::size_t slot = bytes + sizeof(SlotHeader);
   if (!heap || slot > kMaxSlotBytes || (flags & HEAP_ZERO_MEMORY)) return HeapAlloc(handle, flags, bytes);
-  void* block = AllocSmall(heap, ClassOf(slot));
-  if (block) HeaderOf(block)->size = bytes;
-  return block;
+  return AllocSmall(heap, ClassOf(slot), bytes);
+}
+
+// zr::HeapBlockOwned for the blocks of the size classes only (a large block gives false).
+ZR_HEAP_FAST bool SmallBlockOwned(HANDLE handle, const void* block, HeapBlockSpan* span) {
+  PrivHeap* heap = AsHeap(handle);
+  const auto p = reinterpret_cast<std::uintptr_t>(block);
+  return heap && p != 0 && (p & 15) == 0 && OwnedSmall(heap, p, span);
 }
 
 // zr::HeapBlockOwned.
 ZR_HEAP_FAST bool BlockOwned(HANDLE handle, const void* block, HeapBlockSpan* span) {
-  PrivHeap* heap = AsHeap(handle);
-  const auto p = reinterpret_cast<std::uintptr_t>(block);
-  if (!heap || p == 0 || (p & 15) != 0) return false;
-  return OwnedSmall(heap, p, span) || HeapBlockOwned(handle, block, span);
+  return SmallBlockOwned(handle, block, span) || OwnedElsewhere(handle, block, span);
 }
 
 // zr::HeapFreeChecked.

@@ -97,8 +97,7 @@ class ZROBJ_API CHeap {
   std::atomic<HANDLE> hHeap{nullptr};
   // The counts change with every block; on a line of their own they do not slow down the readers of
   // the handle and flags on other processors.
-  alignas(64) std::atomic<std::int32_t> items_{0};
-  std::atomic<std::uint32_t> bytes_{0};
+  alignas(64) std::atomic<std::uint64_t> counts_{0};  // items (high half) and bytes, changed together
   alignas(64) std::atomic<std::uint32_t> flags_{0};
   char name_[32] = {};
   std::atomic<tagWATCHINFO*> watch_head_{nullptr};

@@ -45,13 +45,8 @@ bool ReplaceIfEqual(AtomicWord& word, std::uint32_t from, std::uint32_t to) {
 // uncontended heaps as cheap as the C library's malloc.
 class ZROBJ_API LightLock {
  public:
-  void lock() { Enter(SingleThreaded()); }
-  bool try_lock() { return ReplaceIfEqual(state_, kFree, kLocked); }
-  void unlock() { Leave(SingleThreaded()); }
-
-  // For LightGuard: `single` says whether the process had a single thread when the lock was entered.
-  void Enter(bool single) {
-    if (single) {
+  void lock() {
+    if (SingleThreaded()) {
       state_.store(kLocked, std::memory_order_relaxed);
       return;
     }
@@ -59,8 +54,9 @@ class ZROBJ_API LightLock {
     if (!state_.compare_exchange_strong(expected, kLocked, std::memory_order_acquire, std::memory_order_relaxed))
       LockContended();
   }
-  void Leave(bool single) {
-    if (single) {  // nobody else can be waiting
+  bool try_lock() { return ReplaceIfEqual(state_, kFree, kLocked); }
+  void unlock() {
+    if (SingleThreaded()) {  // nobody else can be waiting
       state_.store(kFree, std::memory_order_release);
       return;
     }
@@ -102,18 +98,21 @@ class ZROBJ_API RecursiveLightLock {
   std::uint32_t depth_ = 0;
 };
 
-// Holds a LightLock for a scope that starts no thread: a process that has a single thread on entry
-// still has one on leaving, so that is looked at once.
+// Holds a LightLock for a scope that starts no thread. While the process has a single thread nobody
+// else can enter, and since the scope starts none, the guard leaves the lock's word alone.
 class LightGuard {
  public:
-  explicit LightGuard(LightLock& lock) : lock_(lock), single_(ProcessIsSingleThreaded()) { lock_.Enter(single_); }
-  ~LightGuard() { lock_.Leave(single_); }
+  explicit LightGuard(LightLock& lock) : lock_(ProcessIsSingleThreaded() ? nullptr : &lock) {
+    if (lock_) lock_->lock();
+  }
+  ~LightGuard() {
+    if (lock_) lock_->unlock();
+  }
   LightGuard(const LightGuard&) = delete;
   LightGuard& operator=(const LightGuard&) = delete;
 
  private:
-  LightLock& lock_;
-  const bool single_;
+  LightLock* lock_;
 };
 
 }  // namespace zr

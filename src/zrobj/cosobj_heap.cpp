@@ -71,17 +71,25 @@ bool IsWatching(const std::atomic<std::uint32_t>& flags) {
   return (flags.load(std::memory_order_relaxed) & CHEAP_WATCH) && World().watch_heap.load(std::memory_order_relaxed);
 }
 
-// The counts are exact while the process has one thread, atomic otherwise.
-inline void AddCounts(std::atomic<std::int32_t>& items, std::atomic<std::uint32_t>& bytes, std::int32_t itemDelta,
-               std::int64_t byteDelta) {
-  const auto byteChange = static_cast<std::uint32_t>(byteDelta);
+// The item count (high half, signed) and the byte count (low half) of a heap, in one word so that
+// both change with one store, or one compare-exchange once the process has a second thread.
+std::int32_t ItemsOf(std::uint64_t counts) { return static_cast<std::int32_t>(counts >> 32); }
+std::uint32_t BytesOf(std::uint64_t counts) { return static_cast<std::uint32_t>(counts); }
+
+std::uint64_t ChangedCounts(std::uint64_t counts, std::int32_t itemDelta, std::int64_t byteDelta) {
+  const auto items = static_cast<std::uint32_t>(counts >> 32) + static_cast<std::uint32_t>(itemDelta);
+  const auto bytes = static_cast<std::uint32_t>(counts) + static_cast<std::uint32_t>(byteDelta);
+  return (std::uint64_t{items} << 32) | bytes;
+}
+
+inline void AddCounts(std::atomic<std::uint64_t>& counts, std::int32_t itemDelta, std::int64_t byteDelta) {
+  std::uint64_t old = counts.load(std::memory_order_relaxed);
   if (ProcessIsSingleThreaded()) {
-    items.store(items.load(std::memory_order_relaxed) + itemDelta, std::memory_order_relaxed);
-    bytes.store(bytes.load(std::memory_order_relaxed) + byteChange, std::memory_order_relaxed);
+    counts.store(ChangedCounts(old, itemDelta, byteDelta), std::memory_order_relaxed);
     return;
   }
-  if (itemDelta) items.fetch_add(itemDelta, std::memory_order_relaxed);
-  bytes.fetch_add(byteChange, std::memory_order_relaxed);
+  while (!counts.compare_exchange_weak(old, ChangedCounts(old, itemDelta, byteDelta), std::memory_order_relaxed)) {
+  }
 }
 
 // The private heap never faults; a failure where Windows would have raised (HEAP_GENERATE_EXCEPTIONS)
@@ -132,9 +140,9 @@ inline Guards CheckGuards(const BlockReader& reader, std::uintptr_t data, DWORD*
   return end == CHEAP_BLOCK_END ? Guards::kIntact : Guards::kEndBroken;
 }
 
-// A plain block that is a live block of the heap, with both guards intact: read directly.
+// A plain block that is a live small block of the heap, with both guards intact: read directly.
 inline bool IntactPlainBlock(HANDLE heap, std::uintptr_t data, HeapBlockSpan* span, DWORD* sizeWord) {
-  if (!heapimpl::BlockOwned(heap, Ptr(data - kPlainLead), span)) return false;
+  if (!heapimpl::SmallBlockOwned(heap, Ptr(data - kPlainLead), span)) return false;
   DWORD size = 0, end = 0;
   std::memcpy(&size, Ptr(data - 4), sizeof size);  // inside the block's span
   if (size < 8 || size - 4 > span->end - data) return false;
@@ -146,6 +154,13 @@ inline bool IntactPlainBlock(HANDLE heap, std::uintptr_t data, HeapBlockSpan* sp
 void WriteGuards(std::uintptr_t data, DWORD sizeWord, DWORD end) {
   std::memcpy(Ptr(data - 4), &sizeWord, sizeof sizeWord);
   std::memcpy(Ptr(data - 4 + sizeWord - 4), &end, sizeof end);
+}
+
+// Zeroes the end signature and the size word of a block of `sizeWord`.
+void ClearGuards(std::uintptr_t data, DWORD sizeWord) {
+  const DWORD zero = 0;
+  std::memcpy(Ptr(data - 4 + sizeWord - 4), &zero, sizeof zero);
+  std::memcpy(Ptr(data - 4), &zero, sizeof zero);
 }
 
 // Text kept in the watch heap: read directly when its block is confirmed, else byte by byte probed.
@@ -469,9 +484,9 @@ CHeap::CHeap(const char* name, unsigned long maximumSize, unsigned long initialS
 
 CHeap::~CHeap() {
   if (const HANDLE heap = hHeap.load(std::memory_order_acquire)) {
-    const std::int32_t items = items_.load(std::memory_order_relaxed);
-    if (items != 0) {
-      wPrintf(0, 9, u"Heap %hs: %i items (%u bytes) not freed\r\n", name_, items, bytes_.load(std::memory_order_relaxed));
+    const std::uint64_t counts = counts_.load(std::memory_order_relaxed);
+    if (zr::ItemsOf(counts) != 0) {
+      wPrintf(0, 9, u"Heap %hs: %i items (%u bytes) not freed\r\n", name_, zr::ItemsOf(counts), zr::BytesOf(counts));
       DetailedMessageBeep(static_cast<UINT>(-1), "src/zrobj/cosobj", 543);
     }
     if (zr::IsWatching(flags_)) DumpList(-1);
@@ -497,7 +512,7 @@ inline __attribute__((always_inline)) void* CHeap::PlaceGuards(void* block, std:
   const auto sizeWord = static_cast<DWORD>(size + 8);
   const std::uintptr_t data = Addr(block) + lead;
   zr::WriteGuards(data, sizeWord, CHEAP_BLOCK_END);
-  zr::AddCounts(items_, bytes_, 1, sizeWord);
+  zr::AddCounts(counts_, 1, sizeWord);
   return Ptr(data);
 }
 
@@ -634,7 +649,7 @@ void* CHeap::Realloc(void* block, unsigned long size, unsigned long heapFlags, c
   const std::uintptr_t newData = Addr(moved) + lead;
   const auto newWord = static_cast<DWORD>(size + 8);
   zr::WriteGuards(newData, newWord, CHEAP_BLOCK_END);
-  zr::AddCounts(items_, bytes_, 0, static_cast<std::int64_t>(newWord) - static_cast<std::int64_t>(oldWord));
+  zr::AddCounts(counts_, 0, static_cast<std::int64_t>(newWord) - static_cast<std::int64_t>(oldWord));
   if ((flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
     wPrintf(3, 8, u"Heap %hs: Realloc %08X\r\n", name_, newData);
   return Ptr(newData);
@@ -644,8 +659,7 @@ void* CHeap::Realloc(void* block, unsigned long size, unsigned long heapFlags, c
 // signature) and gives it back to the private heap.
 inline __attribute__((always_inline)) int CHeap::Release(HANDLE heap, unsigned long heapFlags, std::uintptr_t data,
                                                          std::size_t lead, DWORD sizeWord, const zr::HeapBlockSpan& span) {
-  zr::WriteGuards(data, sizeWord, 0);
-  std::memset(Ptr(data - 4), 0, 4);
+  zr::ClearGuards(data, sizeWord);
   return zr::heapimpl::FreeBlock(heap, static_cast<DWORD>(heapFlags), Ptr(data - lead), span);
 }
 
@@ -660,7 +674,7 @@ __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) 
     zr::HeapBlockSpan span;
     DWORD sizeWord = 0;
     if (zr::IntactPlainBlock(heap, data, &span, &sizeWord)) {
-      zr::AddCounts(items_, bytes_, -1, -static_cast<std::int64_t>(sizeWord));
+      zr::AddCounts(counts_, -1, -static_cast<std::int64_t>(sizeWord));
       return Release(heap, heapFlags, data, zr::kPlainLead, sizeWord, span);
     }
   }
@@ -715,7 +729,7 @@ __attribute__((noinline)) int CHeap::FreeNoted(HANDLE heap, void* block, unsigne
     wPrintf(3, 8, u"Heap(%hs)::Free Trace %08X\r\n", name_, data);
     WalkCallStack(0, caller.frame, 10, nullptr);
   }
-  zr::AddCounts(items_, bytes_, -1, -static_cast<std::int64_t>(sizeWord));
+  zr::AddCounts(counts_, -1, -static_cast<std::int64_t>(sizeWord));
   if ((flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
     wPrintf(3, 8, u"Heap %hs: Free %08X\r\n", name_, data);
   // A bad block stays allocated (and listed): it is evidence, and releasing it could spread damage.
@@ -755,8 +769,9 @@ void CHeap::Dump(int full) { DumpList(full ? 0 : 1); }
 void CHeap::DumpList(long options) {
   const bool destroying = options < 0;
   if (destroying) options = 0;
-  const std::int32_t items = items_.load(std::memory_order_relaxed);
-  const std::uint32_t kilobytes = bytes_.load(std::memory_order_relaxed) / 1024;
+  const std::uint64_t counts = counts_.load(std::memory_order_relaxed);
+  const std::int32_t items = zr::ItemsOf(counts);
+  const std::uint32_t kilobytes = zr::BytesOf(counts) / 1024;
   if (!watch_head_.load(std::memory_order_acquire)) {
     wPrintf(0, 0, u"\rDump [%hs]: %d items, %u kB", name_, items, kilobytes);
     return;
@@ -842,8 +857,9 @@ int CHeap::SetHeapFlags(unsigned long flags) {
 }
 
 unsigned long CHeap::GetHeapState(unsigned int& items) {
-  items = static_cast<unsigned int>(items_.load(std::memory_order_relaxed));
-  return bytes_.load(std::memory_order_relaxed);
+  const std::uint64_t counts = counts_.load(std::memory_order_relaxed);
+  items = static_cast<unsigned int>(zr::ItemsOf(counts));
+  return zr::BytesOf(counts);
 }
 
 int CHeap::GetHeapList(CHeap** list, int max) { return zr::World().registry.Copy(list, max); }
