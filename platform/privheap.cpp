@@ -111,7 +111,7 @@ Span* TakeSpan(PrivHeap* heap, int cls) {
 
 void* TakeSlot(PrivHeap* heap, int cls, std::size_t bytes) {
   const std::uint32_t size = ClassSize(cls);
-  std::lock_guard guard(heap->lock);
+  LightGuard guard(heap->lock);
   if (heap->maximum && heap->usage.bytes_in_use + size > heap->maximum) return nullptr;
   Span* s = heap->partial[cls];
   if (!s && !(s = TakeSpan(heap, cls))) return nullptr;
@@ -135,7 +135,7 @@ void* TakeSlot(PrivHeap* heap, int cls, std::size_t bytes) {
 
 void* AllocLarge(PrivHeap* heap, std::size_t bytes) {
   const std::size_t capacity = (bytes + 15) & ~std::size_t{15};
-  std::lock_guard guard(heap->lock);
+  LightGuard guard(heap->lock);
   if (heap->maximum && heap->usage.bytes_in_use + capacity > heap->maximum) return nullptr;
   void* raw = ::operator new(sizeof(LargeHeader) + capacity, std::align_val_t{16}, std::nothrow);
   if (!raw) return nullptr;
@@ -163,7 +163,7 @@ LargeHeader* LargeOf(const void* block) {
 }
 
 bool OwnedLarge(PrivHeap* heap, std::uintptr_t p, HeapBlockSpan* span) {
-  std::lock_guard guard(heap->lock);
+  LightGuard guard(heap->lock);
   if (heap->large.count(p) == 0) return false;
   if (span) *span = {p, p + LargeOf(reinterpret_cast<void*>(p))->capacity, nullptr, 0};
   return true;
@@ -243,7 +243,7 @@ void ReturnBin(PrivHeap* heap, CacheBin& bin, std::uint32_t keep) {
 void FlushEntry(CacheEntry& entry) {
   PrivHeap* heap = entry.heap.load(std::memory_order_relaxed);
   if (heap) {
-    std::lock_guard guard(heap->lock);
+    LightGuard guard(heap->lock);
     for (CacheBin& bin : entry.bins) ReturnBin(heap, bin, 0);
   }
   for (CacheBin& bin : entry.bins) bin.Store(0);
@@ -345,7 +345,7 @@ PrivHeap* NewHeap(DWORD options, SIZE_T maximum) {
 CacheEntry* heapimpl::AttachEntry(PrivHeap* heap) { return Attach(heap); }
 
 void heapimpl::SpillBin(PrivHeap* heap, CacheBin& bin) {
-  std::lock_guard guard(heap->lock);
+  LightGuard guard(heap->lock);
   ReturnBin(heap, bin, CacheBin::Count(bin.Load()) / 2);
 }
 
@@ -448,7 +448,7 @@ BOOL HeapFreeChecked(HANDLE handle, DWORD flags, void* block, const HeapBlockSpa
   if (s) {
     if (CacheEntry* entry = EntryFor(heap)) return FreeToCache(heap, *entry, s, span.generation, block);
   }
-  std::lock_guard guard(heap->lock);
+  LightGuard guard(heap->lock);
   if (s && s->generation.load(std::memory_order_relaxed) != span.generation) return FALSE;  // reused since
   return FreeLocked(heap, block, s) ? TRUE : FALSE;
 }
@@ -457,7 +457,7 @@ bool GetHeapUsage(HANDLE handle, HeapUsage* usage) {
   PrivHeap* heap = AsHeap(handle);
   if (!heap || !usage) return false;
   std::lock_guard caches(Caches().mutex);
-  std::lock_guard guard(heap->lock);
+  LightGuard guard(heap->lock);
   *usage = heap->usage;
   SubtractCached(heap, usage);
   return true;
@@ -516,7 +516,7 @@ BOOL HeapFree(HANDLE handle, DWORD flags, void* block) {
 SIZE_T HeapSize(HANDLE handle, DWORD flags, const void* block) {
   PrivHeap* heap = zr::AsHeap(handle);
   if (!heap || !zr::Owned(heap, block, nullptr)) return static_cast<SIZE_T>(-1);
-  std::lock_guard guard(heap->lock);
+  zr::LightGuard guard(heap->lock);
   zr::SlotHeader* h = zr::HeaderOf(block);
   return zr::LoadState(h) == zr::kSlotLive ? static_cast<SIZE_T>(h->size) : static_cast<SIZE_T>(-1);
 }
@@ -527,7 +527,7 @@ void* HeapReAlloc(HANDLE handle, DWORD flags, void* block, SIZE_T bytes) {
   if (!heap || bytes > zr::kMaxBlockBytes || !zr::Owned(heap, block, &span)) return nullptr;
   std::size_t old_size = 0;
   {
-    std::lock_guard guard(heap->lock);
+    zr::LightGuard guard(heap->lock);
     zr::SlotHeader* h = zr::HeaderOf(block);
     if (zr::LoadState(h) != zr::kSlotLive) return nullptr;
     old_size = h->size;
