@@ -26,6 +26,7 @@ std::uintptr_t* g_map_root[1 << kRootBits];  // zero at load
 
 namespace heapimpl {
 constinit thread_local ThreadCache* t_cache __attribute__((tls_model("initial-exec"))) = nullptr;
+std::atomic<std::uint32_t> g_loose_counters[kThreadCounters];
 }  // namespace heapimpl
 
 namespace {
@@ -225,7 +226,6 @@ bool FreeLocked(PrivHeap* heap, void* block, Span* s) {
 struct CacheRegistry {
   std::mutex mutex;
   ThreadCache* all = nullptr;
-  std::atomic<std::uint32_t> retired[kThreadCounters] = {};  // counts of ended threads
   std::atomic<std::uint32_t> next_way{0};
 };
 
@@ -272,7 +272,7 @@ void ReleaseThreadCache() {
     std::lock_guard guard(caches.mutex);
     for (CacheEntry& entry : cache->entries) FlushEntry(entry);
     for (int i = 0; i < kThreadCounters; ++i)
-      caches.retired[i].fetch_add(cache->counters[i].load(std::memory_order_relaxed), std::memory_order_relaxed);
+      g_loose_counters[i].fetch_add(cache->counters[i].load(std::memory_order_relaxed), std::memory_order_relaxed);
     Unlink(caches, cache);
   }
   t_cache = nullptr;
@@ -344,9 +344,23 @@ PrivHeap* NewHeap(DWORD options, SIZE_T maximum) {
 
 CacheEntry* heapimpl::AttachEntry(PrivHeap* heap) { return Attach(heap); }
 
-void heapimpl::SpillBin(PrivHeap* heap, CacheBin& bin) {
+BOOL heapimpl::SpillBin(PrivHeap* heap, CacheBin& bin) {
   LightGuard guard(heap->lock);
   ReturnBin(heap, bin, CacheBin::Count(bin.Load()) / 2);
+  return TRUE;
+}
+
+BOOL heapimpl::FreeSlow(HANDLE handle, DWORD flags, void* block, void* home, std::uint32_t generation) {
+  PrivHeap* heap = AsHeap(handle);
+  auto* s = static_cast<Span*>(home);
+  if (heap && s) {
+    if (CacheEntry* entry = EntryFor(heap)) return FreeToCache(heap, *entry, s, generation, block);
+  }
+  HeapBlockSpan span;
+  span.begin = Addr(block);
+  span.home = home;
+  span.generation = generation;
+  return HeapFreeChecked(handle, flags, block, span);
 }
 
 void* heapimpl::AllocFromSpans(PrivHeap* heap, int cls, std::size_t bytes) { return TakeSlot(heap, cls, bytes); }
@@ -359,18 +373,10 @@ bool heapimpl::OwnedElsewhere(HANDLE handle, const void* block, HeapBlockSpan* s
   return true;
 }
 
-void heapimpl::CountSlow(int counter) {
-  CacheRegistry& caches = Caches();
-  std::lock_guard guard(caches.mutex);
-  ThreadCache* cache = OwnCache(caches);
-  std::atomic<std::uint32_t>& value = cache ? cache->counters[counter] : caches.retired[counter];
-  value.fetch_add(1, std::memory_order_relaxed);
-}
-
 std::uint32_t heapimpl::SumCounter(int counter) {
   CacheRegistry& caches = Caches();
   std::lock_guard guard(caches.mutex);
-  std::uint32_t sum = caches.retired[counter].load(std::memory_order_relaxed);
+  std::uint32_t sum = g_loose_counters[counter].load(std::memory_order_relaxed);
   for (ThreadCache* cache = caches.all; cache; cache = cache->next) sum += cache->counters[counter].load(std::memory_order_relaxed);
   return sum;
 }

@@ -206,13 +206,18 @@ struct ThreadCache {
 
 extern constinit thread_local ThreadCache* t_cache __attribute__((tls_model("initial-exec")));
 
-// Out of line (privheap.cpp): the locked paths.
-CacheEntry* AttachEntry(PrivHeap* heap);   // takes the heap's way in this thread's cache
-void SpillBin(PrivHeap* heap, CacheBin& bin);  // gives half of an overflowing bin back
+// Counts of threads without a cache record (not made yet, or gone at the thread's end).
+extern std::atomic<std::uint32_t> g_loose_counters[kThreadCounters];
+
+// Out of line (privheap.cpp): the locked paths. The cached paths only ever end in calls to them, so
+// that they need no saved registers of their own.
+CacheEntry* AttachEntry(PrivHeap* heap);       // takes the heap's way in this thread's cache
+BOOL SpillBin(PrivHeap* heap, CacheBin& bin);  // gives half of an overflowing bin back; TRUE
 void* AllocFromSpans(PrivHeap* heap, int cls, std::size_t bytes);
-void CountSlow(int counter);              // the first count of a thread, or one after its cache is gone
-std::uint32_t SumCounter(int counter);    // over every thread, those that ended included
+std::uint32_t SumCounter(int counter);         // over every thread, those that ended included
 bool OwnedElsewhere(HANDLE handle, const void* block, HeapBlockSpan* span);  // large blocks
+// zr::HeapFreeChecked through the thread's cache, attaching the heap to it first.
+BOOL FreeSlow(HANDLE handle, DWORD flags, void* block, void* home, std::uint32_t generation);
 
 ZR_HEAP_FAST void CountEvent(int counter) {
   if (ThreadCache* cache = t_cache) {
@@ -220,15 +225,20 @@ ZR_HEAP_FAST void CountEvent(int counter) {
     value.store(value.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return;
   }
-  CountSlow(counter);
+  g_loose_counters[counter].fetch_add(1, std::memory_order_relaxed);
+}
+
+// This thread's cache entry for the heap if it has one already.
+ZR_HEAP_FAST CacheEntry* AttachedEntry(PrivHeap* heap) {
+  ThreadCache* cache = t_cache;
+  if (!cache) return nullptr;
+  CacheEntry& entry = cache->entries[heap->way];
+  return entry.heap.load(std::memory_order_relaxed) == heap ? &entry : nullptr;
 }
 
 // This thread's cache entry for the heap; null when the heap is not cached here.
 ZR_HEAP_FAST CacheEntry* EntryFor(PrivHeap* heap) {
-  if (ThreadCache* cache = t_cache) {
-    CacheEntry& entry = cache->entries[heap->way];
-    if (entry.heap.load(std::memory_order_relaxed) == heap) return &entry;
-  }
+  if (CacheEntry* entry = AttachedEntry(heap)) return entry;
   return heap->cached ? AttachEntry(heap) : nullptr;
 }
 
@@ -254,7 +264,7 @@ ZR_HEAP_FAST BOOL FreeToCache(PrivHeap* heap, CacheEntry& entry, Span* s, std::u
   if (!ClaimSlot(h)) return FALSE;
   const int cls = static_cast<int>(s->cls);
   CacheBin& bin = entry.bins[cls];
-  if (PushCached(bin, h) > kBinLimits.limit[cls]) SpillBin(heap, bin);
+  if (PushCached(bin, h) > kBinLimits.limit[cls]) return SpillBin(heap, bin);
   return TRUE;
 }
 
@@ -292,14 +302,28 @@ ZR_HEAP_FAST bool BlockOwned(HANDLE handle, const void* block, HeapBlockSpan* sp
   return SmallBlockOwned(handle, block, span) || OwnedElsewhere(handle, block, span);
 }
 
+// A block of the size classes taken from this thread's bin for the heap; null when the bin is empty
+// or the thread has no entry for the heap yet (HeapAlloc then does the rest).
+ZR_HEAP_FAST void* TakeCached(HANDLE handle, DWORD flags, std::size_t bytes) {
+  PrivHeap* heap = AsHeap(handle);
+  const std::size_t slot = bytes + sizeof(SlotHeader);
+  if (!heap || slot > kMaxSlotBytes || (flags & HEAP_ZERO_MEMORY)) return nullptr;
+  CacheEntry* entry = AttachedEntry(heap);
+  SlotHeader* h = entry ? PopCached(entry->bins[ClassOf(slot)]) : nullptr;
+  if (!h) return nullptr;
+  h->size = bytes;
+  StoreState(h, kSlotLive);
+  return h + 1;
+}
+
 // zr::HeapFreeChecked.
 ZR_HEAP_FAST BOOL FreeBlock(HANDLE handle, DWORD flags, void* block, const HeapBlockSpan& span) {
   PrivHeap* heap = AsHeap(handle);
   auto* s = static_cast<Span*>(span.home);
   if (heap && s && reinterpret_cast<std::uintptr_t>(block) == span.begin) {
-    if (CacheEntry* entry = EntryFor(heap)) return FreeToCache(heap, *entry, s, span.generation, block);
+    if (CacheEntry* entry = AttachedEntry(heap)) return FreeToCache(heap, *entry, s, span.generation, block);
   }
-  return HeapFreeChecked(handle, flags, block, span);
+  return FreeSlow(handle, flags, block, span.home, span.generation);
 }
 
 }  // namespace zr::heapimpl

@@ -83,6 +83,7 @@ class ZROBJ_API CHeap {
   };
   void* AllocNoted(HANDLE heap, unsigned long size, unsigned long heapFlags, const char* sourceFile, int line,
                    unsigned long callerAddress);
+  void* AllocPlain(HANDLE heap, unsigned long size, unsigned long heapFlags);
   void* AllocFailed(HANDLE heap);
   void* PlaceGuards(void* block, std::size_t lead, unsigned long size);
   int FreeNoted(HANDLE heap, void* block, unsigned long heapFlags, Caller caller);

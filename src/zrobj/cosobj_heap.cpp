@@ -528,6 +528,15 @@ void* CHeap::Alloc(unsigned long size, unsigned long heapFlags, const char* sour
       wPrintf(3, 8, u"Heap %hs: Alloc %08X\r\n", name_, Addr(data));
     return data;
   }
+  if (size <= zr::kMaxRequest) {
+    if (void* block = zr::heapimpl::TakeCached(heap, static_cast<DWORD>(heapFlags), size + zr::kPlainOverhead))
+      return PlaceGuards(block, zr::kPlainLead, size);
+  }
+  return AllocPlain(heap, size, heapFlags);
+}
+
+// Alloc of a plain block that the thread's cache does not have.
+__attribute__((noinline)) void* CHeap::AllocPlain(HANDLE heap, unsigned long size, unsigned long heapFlags) {
   void* block = size <= zr::kMaxRequest ? zr::GuardedAlloc(heap, heapFlags, size + zr::kPlainOverhead) : nullptr;
   if (!block) return AllocFailed(heap);
   return PlaceGuards(block, zr::kPlainLead, size);
