@@ -1,5 +1,6 @@
 // Allocation costs of the debug heap (plain and watch mode) and the fixed-block heap against malloc,
-// as single Alloc/Free pairs and as batches of 256 live blocks, on one thread and on two.
+// as single Alloc/Free pairs and as batches of 256 live blocks, on one thread and on two, and on one
+// thread of a process that has had a second one (the heaps then take atomic operations).
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -139,5 +140,8 @@ BENCHMARK(BM_CHeapPair)->Name("BM_CHeapPair64/threads")->Arg(64)->Threads(2);
 BENCHMARK(BM_CFHeapPair)->Name("BM_CFHeapPair/threads")->Threads(2);
 BENCHMARK(BM_MallocBatch)->Name("BM_MallocBatch64/threads")->Arg(64)->Threads(2);
 BENCHMARK(BM_CFHeapBatch)->Name("BM_CFHeapBatch/threads")->Threads(2);
+BENCHMARK(BM_MallocPair)->Name("BM_MallocPair64/multithreaded")->Arg(64);
+BENCHMARK(BM_CHeapPair)->Name("BM_CHeapPair64/multithreaded")->Arg(64);
+BENCHMARK(BM_CFHeapPair)->Name("BM_CFHeapPair/multithreaded");
 
 }  // namespace

@@ -4,14 +4,16 @@
 // A heap owns its spans (linked per heap, freed with the heap) and its large blocks (allocated one by
 // one, kept in a set). Every small block is a slot of a span; the address map finds the span of any
 // address without touching the address, so a pointer can be checked before anything is read at it.
+// Freed small blocks wait in per-thread caches (privheap_internal.h) for their next use.
 #include "platform/privheap.h"
+
+#include "platform/privheap_internal.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <new>
-#include <unordered_set>
 
 // The C library's own single-thread indicator (glibc 2.32 and later); absent elsewhere.
 extern "C" __attribute__((weak)) char __libc_single_threaded;
@@ -22,7 +24,16 @@ const char* const g_single_thread_flag = &__libc_single_threaded;
 std::uintptr_t* g_map_root[1 << kRootBits];  // zero at load
 }  // namespace detail
 
+namespace heapimpl {
+constinit thread_local ThreadCache* t_cache __attribute__((tls_model("initial-exec"))) = nullptr;
+std::atomic<std::uint32_t> g_loose_counters[kThreadCounters];
+}  // namespace heapimpl
+
 namespace {
+
+using namespace heapimpl;
+
+thread_local bool t_cache_retired = false;  // set when the thread's cache was released at its end
 
 // ---- regions and the address map -------------------------------------------------------------
 
@@ -49,107 +60,7 @@ std::uintptr_t* MapSlot(std::uintptr_t address, bool create) {
 
 // ---- heaps -------------------------------------------------------------------------------------
 
-constexpr std::uint32_t kHeapMagic = 0x50487A72;  // "rzHP"
-constexpr std::uint32_t kSlotLive = 0x4556494C;   // "LIVE"
-constexpr std::uint32_t kSlotFree = 0x45455246;   // "FREE"
-constexpr std::uint32_t kLargeClass = 0xFFFFFFFF;
-constexpr std::size_t kMaxBlockBytes = 0xFFFFFFFFu;  // blocks keep 32-bit sizes, as on Windows
-
-constexpr std::size_t kSpanBytes = kRegionGranularity;
-constexpr std::size_t kSpanHeaderBytes = 128;
-
-// Directly in front of every block's data.
-struct SlotHeader {
-  std::uint32_t state;  // kSlotLive / kSlotFree (read lock-free: atomic_ref)
-  std::uint32_t cls;    // size class, kLargeClass for a large block
-  std::uint64_t size;   // requested size while live; next free slot while free
-};
-static_assert(sizeof(SlotHeader) == 16);
-
-// Slot sizes (header included): 32..1024 in steps of 16, then four per doubling up to 8192.
-constexpr std::uint32_t kFineLimit = 1024;
-constexpr std::uint32_t kCoarseSizes[] = {1280, 1536, 1792, 2048, 2560, 3072, 3584, 4096, 5120, 6144, 7168, 8192};
-constexpr int kFineClasses = kFineLimit / 16 - 1;  // 32, 48, ..., 1024
-constexpr int kClasses = kFineClasses + static_cast<int>(std::size(kCoarseSizes));
-constexpr std::uint32_t kMaxSlotBytes = 8192;
-
-constexpr std::uint32_t ClassSize(int cls) {
-  return cls < kFineClasses ? static_cast<std::uint32_t>(cls + 2) * 16 : kCoarseSizes[cls - kFineClasses];
-}
-
-int ClassOf(std::size_t slot_bytes) {
-  if (slot_bytes <= 32) return 0;
-  if (slot_bytes <= kFineLimit) return static_cast<int>((slot_bytes + 15) / 16) - 2;
-  for (int k = 0; k < static_cast<int>(std::size(kCoarseSizes)); ++k)
-    if (slot_bytes <= kCoarseSizes[k]) return kFineClasses + k;
-  return -1;
-}
-
-struct PrivHeap;
-
-enum class SpanList : std::uint32_t { kNone, kPartial, kEmpty };
-
-// At the base of every 64 KiB span. Spans stay with their heap until it is destroyed; an empty span
-// is reused for any size class, so the fields the lock-free check reads are atomic.
-struct Span {
-  PrivHeap* heap;
-  Span* prev;       // the class's list of spans with free slots, or the empty list
-  Span* next;
-  Span* all_next;   // every span of the heap
-  std::atomic<std::uint32_t> slot_size;
-  std::atomic<std::uint32_t> slot_magic;  // 2^32 / slot_size rounded up: offsets divide by multiplying
-  std::atomic<std::uint32_t> carved;      // slots handed out at least once since the span took its class
-  std::atomic<std::uint32_t> generation;  // counts the classes the span has taken
-  std::uint32_t cls;
-  std::uint32_t slot_count;
-  std::uint32_t used;
-  SpanList list;
-  SlotHeader* free;
-
-  std::uintptr_t FirstData() const { return reinterpret_cast<std::uintptr_t>(this) + kSpanHeaderBytes + sizeof(SlotHeader); }
-  SlotHeader* Slot(std::uint32_t index) {
-    return reinterpret_cast<SlotHeader*>(reinterpret_cast<std::uintptr_t>(this) + kSpanHeaderBytes +
-                                         std::uintptr_t{index} * slot_size.load(std::memory_order_relaxed));
-  }
-};
-static_assert(sizeof(Span) <= kSpanHeaderBytes);
-
-// In front of a large block: its own allocation.
-struct LargeHeader {
-  PrivHeap* heap;
-  std::size_t capacity;
-  std::uint64_t reserved[2];
-  SlotHeader slot;
-};
-static_assert(sizeof(LargeHeader) % 16 == 0);
-
-struct PrivHeap {
-  std::uint32_t magic = kHeapMagic;
-  DWORD options = 0;
-  std::size_t maximum = 0;
-  LightLock lock;
-  Span* partial[kClasses] = {};
-  Span* empty = nullptr;
-  Span* all = nullptr;
-  std::unordered_set<std::uintptr_t> large;  // data addresses of the large blocks
-  HeapUsage usage;
-};
-
-std::uint32_t LoadState(SlotHeader* h) {
-  return std::atomic_ref<std::uint32_t>(h->state).load(std::memory_order_acquire);
-}
-void StoreState(SlotHeader* h, std::uint32_t state) {
-  std::atomic_ref<std::uint32_t>(h->state).store(state, std::memory_order_release);
-}
-
 std::uintptr_t Addr(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
-
-PrivHeap* AsHeap(HANDLE handle) {
-  auto* heap = static_cast<PrivHeap*>(handle);
-  if (!heap || (reinterpret_cast<std::uintptr_t>(heap) % alignof(PrivHeap)) != 0 || heap->magic != kHeapMagic)
-    return nullptr;
-  return heap;
-}
 
 void Unlink(Span*& head, Span* s) {
   if (s->prev) s->prev->next = s->next;
@@ -199,9 +110,9 @@ Span* TakeSpan(PrivHeap* heap, int cls) {
   return s;
 }
 
-void* AllocSmall(PrivHeap* heap, int cls) {
+void* TakeSlot(PrivHeap* heap, int cls, std::size_t bytes) {
   const std::uint32_t size = ClassSize(cls);
-  std::lock_guard guard(heap->lock);
+  LightGuard guard(heap->lock);
   if (heap->maximum && heap->usage.bytes_in_use + size > heap->maximum) return nullptr;
   Span* s = heap->partial[cls];
   if (!s && !(s = TakeSpan(heap, cls))) return nullptr;
@@ -216,7 +127,7 @@ void* AllocSmall(PrivHeap* heap, int cls) {
   }
   if (++s->used == s->slot_count) Unlink(heap->partial[cls], s);
   h->cls = static_cast<std::uint32_t>(cls);
-  h->size = 0;
+  h->size = bytes;
   StoreState(h, kSlotLive);
   heap->usage.bytes_in_use += size;
   ++heap->usage.blocks;
@@ -225,7 +136,7 @@ void* AllocSmall(PrivHeap* heap, int cls) {
 
 void* AllocLarge(PrivHeap* heap, std::size_t bytes) {
   const std::size_t capacity = (bytes + 15) & ~std::size_t{15};
-  std::lock_guard guard(heap->lock);
+  LightGuard guard(heap->lock);
   if (heap->maximum && heap->usage.bytes_in_use + capacity > heap->maximum) return nullptr;
   void* raw = ::operator new(sizeof(LargeHeader) + capacity, std::align_val_t{16}, std::nothrow);
   if (!raw) return nullptr;
@@ -233,6 +144,7 @@ void* AllocLarge(PrivHeap* heap, std::size_t bytes) {
   large->heap = heap;
   large->capacity = capacity;
   large->slot.cls = kLargeClass;
+  large->slot.size = bytes;
   large->slot.state = kSlotLive;
   void* data = &large->slot + 1;
   try {
@@ -247,34 +159,12 @@ void* AllocLarge(PrivHeap* heap, std::size_t bytes) {
   return data;
 }
 
-SlotHeader* HeaderOf(const void* block) {
-  return reinterpret_cast<SlotHeader*>(reinterpret_cast<std::uintptr_t>(block) - sizeof(SlotHeader));
-}
 LargeHeader* LargeOf(const void* block) {
   return reinterpret_cast<LargeHeader*>(reinterpret_cast<std::uintptr_t>(block) - sizeof(LargeHeader));
 }
 
-// Checks a small block against the address map without the heap lock: spans live as long as their
-// heap, so once the map names `heap` the span header may be read.
-bool OwnedSmall(PrivHeap* heap, std::uintptr_t p, HeapBlockSpan* span) {
-  // A span is one aligned unit: its header's address follows from `p` and may be loaded while the
-  // map is still being consulted; it is only used once the map names this heap.
-  auto* s = reinterpret_cast<Span*>(p & ~(kSpanBytes - 1));
-  if ((detail::LoadMapWord(p) & detail::kOwnerMask) != Addr(heap)) return false;
-  const std::uintptr_t first = s->FirstData();
-  if (p < first) return false;
-  // The span is one 64 KiB unit, so the offset is below 2^16 and the multiplication divides exactly.
-  const std::uint64_t offset = p - first;
-  const std::uint32_t size = s->slot_size.load(std::memory_order_relaxed);
-  const auto index = static_cast<std::uint32_t>((offset * s->slot_magic.load(std::memory_order_relaxed)) >> 32);
-  if (std::uint64_t{index} * size != offset || index >= s->carved.load(std::memory_order_acquire)) return false;
-  if (LoadState(HeaderOf(reinterpret_cast<void*>(p))) != kSlotLive) return false;
-  if (span) *span = {p, p + size - sizeof(SlotHeader), s, s->generation.load(std::memory_order_relaxed)};
-  return true;
-}
-
 bool OwnedLarge(PrivHeap* heap, std::uintptr_t p, HeapBlockSpan* span) {
-  std::lock_guard guard(heap->lock);
+  LightGuard guard(heap->lock);
   if (heap->large.count(p) == 0) return false;
   if (span) *span = {p, p + LargeOf(reinterpret_cast<void*>(p))->capacity, nullptr, 0};
   return true;
@@ -286,23 +176,10 @@ bool Owned(PrivHeap* heap, const void* block, HeapBlockSpan* span) {
   return OwnedSmall(heap, p, span) || OwnedLarge(heap, p, span);
 }
 
-// Frees a block already known to be the heap's (caller holds the lock); false if it was freed
-// meanwhile. `s` is the block's span, null for a large block.
-bool FreeLocked(PrivHeap* heap, void* block, Span* s) {
-  SlotHeader* h = HeaderOf(block);
-  if (LoadState(h) != kSlotLive) return false;
-  if (!s) {
-    if (heap->large.erase(reinterpret_cast<std::uintptr_t>(block)) == 0) return false;
-    LargeHeader* large = LargeOf(block);
-    heap->usage.bytes_in_use -= large->capacity;
-    heap->usage.bytes_reserved -= sizeof(LargeHeader) + large->capacity;
-    --heap->usage.blocks;
-    large->slot.state = kSlotFree;
-    ::operator delete(large, std::align_val_t{16});
-    return true;
-  }
+// Puts a slot that is no longer live back on its span (caller holds the lock).
+void ReturnSlot(PrivHeap* heap, SlotHeader* h) {
+  Span* s = SpanOf(h);
   const int cls = static_cast<int>(s->cls);
-  StoreState(h, kSlotFree);
   h->size = reinterpret_cast<std::uintptr_t>(s->free);
   s->free = h;
   const bool was_full = s->used == s->slot_count;
@@ -315,7 +192,142 @@ bool FreeLocked(PrivHeap* heap, void* block, Span* s) {
   }
   heap->usage.bytes_in_use -= ClassSize(cls);
   --heap->usage.blocks;
+}
+
+// Frees a block already known to be the heap's (caller holds the lock); false if it was freed
+// meanwhile. `s` is the block's span, null for a large block.
+bool FreeLocked(PrivHeap* heap, void* block, Span* s) {
+  SlotHeader* h = HeaderOf(block);
+  if (!s) {
+    if (LoadState(h) != kSlotLive || heap->large.erase(reinterpret_cast<std::uintptr_t>(block)) == 0) return false;
+    LargeHeader* large = LargeOf(block);
+    heap->usage.bytes_in_use -= large->capacity;
+    heap->usage.bytes_reserved -= sizeof(LargeHeader) + large->capacity;
+    --heap->usage.blocks;
+    large->slot.state = kSlotFree;
+    ::operator delete(large, std::align_val_t{16});
+    return true;
+  }
+  if (!ClaimSlot(h)) return false;
+  ReturnSlot(heap, h);
   return true;
+}
+
+// ---- per-thread caches -------------------------------------------------------------------------
+//
+// A thread keeps the small blocks it frees in bins per heap and size class and hands them out again
+// without the heap lock. A cached block is not live (ownership checks and HeapSize refuse it) but
+// its span still counts it as used, so the span never changes class under it; usage reports
+// subtract what the caches hold. Bins go back to their heap when they overflow, when the thread
+// ends and when another heap takes the thread's entry; a destroyed heap's entries are dropped.
+
+// Its mutex orders everything that touches another thread's entries or moves an entry between
+// heaps; it is taken before any heap lock.
+struct CacheRegistry {
+  std::mutex mutex;
+  ThreadCache* all = nullptr;
+  std::atomic<std::uint32_t> next_way{0};
+};
+
+CacheRegistry& Caches() {
+  static auto* registry = new CacheRegistry;  // never destroyed: threads may end after unload
+  return *registry;
+}
+
+void ReturnBin(PrivHeap* heap, CacheBin& bin, std::uint32_t keep) {
+  while (CacheBin::Count(bin.Load()) > keep) ReturnSlot(heap, PopCached(bin));
+}
+
+// Gives the entry's blocks back to its heap, or forgets them when the heap is gone (caller holds
+// the registry mutex).
+void FlushEntry(CacheEntry& entry) {
+  PrivHeap* heap = entry.heap.load(std::memory_order_relaxed);
+  if (heap) {
+    LightGuard guard(heap->lock);
+    for (CacheBin& bin : entry.bins) ReturnBin(heap, bin, 0);
+  }
+  for (CacheBin& bin : entry.bins) bin.Store(0);
+  entry.heap.store(nullptr, std::memory_order_relaxed);
+}
+
+void Link(CacheRegistry& caches, ThreadCache* cache) {
+  cache->next = caches.all;
+  if (caches.all) caches.all->prev = cache;
+  caches.all = cache;
+}
+
+void Unlink(CacheRegistry& caches, ThreadCache* cache) {
+  if (cache->prev) cache->prev->next = cache->next;
+  else caches.all = cache->next;
+  if (cache->next) cache->next->prev = cache->prev;
+}
+
+// Runs when the thread ends: its blocks go back, and it caches nothing any more.
+void ReleaseThreadCache() {
+  t_cache_retired = true;
+  ThreadCache* cache = t_cache;
+  if (!cache) return;
+  CacheRegistry& caches = Caches();
+  {
+    std::lock_guard guard(caches.mutex);
+    for (CacheEntry& entry : cache->entries) FlushEntry(entry);
+    for (int i = 0; i < kThreadCounters; ++i)
+      g_loose_counters[i].fetch_add(cache->counters[i].load(std::memory_order_relaxed), std::memory_order_relaxed);
+    Unlink(caches, cache);
+  }
+  t_cache = nullptr;
+  delete cache;
+}
+
+struct ThreadCacheRelease {
+  ~ThreadCacheRelease() { ReleaseThreadCache(); }
+};
+
+// The thread's cache, made on first use; null once the thread is ending (caller holds the registry
+// mutex).
+ThreadCache* OwnCache(CacheRegistry& caches) {
+  if (t_cache || t_cache_retired) return t_cache;
+  auto* cache = new (std::nothrow) ThreadCache;
+  if (!cache) return nullptr;
+  static thread_local ThreadCacheRelease release;  // constructed here, destroyed when the thread ends
+  (void)release;
+  Link(caches, cache);
+  t_cache = cache;
+  return cache;
+}
+
+// Takes the heap's way in this thread's cache, flushing the heap that had it.
+CacheEntry* Attach(PrivHeap* heap) {
+  if (t_cache_retired) return nullptr;
+  CacheRegistry& caches = Caches();
+  std::lock_guard guard(caches.mutex);
+  ThreadCache* cache = OwnCache(caches);
+  if (!cache) return nullptr;
+  CacheEntry& entry = cache->entries[heap->way];
+  FlushEntry(entry);
+  entry.heap.store(heap, std::memory_order_relaxed);
+  return &entry;
+}
+
+// Takes out of `usage` what the threads' bins hold of the heap (caller holds the registry mutex).
+void SubtractCached(const PrivHeap* heap, HeapUsage* usage) {
+  for (ThreadCache* cache = Caches().all; cache; cache = cache->next) {
+    for (CacheEntry& entry : cache->entries) {
+      if (entry.heap.load(std::memory_order_relaxed) != heap) continue;
+      for (int cls = 0; cls < kClasses; ++cls) {
+        const std::uint32_t n = CacheBin::Count(entry.bins[cls].Load());
+        usage->blocks -= n;
+        usage->bytes_in_use -= std::size_t{n} * ClassSize(cls);
+      }
+    }
+  }
+}
+
+// The heap is being destroyed: every thread forgets its blocks (caller holds the registry mutex).
+void DropCachedEntries(const PrivHeap* heap) {
+  for (ThreadCache* cache = Caches().all; cache; cache = cache->next)
+    for (CacheEntry& entry : cache->entries)
+      if (entry.heap.load(std::memory_order_relaxed) == heap) entry.heap.store(nullptr, std::memory_order_relaxed);
 }
 
 PrivHeap* NewHeap(DWORD options, SIZE_T maximum) {
@@ -323,10 +335,51 @@ PrivHeap* NewHeap(DWORD options, SIZE_T maximum) {
   if (!heap) return nullptr;
   heap->options = options;
   heap->maximum = maximum;
+  heap->cached = maximum == 0;
+  heap->way = Caches().next_way.fetch_add(1, std::memory_order_relaxed) % kCacheWays;
   return heap;
 }
 
 }  // namespace
+
+CacheEntry* heapimpl::AttachEntry(PrivHeap* heap) { return Attach(heap); }
+
+BOOL heapimpl::SpillBin(PrivHeap* heap, CacheBin& bin) {
+  LightGuard guard(heap->lock);
+  ReturnBin(heap, bin, CacheBin::Count(bin.Load()) / 2);
+  return TRUE;
+}
+
+BOOL heapimpl::FreeSlow(HANDLE handle, DWORD flags, void* block, void* home, std::uint32_t generation) {
+  PrivHeap* heap = AsHeap(handle);
+  auto* s = static_cast<Span*>(home);
+  if (heap && s) {
+    if (CacheEntry* entry = EntryFor(heap)) return FreeToCache(heap, *entry, s, generation, block);
+  }
+  HeapBlockSpan span;
+  span.begin = Addr(block);
+  span.home = home;
+  span.generation = generation;
+  return HeapFreeChecked(handle, flags, block, span);
+}
+
+void* heapimpl::AllocFromSpans(PrivHeap* heap, int cls, std::size_t bytes) { return TakeSlot(heap, cls, bytes); }
+
+// A copy of the span keeps the caller's in registers.
+bool heapimpl::OwnedElsewhere(HANDLE handle, const void* block, HeapBlockSpan* span) {
+  HeapBlockSpan found;
+  if (!HeapBlockOwned(handle, block, &found)) return false;
+  if (span) *span = found;
+  return true;
+}
+
+std::uint32_t heapimpl::SumCounter(int counter) {
+  CacheRegistry& caches = Caches();
+  std::lock_guard guard(caches.mutex);
+  std::uint32_t sum = g_loose_counters[counter].load(std::memory_order_relaxed);
+  for (ThreadCache* cache = caches.all; cache; cache = cache->next) sum += cache->counters[counter].load(std::memory_order_relaxed);
+  return sum;
+}
 
 // ---- regions -----------------------------------------------------------------------------------
 
@@ -377,6 +430,11 @@ void LightLock::LockContended() {
 
 void LightLock::WakeOne() { state_.notify_one(); }
 
+std::uintptr_t RecursiveLightLock::ThreadToken() {
+  static thread_local char token;
+  return reinterpret_cast<std::uintptr_t>(&token);
+}
+
 // ---- heap queries ------------------------------------------------------------------------------
 
 bool HeapFailureRaises(HANDLE handle, DWORD flags) {
@@ -393,7 +451,10 @@ BOOL HeapFreeChecked(HANDLE handle, DWORD flags, void* block, const HeapBlockSpa
   PrivHeap* heap = AsHeap(handle);
   if (!heap || Addr(block) != span.begin) return FALSE;
   auto* s = static_cast<Span*>(span.home);
-  std::lock_guard guard(heap->lock);
+  if (s) {
+    if (CacheEntry* entry = EntryFor(heap)) return FreeToCache(heap, *entry, s, span.generation, block);
+  }
+  LightGuard guard(heap->lock);
   if (s && s->generation.load(std::memory_order_relaxed) != span.generation) return FALSE;  // reused since
   return FreeLocked(heap, block, s) ? TRUE : FALSE;
 }
@@ -401,8 +462,10 @@ BOOL HeapFreeChecked(HANDLE handle, DWORD flags, void* block, const HeapBlockSpa
 bool GetHeapUsage(HANDLE handle, HeapUsage* usage) {
   PrivHeap* heap = AsHeap(handle);
   if (!heap || !usage) return false;
-  std::lock_guard guard(heap->lock);
+  std::lock_guard caches(Caches().mutex);
+  LightGuard guard(heap->lock);
   *usage = heap->usage;
+  SubtractCached(heap, usage);
   return true;
 }
 
@@ -424,6 +487,10 @@ HANDLE GetProcessHeap() {
 BOOL HeapDestroy(HANDLE handle) {
   PrivHeap* heap = zr::AsHeap(handle);
   if (!heap || heap == GetProcessHeap()) return FALSE;
+  {
+    std::lock_guard caches(zr::Caches().mutex);
+    zr::DropCachedEntries(heap);
+  }
   for (zr::Span* s = heap->all; s;) {
     zr::Span* next = s->all_next;
     zr::UnmapRegion(s, zr::kSpanBytes);
@@ -441,9 +508,8 @@ void* HeapAlloc(HANDLE handle, DWORD flags, SIZE_T bytes) {
   PrivHeap* heap = zr::AsHeap(handle);
   if (!heap || bytes > zr::kMaxBlockBytes) return nullptr;
   const std::size_t slot = bytes + sizeof(zr::SlotHeader);
-  void* block = slot <= zr::kMaxSlotBytes ? zr::AllocSmall(heap, zr::ClassOf(slot)) : zr::AllocLarge(heap, bytes);
+  void* block = slot <= zr::kMaxSlotBytes ? zr::AllocSmall(heap, zr::ClassOf(slot), bytes) : zr::AllocLarge(heap, bytes);
   if (!block) return nullptr;
-  zr::HeaderOf(block)->size = bytes;
   if (flags & HEAP_ZERO_MEMORY) std::memset(block, 0, bytes);
   return block;
 }
@@ -456,9 +522,9 @@ BOOL HeapFree(HANDLE handle, DWORD flags, void* block) {
 SIZE_T HeapSize(HANDLE handle, DWORD flags, const void* block) {
   PrivHeap* heap = zr::AsHeap(handle);
   if (!heap || !zr::Owned(heap, block, nullptr)) return static_cast<SIZE_T>(-1);
-  std::lock_guard guard(heap->lock);
-  const zr::SlotHeader* h = zr::HeaderOf(block);
-  return h->state == zr::kSlotLive ? static_cast<SIZE_T>(h->size) : static_cast<SIZE_T>(-1);
+  zr::LightGuard guard(heap->lock);
+  zr::SlotHeader* h = zr::HeaderOf(block);
+  return zr::LoadState(h) == zr::kSlotLive ? static_cast<SIZE_T>(h->size) : static_cast<SIZE_T>(-1);
 }
 
 void* HeapReAlloc(HANDLE handle, DWORD flags, void* block, SIZE_T bytes) {
@@ -467,9 +533,9 @@ void* HeapReAlloc(HANDLE handle, DWORD flags, void* block, SIZE_T bytes) {
   if (!heap || bytes > zr::kMaxBlockBytes || !zr::Owned(heap, block, &span)) return nullptr;
   std::size_t old_size = 0;
   {
-    std::lock_guard guard(heap->lock);
+    zr::LightGuard guard(heap->lock);
     zr::SlotHeader* h = zr::HeaderOf(block);
-    if (h->state != zr::kSlotLive) return nullptr;
+    if (zr::LoadState(h) != zr::kSlotLive) return nullptr;
     old_size = h->size;
     if (bytes <= span.end - span.begin) {
       h->size = bytes;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <future>
 #include <map>
 #include <memory>
 #include <string>
@@ -103,6 +104,71 @@ TEST(PrivateHeap, BlocksSizesReallocationAndOwnership) {
   EXPECT_EQ(HeapAlloc(fixed, 0, 0x2000), nullptr);
   EXPECT_NE(HeapAlloc(fixed, 0, 0x100), nullptr);
   HeapDestroy(fixed);
+}
+
+TEST(PrivateHeap, FreedBlocksWaitInThreadCachesAndUsageStaysExact) {
+  HANDLE heap = HeapCreate(0, 0, 0);
+  ASSERT_NE(heap, nullptr);
+  std::vector<void*> blocks;
+  for (int i = 0; i < 100; ++i) blocks.push_back(HeapAlloc(heap, 0, 16 + 8 * i));
+  zr::HeapUsage usage;
+  ASSERT_TRUE(zr::GetHeapUsage(heap, &usage));
+  EXPECT_EQ(usage.blocks, 100u);
+  const std::size_t all_bytes = usage.bytes_in_use;
+  // Half are freed by another thread, which counts them out at once and gives them back as it ends.
+  std::thread([&] {
+    for (int i = 0; i < 50; ++i) EXPECT_TRUE(HeapFree(heap, 0, blocks[i]));
+    zr::HeapUsage inside;
+    ASSERT_TRUE(zr::GetHeapUsage(heap, &inside));
+    EXPECT_EQ(inside.blocks, 50u);
+  }).join();
+  ASSERT_TRUE(zr::GetHeapUsage(heap, &usage));
+  EXPECT_EQ(usage.blocks, 50u);
+  EXPECT_LT(usage.bytes_in_use, all_bytes);
+  // A freed block is no block of the heap any more, wherever it waits for reuse.
+  EXPECT_EQ(HeapSize(heap, 0, blocks[0]), static_cast<SIZE_T>(-1));
+  EXPECT_FALSE(zr::HeapBlockOwned(heap, blocks[0], nullptr));
+  EXPECT_FALSE(HeapFree(heap, 0, blocks[0]));
+  for (int i = 50; i < 100; ++i) EXPECT_TRUE(HeapFree(heap, 0, blocks[i]));  // into this thread's cache
+  EXPECT_FALSE(HeapFree(heap, 0, blocks[99]));
+  EXPECT_EQ(HeapSize(heap, 0, blocks[99]), static_cast<SIZE_T>(-1));
+  ASSERT_TRUE(zr::GetHeapUsage(heap, &usage));
+  EXPECT_EQ(usage.blocks, 0u);
+  EXPECT_EQ(usage.bytes_in_use, 0u);
+  // The block freed last comes back first, live again.
+  void* again = HeapAlloc(heap, 0, 16 + 8 * 99);
+  EXPECT_EQ(again, blocks[99]);
+  EXPECT_EQ(HeapSize(heap, 0, again), 16u + 8 * 99);
+  ASSERT_TRUE(zr::GetHeapUsage(heap, &usage));
+  EXPECT_EQ(usage.blocks, 1u);
+  EXPECT_TRUE(HeapDestroy(heap));
+}
+
+TEST(PrivateHeap, DestroyedWhileAnotherThreadHoldsItsBlocks) {
+  HANDLE heap = HeapCreate(0, 0, 0);
+  std::vector<void*> blocks;
+  for (int i = 0; i < 40; ++i) blocks.push_back(HeapAlloc(heap, 0, 24 + 40 * (i % 4)));
+  std::promise<void> freed, destroyed;
+  std::thread holder([&] {
+    for (void* p : blocks) EXPECT_TRUE(HeapFree(heap, 0, p));  // kept in this thread's cache
+    freed.set_value();
+    destroyed.get_future().wait();
+    // The destroyed heap's blocks are forgotten, never handed out or given back; a new heap starts clean.
+    for (int round = 0; round < 20; ++round) {
+      HANDLE next = HeapCreate(0, 0, 0);
+      void* p = HeapAlloc(next, 0, 24);
+      EXPECT_NE(p, nullptr);
+      zr::HeapUsage usage;
+      ASSERT_TRUE(zr::GetHeapUsage(next, &usage));
+      EXPECT_EQ(usage.blocks, 1u);
+      EXPECT_TRUE(HeapFree(next, 0, p));
+      EXPECT_TRUE(HeapDestroy(next));
+    }
+  });
+  freed.get_future().wait();
+  EXPECT_TRUE(HeapDestroy(heap));
+  destroyed.set_value();
+  holder.join();  // ending the thread gives back nothing of the destroyed heap
 }
 
 TEST(CHeap, ConstructionNamesAndLazyCreation) {
@@ -468,6 +534,78 @@ TEST(CHeap, RegistryListsUpTo256AndStoresWatchConfig) {
   heaps.erase(heaps.begin() + 1);
   CHeap::GetHeapList(list.data(), 300);
   EXPECT_EQ(list[before + 1], third);
+}
+
+TEST(CHeap, CountsStayExactWhenOtherThreadsFree) {
+  FakeSettings settings;
+  zrtest::ScopedQuietBeep quiet_beep;
+  zr::ScopedDiagCapture capture;
+  const std::uint32_t allocs = zr::GetHeapCounter(zr::HeapCounter::kAlloc);
+  const std::uint32_t frees = zr::GetHeapCounter(zr::HeapCounter::kFree);
+  {
+    CHeap heap("Handed", 0, 0, 0, 1);
+    std::vector<void*> blocks;
+    for (int i = 0; i < 300; ++i) blocks.push_back(heap.Alloc(static_cast<unsigned long>(8 + i % 200), 0, HERE));
+    unsigned int items = 0;
+    EXPECT_GT(heap.GetHeapState(items), 300u * 8);
+    EXPECT_EQ(items, 300u);
+    // Blocks allocated here are freed by a thread that ends before the counts are read, and one
+    // thread frees what the other allocated while both run.
+    std::thread([&] {
+      for (int i = 0; i < 150; ++i) EXPECT_NE(heap.Free(blocks[i], 0), 0);
+    }).join();
+    EXPECT_EQ(heap.GetHeapState(items) > 0, true);
+    EXPECT_EQ(items, 150u);
+    std::promise<std::vector<void*>> handed;
+    std::thread taker([&] {
+      for (void* p : handed.get_future().get()) EXPECT_NE(heap.Free(p, 0), 0);
+    });
+    std::vector<void*> rest;
+    for (int i = 150; i < 300; ++i) rest.push_back(blocks[i]);
+    for (int i = 0; i < 100; ++i) rest.push_back(heap.Alloc(64, 0, HERE));
+    handed.set_value(rest);
+    taker.join();
+    EXPECT_EQ(heap.GetHeapState(items), 0u);
+    EXPECT_EQ(items, 0u);
+  }
+  EXPECT_EQ(capture.Text().find("not freed"), std::string::npos);  // no leak report either
+  EXPECT_GE(zr::GetHeapCounter(zr::HeapCounter::kAlloc) - allocs, 400u);
+  EXPECT_GE(zr::GetHeapCounter(zr::HeapCounter::kFree) - frees, 400u);
+}
+
+// Prints through a sink that allocates from the heap being dumped, as a sink may.
+class AllocatingSink : public zr::DiagSink {
+ public:
+  explicit AllocatingSink(CHeap& heap) : heap_(heap), previous_(zr::SetDiagSink(this)) {}
+  ~AllocatingSink() override { zr::SetDiagSink(previous_); }
+  void Write(unsigned, unsigned, std::u16string_view text) override {
+    void* note = heap_.Alloc(static_cast<unsigned long>(text.size()), 0, HERE);
+    if (note) heap_.Free(note, 0);
+    ++writes;
+  }
+  int writes = 0;
+
+ private:
+  CHeap& heap_;
+  zr::DiagSink* previous_;
+};
+
+TEST(CHeap, DumpOutputMayUseTheHeapBeingDumped) {
+  FakeSettings settings;
+  FakeSettings::values = {{"Reentered/Watch", 1}};
+  zrtest::ScopedQuietBeep quiet_beep;
+  CHeap heap("Reentered", 0, 0, 0, 1);
+  ASSERT_EQ(heap.GetHeapFlags(), CHEAP_WATCH);
+  void* kept = heap.Alloc(40, 0, HERE);
+  {
+    AllocatingSink sink(heap);
+    heap.Dump(1);  // the watch list's lock is held while the sink allocates and frees
+    EXPECT_GT(sink.writes, 2);
+  }
+  unsigned int items = 0;
+  EXPECT_EQ(heap.GetHeapState(items), 48u);
+  EXPECT_EQ(items, 1u);
+  EXPECT_NE(heap.Free(kept, 0), 0);
 }
 
 TEST(CHeap, TwoThreadsOnOneHeap) {

@@ -62,6 +62,7 @@ class ZROBJ_API CFHeap {
   using Lock = zr::LightLock;  // the pool's lock (a spinning critical section)
 
   tagFHEAPBLOCK* NewBlock();
+  tagFHEAPBLOCK* OwnSlot(std::uintptr_t slot);
   tagFHEAPBLOCK* CheckSlot(std::uintptr_t slot);
   void ReleaseBlock(tagFHEAPBLOCK* block);
   void ReleaseIdleBlocks(DWORD now);

@@ -5,10 +5,14 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 
 #include "zrobj/export.h"
+#include "zrobj/heaplock.h"
 #include "zrobj/zrtypes.h"
+
+namespace zr {
+struct HeapBlockSpan;
+}  // namespace zr
 
 // Flag bits of a heap (only the low four are stored).
 inline constexpr unsigned long CHEAP_LOG = 0x1;          // a line per Alloc, Realloc and Free (debug output on)
@@ -71,9 +75,22 @@ class ZROBJ_API CHeap {
   static int StoreWatchConfig();
 
  private:
-  using Lock = std::recursive_mutex;  // guards the watch list
+  using Lock = zr::RecursiveLightLock;  // guards the watch list
 
-  void RegisterWatch(tagWATCHINFO* record, DWORD sizeWord, const char* sourceFile, std::uintptr_t location);
+  struct Caller {
+    std::uintptr_t address;  // return address into the caller
+    std::uintptr_t frame;    // the member's frame
+  };
+  void* AllocNoted(HANDLE heap, unsigned long size, unsigned long heapFlags, const char* sourceFile, int line,
+                   unsigned long callerAddress);
+  void* AllocPlain(HANDLE heap, unsigned long size, unsigned long heapFlags);
+  void* AllocFailed(HANDLE heap);
+  void* PlaceGuards(void* block, std::size_t lead, unsigned long size);
+  int FreeNoted(HANDLE heap, void* block, unsigned long heapFlags, Caller caller);
+  int Release(HANDLE heap, unsigned long heapFlags, std::uintptr_t data, std::size_t lead, DWORD sizeWord,
+              const zr::HeapBlockSpan& span);
+  void RegisterWatch(tagWATCHINFO* record, DWORD sizeWord, const char* sourceFile, std::uintptr_t location,
+                     std::uintptr_t frame = 0);
   bool UnlinkWatch(tagWATCHINFO* record);
   void DumpList(long options);
   void DumpEntry(const tagWATCHINFO& record, std::uintptr_t address, bool withTrace);
@@ -81,8 +98,7 @@ class ZROBJ_API CHeap {
   std::atomic<HANDLE> hHeap{nullptr};
   // The counts change with every block; on a line of their own they do not slow down the readers of
   // the handle and flags on other processors.
-  alignas(64) std::atomic<std::int32_t> items_{0};
-  std::atomic<std::uint32_t> bytes_{0};
+  alignas(64) std::atomic<std::uint64_t> counts_{0};  // items (high half) and bytes, changed together
   alignas(64) std::atomic<std::uint32_t> flags_{0};
   char name_[32] = {};
   std::atomic<tagWATCHINFO*> watch_head_{nullptr};
@@ -108,26 +124,10 @@ ZROBJ_API CHeap* GetLibraryHeap(const char* name);
 // The shared watch heap that holds trace texts and interned names; null until a heap wants watch mode.
 ZROBJ_API HANDLE GetWatchHeap();
 
-// The five heap performance counters (approximate under contention, like the block counts).
+// The five heap performance counters (each thread counts its own; a read sums them).
 enum class HeapCounter : int { kAlloc, kRealloc, kFree, kFAlloc, kFFree };
 inline constexpr int kHeapCounterCount = 5;
 ZROBJ_API const char* HeapCounterName(HeapCounter counter);  // "Alloc", "Realloc", "Free", "FAlloc", "FFree"
 ZROBJ_API std::uint32_t GetHeapCounter(HeapCounter counter);
-
-namespace detail {
-inline constexpr int kHeapCounterShards = 8;
-struct alignas(64) HeapCounterShard {
-  std::atomic<std::uint32_t> value[kHeapCounterCount];
-};
-ZROBJ_API extern HeapCounterShard g_heap_counters[kHeapCounterShards];
-}  // namespace detail
-
-// Counts without a read-modify-write; threads pick a shard by their stack so they rarely share one.
-inline void CountHeapEvent(HeapCounter counter) {
-  const auto stack = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0)) >> 20;
-  const auto shard = static_cast<std::uint32_t>(stack * 0x9E3779B9u) >> 29;
-  auto& value = detail::g_heap_counters[shard].value[static_cast<int>(counter)];
-  value.store(value.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-}
 
 }  // namespace zr

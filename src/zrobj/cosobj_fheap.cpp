@@ -171,7 +171,7 @@ void CFHeap::ReleaseIdleBlocks(DWORD now) {
 
 void* CFHeap::Alloc() {
   zr::CountHeapEvent(zr::HeapCounter::kFAlloc);
-  std::lock_guard guard(lock_);
+  zr::LightGuard guard(lock_);
   tagFHEAPBLOCK* block = first_;
   while (block && block->dwFree == 0) block = block->pNext;
   if (!block) {
@@ -196,8 +196,22 @@ void* CFHeap::Alloc() {
   return Ptr(slot + zr::kSlotHeader);
 }
 
+// The block of an allocated slot inside one of this pool's own blocks, read directly; null for
+// anything else (CheckSlot then looks again and says why).
+inline __attribute__((always_inline)) tagFHEAPBLOCK* CFHeap::OwnSlot(std::uintptr_t slot) {
+  const zr::RegionEntry entry = zr::LookupRegion(Ptr(slot));
+  if (entry.owner != this) return nullptr;
+  auto* block = static_cast<tagFHEAPBLOCK*>(entry.object);
+  if (slot < Addr(block) + zr::kBlockHeader || slot + zr::kSlotHeader > Addr(block) + region_bytes_) return nullptr;
+  // Word by word: Alloc has just stored the next word alone, and a wider read could not take it from
+  // the store buffer.
+  if (zr::SlotWord(slot, 1) != CFHEAP_ALLOCATED || slot - zr::SlotWord(slot, 0) != Addr(block) || block->pHeap != this)
+    return nullptr;
+  return block;
+}
+
 // The block of an allocated slot of this pool, or null after reporting why not (debug output on).
-tagFHEAPBLOCK* CFHeap::CheckSlot(std::uintptr_t slot) {
+__attribute__((noinline, cold)) tagFHEAPBLOCK* CFHeap::CheckSlot(std::uintptr_t slot) {
   DWORD words[2] = {0, 0};
   tagFHEAPBLOCK* mine = nullptr;
   const zr::RegionEntry entry = zr::LookupRegion(Ptr(slot));
@@ -223,9 +237,9 @@ tagFHEAPBLOCK* CFHeap::CheckSlot(std::uintptr_t slot) {
 void CFHeap::Free(void* item) {
   zr::CountHeapEvent(zr::HeapCounter::kFFree);
   const std::uintptr_t slot = Addr(item) - zr::kSlotHeader;
-  tagFHEAPBLOCK* block = CheckSlot(slot);
-  if (!block) return;
-  std::lock_guard guard(lock_);
+  tagFHEAPBLOCK* block = OwnSlot(slot);
+  if (!block && !(block = CheckSlot(slot))) return;
+  zr::LightGuard guard(lock_);
   if (zr::SlotWord(slot, 1) != CFHEAP_ALLOCATED) {  // freed by another thread since the check
     if (IsDebugOn()) wPrintf(3, 5, u"\rCFHeap(%hs)::Free: Attempt to free unallocated pointer\r\n", name_);
     return;
@@ -233,7 +247,7 @@ void CFHeap::Free(void* item) {
   zr::SetSlotWord(slot, 1, block->dwFreeList);
   block->dwFreeList = static_cast<DWORD>(slot - Addr(block));
   ++block->dwFree;
-  if (first_->dwFree == 0) {
+  if (first_ != block && first_->dwFree == 0) {  // (the block itself has a free slot now)
     Unlink(block);
     PushFront(block);
   }
@@ -249,7 +263,7 @@ void CFHeap::Free(void* item) {
 
 void CFHeap::GetState(State* state) {
   if (!state) return;
-  std::lock_guard guard(lock_);
+  zr::LightGuard guard(lock_);
   State s;
   for (tagFHEAPBLOCK* block = first_; block; block = block->pNext) {
     s.items += slots_per_block_ - block->dwFree;

@@ -14,6 +14,7 @@
 #include "platform/fault.h"
 #include "platform/platdiag.h"
 #include "platform/privheap.h"
+#include "platform/privheap_internal.h"
 #include "platform/text.h"
 #include "platform/wformat.h"
 #include "src/zrobj/cosobj_heap_shared.h"
@@ -25,10 +26,6 @@
 #define CHEAP_WARNING(text) WarningMsg(text, ZR_CALLER_ADDRESS(), ZR_CURRENT_FRAME())
 
 namespace zr {
-namespace detail {
-HeapCounterShard g_heap_counters[kHeapCounterShards];
-}  // namespace detail
-
 namespace {
 
 constexpr std::size_t kPlainLead = CHEAP_PLAIN_LEAD;
@@ -74,25 +71,37 @@ bool IsWatching(const std::atomic<std::uint32_t>& flags) {
   return (flags.load(std::memory_order_relaxed) & CHEAP_WATCH) && World().watch_heap.load(std::memory_order_relaxed);
 }
 
-// The counts are exact while the process has one thread, atomic otherwise.
-void AddCounts(std::atomic<std::int32_t>& items, std::atomic<std::uint32_t>& bytes, std::int32_t itemDelta,
-               std::int64_t byteDelta) {
-  const auto byteChange = static_cast<std::uint32_t>(byteDelta);
+// The item count (high half, signed) and the byte count (low half) of a heap, in one word so that
+// both change with one store, or one compare-exchange once the process has a second thread.
+std::int32_t ItemsOf(std::uint64_t counts) { return static_cast<std::int32_t>(counts >> 32); }
+std::uint32_t BytesOf(std::uint64_t counts) { return static_cast<std::uint32_t>(counts); }
+
+std::uint64_t ChangedCounts(std::uint64_t counts, std::int32_t itemDelta, std::int64_t byteDelta) {
+  const auto items = static_cast<std::uint32_t>(counts >> 32) + static_cast<std::uint32_t>(itemDelta);
+  const auto bytes = static_cast<std::uint32_t>(counts) + static_cast<std::uint32_t>(byteDelta);
+  return (std::uint64_t{items} << 32) | bytes;
+}
+
+inline void AddCounts(std::atomic<std::uint64_t>& counts, std::int32_t itemDelta, std::int64_t byteDelta) {
+  std::uint64_t old = counts.load(std::memory_order_relaxed);
   if (ProcessIsSingleThreaded()) {
-    items.store(items.load(std::memory_order_relaxed) + itemDelta, std::memory_order_relaxed);
-    bytes.store(bytes.load(std::memory_order_relaxed) + byteChange, std::memory_order_relaxed);
+    counts.store(ChangedCounts(old, itemDelta, byteDelta), std::memory_order_relaxed);
     return;
   }
-  if (itemDelta) items.fetch_add(itemDelta, std::memory_order_relaxed);
-  bytes.fetch_add(byteChange, std::memory_order_relaxed);
+  while (!counts.compare_exchange_weak(old, ChangedCounts(old, itemDelta, byteDelta), std::memory_order_relaxed)) {
+  }
 }
 
 // The private heap never faults; a failure where Windows would have raised (HEAP_GENERATE_EXCEPTIONS)
 // gets the report of the structured-exception guard.
-void* GuardedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
-  void* block = HeapAlloc(heap, static_cast<DWORD>(heapFlags), bytes);
-  if (!block && HeapFailureRaises(heap, static_cast<DWORD>(heapFlags)))
+__attribute__((noinline, cold)) void ReportFailedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
+  if (HeapFailureRaises(heap, static_cast<DWORD>(heapFlags)))
     wPrintf(0, 0, u"\rHeapAlloc(%08X,%08X,%u) failed \r\n", Addr(heap), heapFlags, bytes);
+}
+
+inline __attribute__((always_inline)) void* GuardedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
+  void* block = heapimpl::AllocBlock(heap, static_cast<DWORD>(heapFlags), bytes);
+  if (!block) ReportFailedAlloc(heap, heapFlags, bytes);
   return block;
 }
 
@@ -100,8 +109,8 @@ void* GuardedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
 
 class BlockReader {
  public:
-  BlockReader(HANDLE heap, std::uintptr_t heapBlock) {
-    owned_ = HeapBlockOwned(heap, Ptr(heapBlock), &span_);
+  __attribute__((always_inline)) BlockReader(HANDLE heap, std::uintptr_t heapBlock) {
+    owned_ = heapimpl::BlockOwned(heap, Ptr(heapBlock), &span_);
   }
   bool owned() const { return owned_; }
   const HeapBlockSpan& span() const { return span_; }
@@ -121,7 +130,7 @@ class BlockReader {
 enum class Guards { kIntact, kEndBroken, kUnreadable };
 
 // The size word in front of the data and the end signature it points at.
-Guards CheckGuards(const BlockReader& reader, std::uintptr_t data, DWORD* sizeWord) {
+inline Guards CheckGuards(const BlockReader& reader, std::uintptr_t data, DWORD* sizeWord) {
   DWORD size = 0;
   if (!reader.Read(data - 4, &size, sizeof size)) return Guards::kUnreadable;
   *sizeWord = size;
@@ -131,9 +140,27 @@ Guards CheckGuards(const BlockReader& reader, std::uintptr_t data, DWORD* sizeWo
   return end == CHEAP_BLOCK_END ? Guards::kIntact : Guards::kEndBroken;
 }
 
+// A plain block that is a live small block of the heap, with both guards intact: read directly.
+inline bool IntactPlainBlock(HANDLE heap, std::uintptr_t data, HeapBlockSpan* span, DWORD* sizeWord) {
+  if (!heapimpl::SmallBlockOwned(heap, Ptr(data - kPlainLead), span)) return false;
+  DWORD size = 0, end = 0;
+  std::memcpy(&size, Ptr(data - 4), sizeof size);  // inside the block's span
+  if (size < 8 || size - 4 > span->end - data) return false;
+  std::memcpy(&end, Ptr(data - 4 + size - 4), sizeof end);
+  *sizeWord = size;
+  return end == CHEAP_BLOCK_END;
+}
+
 void WriteGuards(std::uintptr_t data, DWORD sizeWord, DWORD end) {
   std::memcpy(Ptr(data - 4), &sizeWord, sizeof sizeWord);
   std::memcpy(Ptr(data - 4 + sizeWord - 4), &end, sizeof end);
+}
+
+// Zeroes the end signature and the size word of a block of `sizeWord`.
+void ClearGuards(std::uintptr_t data, DWORD sizeWord) {
+  const DWORD zero = 0;
+  std::memcpy(Ptr(data - 4 + sizeWord - 4), &zero, sizeof zero);
+  std::memcpy(Ptr(data - 4), &zero, sizeof zero);
 }
 
 // Text kept in the watch heap: read directly when its block is confirmed, else byte by byte probed.
@@ -171,22 +198,24 @@ void ReportWatchHeapFailure(HANDLE watch) {
 }
 
 // The name's text in the interned list (case-insensitive), added on first use; null on failure.
+// (The failure is reported outside the registry lock, which a diagnostics sink may need.)
 const char* Intern(const std::string& name) {
   HeapWorld& world = World();
   const HANDLE watch = world.watch_heap.load(std::memory_order_acquire);
   if (!watch) return nullptr;
-  std::lock_guard guard(world.registry.mutex());
-  for (char* node = world.interned; node; node = NextNode(node))
-    if (EqualNoCase(node + kNodeText, name.c_str())) return node + kNodeText;
-  auto* node = static_cast<char*>(HeapAlloc(watch, 0, kNodeText + name.size() + 1));
-  if (!node) {
-    ReportWatchHeapFailure(watch);
-    return nullptr;
+  {
+    std::lock_guard guard(world.registry.mutex());
+    for (char* node = world.interned; node; node = NextNode(node))
+      if (EqualNoCase(node + kNodeText, name.c_str())) return node + kNodeText;
+    if (auto* node = static_cast<char*>(HeapAlloc(watch, 0, kNodeText + name.size() + 1))) {
+      std::memcpy(node, &world.interned, sizeof world.interned);
+      std::memcpy(node + kNodeText, name.c_str(), name.size() + 1);
+      world.interned = node;
+      return node + kNodeText;
+    }
   }
-  std::memcpy(node, &world.interned, sizeof world.interned);
-  std::memcpy(node + kNodeText, name.c_str(), name.size() + 1);
-  world.interned = node;
-  return node + kNodeText;
+  ReportWatchHeapFailure(watch);
+  return nullptr;
 }
 
 void FreeTraceText(const char* text) {
@@ -404,9 +433,7 @@ const char* HeapCounterName(HeapCounter counter) {
 std::uint32_t GetHeapCounter(HeapCounter counter) {
   const int index = static_cast<int>(counter);
   if (index < 0 || index >= kHeapCounterCount) return 0;
-  std::uint32_t sum = 0;
-  for (const auto& shard : detail::g_heap_counters) sum += shard.value[index].load(std::memory_order_relaxed);
-  return sum;
+  return heapimpl::SumCounter(index);
 }
 
 }  // namespace zr
@@ -437,15 +464,18 @@ CHeap::CHeap(const char* name, unsigned long maximumSize, unsigned long initialS
   zr::HeapWorld& world = zr::World();
   bool watch = zr::ReadSetting("Heaps", "Watch") != 0 || zr::ReadSetting(name_, "Watch") != 0;
   world.registry.Add(this);
+  bool madeWatchHeap = false;
   if (watch) {
     std::lock_guard guard(world.registry.mutex());
     if (!world.watch_heap.load(std::memory_order_relaxed)) {
       const HANDLE created = HeapCreate(0, 0x10000, 0);
       world.watch_heap.store(created, std::memory_order_release);
-      if (!created) watch = false;
-      else if (IsDebugOn()) wPrintf(3, 5, u"\rCHeap %hs: hWatchHeap = hWatchHeap\r\n", name_);
+      watch = madeWatchHeap = created != nullptr;
     }
   }
+  // Printed outside the registry lock: a diagnostics sink may allocate from a watched heap, which
+  // takes that lock to intern names.
+  if (madeWatchHeap && IsDebugOn()) wPrintf(3, 5, u"\rCHeap %hs: hWatchHeap = hWatchHeap\r\n", name_);
   if (watch) flags |= CHEAP_WATCH;
   flags |= static_cast<std::uint32_t>(zr::ReadSetting("Heaps", "HeapFlags") | zr::ReadSetting(name_, "HeapFlags"));
   flags_.store(flags & 15, std::memory_order_relaxed);
@@ -454,9 +484,9 @@ CHeap::CHeap(const char* name, unsigned long maximumSize, unsigned long initialS
 
 CHeap::~CHeap() {
   if (const HANDLE heap = hHeap.load(std::memory_order_acquire)) {
-    const std::int32_t items = items_.load(std::memory_order_relaxed);
-    if (items != 0) {
-      wPrintf(0, 9, u"Heap %hs: %i items (%u bytes) not freed\r\n", name_, items, bytes_.load(std::memory_order_relaxed));
+    const std::uint64_t counts = counts_.load(std::memory_order_relaxed);
+    if (zr::ItemsOf(counts) != 0) {
+      wPrintf(0, 9, u"Heap %hs: %i items (%u bytes) not freed\r\n", name_, zr::ItemsOf(counts), zr::BytesOf(counts));
       DetailedMessageBeep(static_cast<UINT>(-1), "src/zrobj/cosobj", 543);
     }
     if (zr::IsWatching(flags_)) DumpList(-1);
@@ -477,40 +507,72 @@ int CHeap::SizeHeap(unsigned long maximumSize, unsigned long initialSize, unsign
 
 // ---- allocation --------------------------------------------------------------------------------
 
+// Writes the size word and the end signature of a new block and counts it; returns the data.
+inline __attribute__((always_inline)) void* CHeap::PlaceGuards(void* block, std::size_t lead, unsigned long size) {
+  const auto sizeWord = static_cast<DWORD>(size + 8);
+  const std::uintptr_t data = Addr(block) + lead;
+  zr::WriteGuards(data, sizeWord, CHEAP_BLOCK_END);
+  zr::AddCounts(counts_, 1, sizeWord);
+  return Ptr(data);
+}
+
+// The plain path (no watch record, no log line) is the common one and stays short.
 void* CHeap::Alloc(unsigned long size, unsigned long heapFlags, const char* sourceFile, int line,
                    unsigned long callerAddress) {
   const HANDLE heap = hHeap.load(std::memory_order_acquire);
   if (!heap) return nullptr;
   zr::CountHeapEvent(zr::HeapCounter::kAlloc);
+  if (flags_.load(std::memory_order_relaxed) & (CHEAP_WATCH | CHEAP_LOG)) {
+    void* data = AllocNoted(heap, size, heapFlags, sourceFile, line, callerAddress);
+    if (data && (flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
+      wPrintf(3, 8, u"Heap %hs: Alloc %08X\r\n", name_, Addr(data));
+    return data;
+  }
+  if (size <= zr::kMaxRequest) {
+    if (void* block = zr::heapimpl::TakeCached(heap, static_cast<DWORD>(heapFlags), size + zr::kPlainOverhead))
+      return PlaceGuards(block, zr::kPlainLead, size);
+  }
+  return AllocPlain(heap, size, heapFlags);
+}
+
+// Alloc of a plain block that the thread's cache does not have.
+__attribute__((noinline)) void* CHeap::AllocPlain(HANDLE heap, unsigned long size, unsigned long heapFlags) {
+  void* block = size <= zr::kMaxRequest ? zr::GuardedAlloc(heap, heapFlags, size + zr::kPlainOverhead) : nullptr;
+  if (!block) return AllocFailed(heap);
+  return PlaceGuards(block, zr::kPlainLead, size);
+}
+
+// Alloc of a block in watch mode (or in plain mode when no watch heap exists).
+__attribute__((noinline)) void* CHeap::AllocNoted(HANDLE heap, unsigned long size, unsigned long heapFlags,
+                                                  const char* sourceFile, int line, unsigned long callerAddress) {
   const bool watch = zr::IsWatching(flags_);
   const std::size_t lead = watch ? zr::kWatchLead : zr::kPlainLead;
   void* block = size <= zr::kMaxRequest ? zr::GuardedAlloc(heap, heapFlags, size + lead + zr::kEndBytes) : nullptr;
-  if (!block) {
-    wPrintf(0, 0, u"\rFAILED: HeapAlloc(%hs,hHeap=%08X)\r\n", name_, Addr(heap));
-    return nullptr;
-  }
-  const auto sizeWord = static_cast<DWORD>(size + 8);
+  if (!block) return AllocFailed(heap);
   if (watch) {
     const std::uintptr_t location = sourceFile ? static_cast<std::uintptr_t>(line) : callerAddress;
-    RegisterWatch(static_cast<tagWATCHINFO*>(block), sizeWord, sourceFile, location);
+    // The trace starts in Alloc (which does not tail-call this member), as if this were part of it.
+    RegisterWatch(static_cast<tagWATCHINFO*>(block), static_cast<DWORD>(size + 8), sourceFile, location,
+                  ZR_CURRENT_FRAME());
   }
-  const std::uintptr_t data = Addr(block) + lead;
-  zr::WriteGuards(data, sizeWord, CHEAP_BLOCK_END);
-  zr::AddCounts(items_, bytes_, 1, sizeWord);
-  if ((flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
-    wPrintf(3, 8, u"Heap %hs: Alloc %08X\r\n", name_, data);
-  return Ptr(data);
+  return PlaceGuards(block, lead, size);
 }
 
-// Not inlined, so that the trace starts at a frame of its own.
+__attribute__((noinline, cold)) void* CHeap::AllocFailed(HANDLE heap) {
+  wPrintf(0, 0, u"\rFAILED: HeapAlloc(%hs,hHeap=%08X)\r\n", name_, Addr(heap));
+  return nullptr;
+}
+
+// Not inlined, so that the trace starts at a frame of its own: by default the frame of this member,
+// whose first return address is in its caller; `frame` starts it further out.
 __attribute__((noinline)) void CHeap::RegisterWatch(tagWATCHINFO* record, DWORD sizeWord, const char* sourceFile,
-                                                    std::uintptr_t location) {
+                                                    std::uintptr_t location, std::uintptr_t frame) {
   std::memset(static_cast<void*>(record), 0, sizeof *record);
   record->dwSignature = CHEAP_WATCH_SIGNATURE;
   record->hHeap = hHeap.load(std::memory_order_relaxed);
   record->dwSize = sizeWord;
   // The trace is complete before the record is listed, so a concurrent dump never sees half of it.
-  zr::BuildTrace(record, sourceFile, location, Addr(__builtin_frame_address(0)));
+  zr::BuildTrace(record, sourceFile, location, frame ? frame : Addr(__builtin_frame_address(0)));
   std::lock_guard guard(lock_);
   tagWATCHINFO* head = watch_head_.load(std::memory_order_relaxed);
   record->pOlder = head;
@@ -596,17 +658,40 @@ void* CHeap::Realloc(void* block, unsigned long size, unsigned long heapFlags, c
   const std::uintptr_t newData = Addr(moved) + lead;
   const auto newWord = static_cast<DWORD>(size + 8);
   zr::WriteGuards(newData, newWord, CHEAP_BLOCK_END);
-  zr::AddCounts(items_, bytes_, 0, static_cast<std::int64_t>(newWord) - static_cast<std::int64_t>(oldWord));
+  zr::AddCounts(counts_, 0, static_cast<std::int64_t>(newWord) - static_cast<std::int64_t>(oldWord));
   if ((flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
     wPrintf(3, 8, u"Heap %hs: Realloc %08X\r\n", name_, newData);
   return Ptr(newData);
 }
 
-// Not inlined: the free trace walks the stack from this frame.
+// Clears the guards of a good block (so that a second Free finds neither a size word nor an end
+// signature) and gives it back to the private heap.
+inline __attribute__((always_inline)) int CHeap::Release(HANDLE heap, unsigned long heapFlags, std::uintptr_t data,
+                                                         std::size_t lead, DWORD sizeWord, const zr::HeapBlockSpan& span) {
+  zr::ClearGuards(data, sizeWord);
+  return zr::heapimpl::FreeBlock(heap, static_cast<DWORD>(heapFlags), Ptr(data - lead), span);
+}
+
+// The common case, a plain block with intact guards and nothing to print, takes the short path; any
+// other goes through FreeNoted, which checks and reports everything.
 __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) {
   const HANDLE heap = hHeap.load(std::memory_order_acquire);
   if (!heap) return 0;
   zr::CountHeapEvent(zr::HeapCounter::kFree);
+  if (!(flags_.load(std::memory_order_relaxed) & (CHEAP_WATCH | CHEAP_FREE_TRACE | CHEAP_LOG))) {
+    const std::uintptr_t data = Addr(block);
+    zr::HeapBlockSpan span;
+    DWORD sizeWord = 0;
+    if (zr::IntactPlainBlock(heap, data, &span, &sizeWord)) {
+      zr::AddCounts(counts_, -1, -static_cast<std::int64_t>(sizeWord));
+      return Release(heap, heapFlags, data, zr::kPlainLead, sizeWord, span);
+    }
+  }
+  return FreeNoted(heap, block, heapFlags, {ZR_CALLER_ADDRESS(), ZR_CURRENT_FRAME()});
+}
+
+// Free with every check and report; the warnings and the free trace name Free's caller.
+__attribute__((noinline)) int CHeap::FreeNoted(HANDLE heap, void* block, unsigned long heapFlags, Caller caller) {
   const bool watch = zr::IsWatching(flags_);
   const std::uintptr_t data = Addr(block);
   const std::uintptr_t start = data - (watch ? zr::kWatchLead : zr::kPlainLead);
@@ -617,7 +702,7 @@ __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) 
   if (guards == Guards::kEndBroken) {
     bad = true;
     wPrintf(0, 3, u"\rHeap %hs: Free: BlockEnd overwritten or already freed.\r\n", name_);
-    if (!watch) CHEAP_WARNING(u"Heap corruption!");
+    if (!watch) WarningMsg(u"Heap corruption!", caller.address, caller.frame);
   } else if (guards == Guards::kUnreadable) {
     bad = true;
     wPrintf(0, 3, u"\rHeap %hs: Free: BlockStart overwritten.\r\n", name_);
@@ -632,7 +717,7 @@ __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) 
     } else if (record.hHeap != heap) {
       bad = true;
       wPrintf(0, 1, u"\rHeap %hs::Free: WATCHINFO bad\r\n", name_);
-      CHEAP_WARNING(u"WRONG HEAP HANDLE");
+      WarningMsg(u"WRONG HEAP HANDLE", caller.address, caller.frame);
     } else if (guards == Guards::kEndBroken) {
       DumpEntry(record, start, true);
     }
@@ -644,23 +729,21 @@ __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) 
       } else {
         bad = true;
         wPrintf(0, 1, u"\rHeap %hs::Free: WATCHINFO bad\r\n", name_);
-        CHEAP_WARNING(u"WRONG HEAP HANDLE");
+        WarningMsg(u"WRONG HEAP HANDLE", caller.address, caller.frame);
       }
     }
   }
 
   if ((flags_.load(std::memory_order_relaxed) & CHEAP_FREE_TRACE) && IsDebugOn()) {
     wPrintf(3, 8, u"Heap(%hs)::Free Trace %08X\r\n", name_, data);
-    WalkCallStack(0, ZR_CURRENT_FRAME(), 10, nullptr);
+    WalkCallStack(0, caller.frame, 10, nullptr);
   }
-  zr::AddCounts(items_, bytes_, -1, -static_cast<std::int64_t>(sizeWord));
+  zr::AddCounts(counts_, -1, -static_cast<std::int64_t>(sizeWord));
   if ((flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
     wPrintf(3, 8, u"Heap %hs: Free %08X\r\n", name_, data);
   // A bad block stays allocated (and listed): it is evidence, and releasing it could spread damage.
   if (bad || !reader.owned()) return 0;
-  zr::WriteGuards(data, sizeWord, 0);  // a second Free finds no end signature ...
-  std::memset(Ptr(data - 4), 0, 4);     // ... and no size word
-  return zr::HeapFreeChecked(heap, static_cast<DWORD>(heapFlags), Ptr(start), reader.span());
+  return Release(heap, heapFlags, data, watch ? zr::kWatchLead : zr::kPlainLead, sizeWord, reader.span());
 }
 
 int CHeap::Verify(void* block) {
@@ -695,8 +778,9 @@ void CHeap::Dump(int full) { DumpList(full ? 0 : 1); }
 void CHeap::DumpList(long options) {
   const bool destroying = options < 0;
   if (destroying) options = 0;
-  const std::int32_t items = items_.load(std::memory_order_relaxed);
-  const std::uint32_t kilobytes = bytes_.load(std::memory_order_relaxed) / 1024;
+  const std::uint64_t counts = counts_.load(std::memory_order_relaxed);
+  const std::int32_t items = zr::ItemsOf(counts);
+  const std::uint32_t kilobytes = zr::BytesOf(counts) / 1024;
   if (!watch_head_.load(std::memory_order_acquire)) {
     wPrintf(0, 0, u"\rDump [%hs]: %d items, %u kB", name_, items, kilobytes);
     return;
@@ -782,8 +866,9 @@ int CHeap::SetHeapFlags(unsigned long flags) {
 }
 
 unsigned long CHeap::GetHeapState(unsigned int& items) {
-  items = static_cast<unsigned int>(items_.load(std::memory_order_relaxed));
-  return bytes_.load(std::memory_order_relaxed);
+  const std::uint64_t counts = counts_.load(std::memory_order_relaxed);
+  items = static_cast<unsigned int>(zr::ItemsOf(counts));
+  return zr::BytesOf(counts);
 }
 
 int CHeap::GetHeapList(CHeap** list, int max) { return zr::World().registry.Copy(list, max); }

@@ -5,7 +5,13 @@
 #include <cstddef>
 #include <mutex>
 
+#include "platform/privheap_internal.h"
+#include "zrobj/cheap.h"
+
 namespace zr {
+
+// One event for the heap performance counters, in the calling thread's own counters.
+inline void CountHeapEvent(HeapCounter counter) { heapimpl::CountEvent(static_cast<int>(counter)); }
 
 inline char AsciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
