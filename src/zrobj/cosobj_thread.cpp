@@ -193,6 +193,22 @@ COSCriticalSection& AutoThreadLock() {
   return *lock;
 }
 
+// Takes the table lock for a leaving thread, unless the library starts exiting meanwhile: AppExit
+// holds the lock while it waits for the threads, so a leaving thread must not queue for it then
+// (it would be terminated as a straggler).
+bool LockTableUnlessExiting() {
+  COSCriticalSection& lock = AutoThreadLock();
+  for (;;) {
+    if (g_auto_threads.exiting.load()) return false;
+    if (lock.TryEnter()) {
+      if (!g_auto_threads.exiting.load()) return true;
+      lock.Leave();
+      return false;
+    }
+    Sleep(1);
+  }
+}
+
 COSAutoThread** FreeSlot() {
   for (COSAutoThread*& slot : g_auto_threads.slots)
     if (!slot) return &slot;
@@ -245,12 +261,11 @@ DWORD COSAutoThread::StartThread(void* self) {
   DWORD ignored = 0;
   RunThreadFunction(object->m_function, &info, &ignored);
   object->m_event.Set();
-  if (g_auto_threads.exiting.load()) return 0;
-  COSAutoLock lock(&AutoThreadLock());
-  if (g_auto_threads.exiting.load()) return 0;  // AppExit owns the object now
+  if (!LockTableUnlessExiting()) return 0;  // AppExit owns the object now
   for (COSAutoThread*& slot : g_auto_threads.slots)
     if (slot == object) slot = nullptr;
   delete object;
+  AutoThreadLock().Leave();
   return 0;
 }
 
