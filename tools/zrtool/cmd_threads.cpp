@@ -12,6 +12,7 @@
 #include "platform/text.h"
 #include "platform/threads.h"
 #include "tools/zrtool/command.h"
+#include "tools/zrtool/demo.h"
 #include "zrobj/costhread.h"
 
 namespace zrtool {
@@ -125,6 +126,37 @@ int RunThreads(const Args& args) {
   }
   return all_ended ? 0 : Fail("not every worker ended in time");
 }
+
+// The demo: a CThread created suspended, labelled, resumed and ended, and an auto thread whose
+// creator waits for its handshake; the register names both while they run.
+DWORD ShowOwnName(void* p) {
+  WCHAR name[64] = {};
+  COSThreadRegister::GetCurrentName(name, 63);
+  *static_cast<std::string*>(p) = zr::Utf16ToUtf8(name);
+  return 7;
+}
+
+DWORD AutoShowOwnName(void* p) { return ShowOwnName(static_cast<AUTOTHREADINFO*>(p)->pParam); }
+
+int DemoThreads(DemoContext& context) {
+  std::string seen;
+  CThread thread(nullptr, 0, ShowOwnName, &seen, CREATE_SUSPENDED);
+  context.Say(std::string("CThread created suspended: status ") + StatusName(thread.GetStatus()));
+  thread.Label(u"demo worker");
+  thread.Resume();
+  if (thread.Wait(10000) != WAIT_OBJECT_0) return 1;
+  unsigned long code = 0;
+  thread.GetExitCode(&code);
+  context.Say("it ran as \"" + seen + "\" and " + StatusName(thread.GetStatus()) + " with exit code " +
+              std::to_string(code) + "; its id now reads " + std::to_string(thread.GetID()));
+  if (!COSAutoThread::CreateAutoThread(nullptr, 0, AutoShowOwnName, &seen)) return 1;
+  context.Say("an auto thread ran as \"" + seen + "\" (its creator waited for the handshake)");
+  WCHAR main_name[64] = {};
+  COSThreadRegister::GetCurrentName(main_name, 63);
+  context.Say("this thread is \"" + zr::Utf16ToUtf8(main_name) + "\" in the register");
+  return 0;
+}
+ZRTOOL_DEMO_SECTION("threads", 40, "Threads and the thread register", DemoThreads);
 
 }  // namespace
 }  // namespace zrtool
