@@ -19,6 +19,10 @@ check "no command" 2 "$tool"
 check "unknown command" 2 "$tool" no-such-command
 check "command help" 0 "$tool" rle --help
 check "bad rle usage" 2 "$tool" rle shrink a b
+# The guided demo runs every section in order; a section that fails makes it exit 1.
+check "demo, all sections" 0 "$tool" demo
+check "threads demonstration" 0 "$tool" threads 3
+check "bad threads count" 2 "$tool" threads 65
 
 # Run-length round trips with strides 1 and 3 reproduce the input byte for byte.
 head -c 300000 /dev/urandom > "$work/noise"

@@ -14,6 +14,7 @@
 #include "tools/zrtool/command.h"
 #include "tools/zrtool/demo.h"
 #include "zrobj/costhread.h"
+#include "zrobj/zrobj.h"
 
 namespace zrtool {
 namespace {
@@ -149,7 +150,11 @@ int DemoThreads(DemoContext& context) {
   thread.GetExitCode(&code);
   context.Say("it ran as \"" + seen + "\" and " + StatusName(thread.GetStatus()) + " with exit code " +
               std::to_string(code) + "; its id now reads " + std::to_string(thread.GetID()));
-  if (!COSAutoThread::CreateAutoThread(nullptr, 0, AutoShowOwnName, &seen)) return 1;
+  // Auto threads belong to an initialised application: its exit stops them and refuses new ones.
+  ZROBJ_AppInitialize();
+  const bool ran = COSAutoThread::CreateAutoThread(nullptr, 0, AutoShowOwnName, &seen) != 0;
+  ZROBJ_AppExit();
+  if (!ran) return 1;
   context.Say("an auto thread ran as \"" + seen + "\" (its creator waited for the handshake)");
   WCHAR main_name[64] = {};
   COSThreadRegister::GetCurrentName(main_name, 63);
