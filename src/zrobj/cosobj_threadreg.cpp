@@ -23,6 +23,7 @@
 #include "zrobj/frame_internal.h"
 #include "zrobj/lifecycle_steps.h"
 #include "zrobj/zrcrash.h"
+#include "zrobj/zrcrash_internal.h"
 #include "zrobj/zrdiag.h"
 
 namespace {
@@ -160,15 +161,19 @@ bool CopyTerminatedName(DWORD thread_id, WCHAR* buffer, unsigned length) {
   return true;
 }
 
-// ---- What the crash handler asks ----
-// The crash handler waits a little for the lock and then reads without it: a holder that crashed
-// never leaves.
+// ---- What the crash handler (and the event log) asks ----
+// Read under the register lock. While a crash record is being written the lock is polled for at
+// most 100 ms and then the register is read without it: a holder that crashed never leaves.
 
 constexpr unsigned kCrashLockWaitMs = 100;
 
 template <class F>
-auto WithLockPolled(F&& read) {
+auto ReadRegister(F&& read) {
   COSCriticalSection& lock = RegisterLock();
+  if (!zr::CrashRecordInProgress()) {
+    COSAutoLock guard(&lock);
+    return read();
+  }
   bool locked = lock.TryEnter();
   for (unsigned waited = 0; !locked && waited < kCrashLockWaitMs; ++waited) {
     ::Sleep(1);
@@ -180,11 +185,11 @@ auto WithLockPolled(F&& read) {
 }
 
 bool CrashThreadName(DWORD thread_id, WCHAR* buffer, unsigned length) {
-  return WithLockPolled([&] { return CopyTerminatedName(thread_id, buffer, length); });
+  return ReadRegister([&] { return CopyTerminatedName(thread_id, buffer, length); });
 }
 
 void CrashThreadDump() {
-  WithLockPolled([] {
+  ReadRegister([] {
     char line[512];
     dmp_output("\rThreadList\r\n");
     for (unsigned i = 0; i < g_register.count; ++i) {
@@ -198,7 +203,7 @@ void CrashThreadDump() {
 
 const void* CrashThreadBlock(unsigned long* size) {
   static unsigned char block[64 * 1024];
-  const std::size_t n = WithLockPolled([] { return WriteDump(block, sizeof block); });
+  const std::size_t n = ReadRegister([] { return WriteDump(block, sizeof block); });
   if (size) *size = static_cast<unsigned long>(n);
   return n ? block : nullptr;
 }

@@ -408,6 +408,8 @@ class CrashHandler {
   }
 };
 
+bool CrashRecordInProgress() { return g_crash_owner.load() != 0; }
+
 const ThreadInfoProvider* SetThreadInfoProvider(const ThreadInfoProvider* provider) {
   return g_provider.exchange(provider ? provider : &kDefaultProvider);
 }

@@ -23,4 +23,8 @@ bool WriteMinidump(const MinidumpRequest& request);
 // Builds the exception information of a fault; the context is filled only when the fault has one.
 bool ExceptionFromFault(const FaultRecord& fault, EXCEPTION_RECORD* record, CONTEXT* context);
 
+// True once a thread has started writing the crash record: readers of shared state then must not
+// wait for locks whose holder may have crashed.
+bool CrashRecordInProgress();
+
 }  // namespace zr
