@@ -76,6 +76,13 @@ class ZROBJ_API CSharedCriticalSection : public COSCriticalSection {
   std::atomic<DWORD> m_refCount{0};
 };
 
+namespace zr {
+// Enters `section` if it is free or becomes free within `wait_ms` milliseconds (looked at every
+// millisecond); false when it stayed held. For readers inside the crash handler, which must not
+// hang on a holder that crashed.
+ZROBJ_API bool TryEnterPolled(COSCriticalSection& section, unsigned wait_ms);
+}  // namespace zr
+
 // Enters a critical section for the lifetime of the guard.
 class ZROBJ_API COSAutoLock {
  public:

@@ -3,12 +3,9 @@
 // for good (terminate). Priorities are per-thread nice values.
 #include "platform/threads.h"
 
-#include <linux/futex.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,6 +15,7 @@
 #include <mutex>
 #include <new>
 
+#include "platform/posix/futex.h"
 #include "platform/threadexit.h"
 #include "platform/waitable.h"
 
@@ -27,35 +25,23 @@ constexpr DWORD kAckTimeoutMs = 10000;  // a thread that keeps the control signa
 constexpr DWORD kErrorTimeout = 1460;
 
 using Word = std::atomic<std::uint32_t>;
-static_assert(sizeof(Word) == sizeof(std::uint32_t), "futex words must be plain 32-bit words");
 
-void FutexWake(Word& word) {
-  ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
-}
+void FutexWake(Word& word) { zr::posix::FutexWake(&word, false, INT_MAX); }
 
-// Sleeps while `word` holds `expected`, at most `ms` milliseconds (UINT32_MAX: no limit).
+// Sleeps while `word` holds `expected`, at most `ms` milliseconds (INFINITE: no limit).
 void FutexWait(Word& word, std::uint32_t expected, DWORD ms) {
-  timespec relative{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
-  ::syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), FUTEX_WAIT_PRIVATE, expected,
-            ms == UINT32_MAX ? nullptr : &relative, nullptr, 0);
-}
-
-std::uint64_t NowMs() {
-  timespec t{};
-  ::clock_gettime(CLOCK_MONOTONIC, &t);
-  return static_cast<std::uint64_t>(t.tv_sec) * 1000 + static_cast<std::uint64_t>(t.tv_nsec) / 1000000;
+  zr::posix::FutexWaitUntil(&word, expected, false, zr::posix::Deadline(ms));
 }
 
 // Waits until done() holds, sleeping on `word` between looks; false when `ms` ran out first.
 template <class Done>
 bool WaitUntil(Word& word, Done done, DWORD ms) {
-  const std::uint64_t deadline = NowMs() + ms;
+  const zr::posix::Deadline deadline(ms);
   for (;;) {
     const std::uint32_t seen = word.load(std::memory_order_acquire);
     if (done()) return true;
-    const std::uint64_t now = NowMs();
-    if (now >= deadline) return false;
-    FutexWait(word, seen, static_cast<DWORD>(deadline - now));
+    if (deadline.Passed()) return false;
+    zr::posix::FutexWaitUntil(&word, seen, false, deadline);
   }
 }
 
@@ -98,7 +84,7 @@ void MarkStopped(ThreadControl* c) {
 }
 
 [[noreturn]] void ParkForever() {
-  for (;;) FutexWait(g_parked_forever, 0, UINT32_MAX);
+  for (;;) FutexWait(g_parked_forever, 0, INFINITE);
 }
 
 [[noreturn]] void StopForGood(ThreadControl* c) {
@@ -114,7 +100,7 @@ void Park(ThreadControl* c) {
     if (c->terminate.load(std::memory_order_acquire)) StopForGood(c);
     const std::uint32_t count = c->suspend_count.load(std::memory_order_acquire);
     if (count == 0) return;
-    FutexWait(c->suspend_count, count, UINT32_MAX);
+    FutexWait(c->suspend_count, count, INFINITE);
   }
 }
 
@@ -147,7 +133,7 @@ bool PassStartGate(ThreadControl* c) {
       }
     }
     const std::uint32_t count = c->suspend_count.load(std::memory_order_acquire);
-    if (count != 0) FutexWait(c->suspend_count, count, UINT32_MAX);
+    if (count != 0) FutexWait(c->suspend_count, count, INFINITE);
   }
 }
 
@@ -269,7 +255,7 @@ HANDLE CreateThread(SECURITY_ATTRIBUTES*, std::size_t stackSize, LPTHREAD_START_
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
   }
-  while (c->tid.load(std::memory_order_acquire) == 0) FutexWait(c->tid, 0, UINT32_MAX);
+  while (c->tid.load(std::memory_order_acquire) == 0) FutexWait(c->tid, 0, INFINITE);
   if (threadId) *threadId = c->tid.load(std::memory_order_acquire);
   return handle;
 }

@@ -147,6 +147,14 @@ void COSCriticalSection::ReportContention(DWORD count, DWORD owner, DWORD self, 
     wPrintf(3, 5, u"\r");
 }
 
+bool zr::TryEnterPolled(COSCriticalSection& section, unsigned wait_ms) {
+  for (unsigned waited = 0; !section.TryEnter(); ++waited) {
+    if (waited >= wait_ms) return false;
+    ::Sleep(1);
+  }
+  return true;
+}
+
 int COSCriticalSection::TryEnter() {
   const int entered = zr::lib::TryEnterSection(In<CRITICAL_SECTION>(m_section));
   if (entered) {

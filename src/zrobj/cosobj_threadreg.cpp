@@ -174,11 +174,7 @@ auto ReadRegister(F&& read) {
     COSAutoLock guard(&lock);
     return read();
   }
-  bool locked = lock.TryEnter();
-  for (unsigned waited = 0; !locked && waited < kCrashLockWaitMs; ++waited) {
-    ::Sleep(1);
-    locked = lock.TryEnter();
-  }
+  const bool locked = zr::TryEnterPolled(lock, kCrashLockWaitMs);
   auto result = read();
   if (locked) lock.Leave();
   return result;

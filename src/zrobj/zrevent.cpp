@@ -264,12 +264,7 @@ namespace zr {
 std::size_t VisitEventRecords(EventVisitor visit, void* context, unsigned wait_ms) {
   if (!visit) return 0;
   EventLogState& s = State();
-  // Polled rather than a timed wait: the crash handler gives up on a holder that crashed.
-  bool locked = s.lock.TryEnter();
-  for (unsigned waited = 0; !locked && waited < wait_ms; ++waited) {
-    ::Sleep(1);
-    locked = s.lock.TryEnter();
-  }
+  const bool locked = TryEnterPolled(s.lock, wait_ms);
   const std::size_t n = VisitRing(s, visit, context);
   if (locked) s.lock.Leave();
   return n;
