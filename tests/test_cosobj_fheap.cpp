@@ -137,6 +137,19 @@ TEST(CFHeap, MisuseIsReportedAndChangesNothing) {
   capture.Clear();
   pool.Free(&fake[2]);
   EXPECT_TRUE(has(not_ours));
+
+  // Inside the front block but not a slot (its header), and a block header naming another pool.
+  auto* block = reinterpret_cast<tagFHEAPBLOCK*>(reinterpret_cast<char*>(words) - sizeof(tagFHEAPBLOCK));
+  ASSERT_EQ(block->pHeap, &pool);
+  capture.Clear();
+  pool.Free(reinterpret_cast<char*>(block) + 8);
+  EXPECT_TRUE(has(unallocated));
+  capture.Clear();
+  block->pHeap = &other;
+  pool.Free(kept);
+  EXPECT_TRUE(has(not_ours));
+  block->pHeap = &pool;
+  EXPECT_EQ(StateOf(pool).items, 1u);
   pool.Free(kept);
   {
     DebugMode off(0);

@@ -62,6 +62,12 @@ class ZROBJ_API CFHeap {
   using Lock = zr::LightLock;  // the pool's lock (a spinning critical section)
 
   tagFHEAPBLOCK* NewBlock();
+  void* AllocLocked();
+  void FreeLocked(std::uintptr_t slot);
+  void* PopSlot(tagFHEAPBLOCK* block);
+  void PushSlot(tagFHEAPBLOCK* block, std::uintptr_t slot);
+  bool SlotInBlock(tagFHEAPBLOCK* block, std::uintptr_t slot) const;
+  bool SlotIsAllocatedIn(tagFHEAPBLOCK* block, std::uintptr_t slot);
   tagFHEAPBLOCK* OwnSlot(std::uintptr_t slot);
   tagFHEAPBLOCK* CheckSlot(std::uintptr_t slot);
   void ReleaseBlock(tagFHEAPBLOCK* block);

@@ -169,8 +169,34 @@ void CFHeap::ReleaseIdleBlocks(DWORD now) {
 
 // ---- allocation --------------------------------------------------------------------------------
 
+// Takes the first free slot of a block that has one.
+inline __attribute__((always_inline)) void* CFHeap::PopSlot(tagFHEAPBLOCK* block) {
+  const std::uintptr_t slot = Addr(block) + block->dwFreeList;
+  block->dwFreeList = zr::SlotWord(slot, 1);
+  zr::SetSlotWord(slot, 1, CFHEAP_ALLOCATED);
+  --block->dwFree;
+  return Ptr(slot + zr::kSlotHeader);
+}
+
+// Puts an allocated slot back on its block's free list.
+inline __attribute__((always_inline)) void CFHeap::PushSlot(tagFHEAPBLOCK* block, std::uintptr_t slot) {
+  zr::SetSlotWord(slot, 1, block->dwFreeList);
+  block->dwFreeList = static_cast<DWORD>(slot - Addr(block));
+  ++block->dwFree;
+}
+
+// The common case, while the process has one thread: the front block has a free slot and is not
+// wholly free, so neither the list nor the counters change. Everything else takes the lock.
 void* CFHeap::Alloc() {
   zr::CountHeapEvent(zr::HeapCounter::kFAlloc);
+  if (zr::ProcessIsSingleThreaded()) {
+    tagFHEAPBLOCK* front = first_;
+    if (front && front->dwFree != 0 && front->dwFree != slots_per_block_) return PopSlot(front);
+  }
+  return AllocLocked();
+}
+
+__attribute__((noinline)) void* CFHeap::AllocLocked() {
   zr::LightGuard guard(lock_);
   tagFHEAPBLOCK* block = first_;
   while (block && block->dwFree == 0) block = block->pNext;
@@ -185,15 +211,12 @@ void* CFHeap::Alloc() {
     PushFront(block);
   }
   const bool wasFree = block->dwFree == slots_per_block_;
-  const std::uintptr_t slot = Addr(block) + block->dwFreeList;
-  block->dwFreeList = zr::SlotWord(slot, 1);
-  zr::SetSlotWord(slot, 1, CFHEAP_ALLOCATED);
-  --block->dwFree;
+  void* item = PopSlot(block);
   if (wasFree) {
     --free_blocks_;
     if (block->dwTick == oldest_free_) RecomputeOldestFree();
   }
-  return Ptr(slot + zr::kSlotHeader);
+  return item;
 }
 
 // The block of an allocated slot inside one of this pool's own blocks, read directly; null for
@@ -202,12 +225,21 @@ inline __attribute__((always_inline)) tagFHEAPBLOCK* CFHeap::OwnSlot(std::uintpt
   const zr::RegionEntry entry = zr::LookupRegion(Ptr(slot));
   if (entry.owner != this) return nullptr;
   auto* block = static_cast<tagFHEAPBLOCK*>(entry.object);
-  if (slot < Addr(block) + zr::kBlockHeader || slot + zr::kSlotHeader > Addr(block) + region_bytes_) return nullptr;
+  return SlotIsAllocatedIn(block, slot) ? block : nullptr;
+}
+
+// True if a slot's two words at `slot` lie inside the slot area of `block` (any address may be asked).
+inline __attribute__((always_inline)) bool CFHeap::SlotInBlock(tagFHEAPBLOCK* block, std::uintptr_t slot) const {
+  const std::uintptr_t offset = slot - Addr(block);  // wraps above the region when below the block
+  return offset >= zr::kBlockHeader && offset <= region_bytes_ - zr::kSlotHeader;
+}
+
+// True if `slot` lies inside `block`, one of this pool's own blocks, and is marked allocated there.
+inline __attribute__((always_inline)) bool CFHeap::SlotIsAllocatedIn(tagFHEAPBLOCK* block, std::uintptr_t slot) {
+  if (!SlotInBlock(block, slot)) return false;
   // Word by word: Alloc has just stored the next word alone, and a wider read could not take it from
   // the store buffer.
-  if (zr::SlotWord(slot, 1) != CFHEAP_ALLOCATED || slot - zr::SlotWord(slot, 0) != Addr(block) || block->pHeap != this)
-    return nullptr;
-  return block;
+  return zr::SlotWord(slot, 1) == CFHEAP_ALLOCATED && slot - zr::SlotWord(slot, 0) == Addr(block) && block->pHeap == this;
 }
 
 // The block of an allocated slot of this pool, or null after reporting why not (debug output on).
@@ -217,7 +249,7 @@ __attribute__((noinline, cold)) tagFHEAPBLOCK* CFHeap::CheckSlot(std::uintptr_t 
   const zr::RegionEntry entry = zr::LookupRegion(Ptr(slot));
   if (entry.owner == this) {
     auto* block = static_cast<tagFHEAPBLOCK*>(entry.object);
-    if (slot >= Addr(block) + zr::kBlockHeader && slot + zr::kSlotHeader <= Addr(block) + region_bytes_) {
+    if (SlotInBlock(block, slot)) {
       std::memcpy(words, Ptr(slot), sizeof words);
       mine = block;
     }
@@ -234,9 +266,20 @@ __attribute__((noinline, cold)) tagFHEAPBLOCK* CFHeap::CheckSlot(std::uintptr_t 
   return mine;
 }
 
+// The common case, while the process has one thread: an allocated slot of the front block that
+// does not leave the block wholly free. The front block is this pool's own, so its slots are read
+// directly; anything else is checked against the address map first.
 void CFHeap::Free(void* item) {
   zr::CountHeapEvent(zr::HeapCounter::kFFree);
   const std::uintptr_t slot = Addr(item) - zr::kSlotHeader;
+  if (zr::ProcessIsSingleThreaded()) {
+    tagFHEAPBLOCK* front = first_;
+    if (front && SlotIsAllocatedIn(front, slot) && front->dwFree + 1 != slots_per_block_) return PushSlot(front, slot);
+  }
+  FreeLocked(slot);
+}
+
+__attribute__((noinline)) void CFHeap::FreeLocked(std::uintptr_t slot) {
   tagFHEAPBLOCK* block = OwnSlot(slot);
   if (!block && !(block = CheckSlot(slot))) return;
   zr::LightGuard guard(lock_);
@@ -244,9 +287,7 @@ void CFHeap::Free(void* item) {
     if (IsDebugOn()) wPrintf(3, 5, u"\rCFHeap(%hs)::Free: Attempt to free unallocated pointer\r\n", name_);
     return;
   }
-  zr::SetSlotWord(slot, 1, block->dwFreeList);
-  block->dwFreeList = static_cast<DWORD>(slot - Addr(block));
-  ++block->dwFree;
+  PushSlot(block, slot);
   if (first_ != block && first_->dwFree == 0) {  // (the block itself has a free slot now)
     Unlink(block);
     PushFront(block);
