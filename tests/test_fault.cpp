@@ -1,6 +1,8 @@
 // Probed reads and guarded calls: faults become exception codes, never crashes.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
 #include <cstring>
 #include <thread>
 
@@ -41,6 +43,23 @@ TEST(Fault, GuardedCallTurnsSignalsIntoCodes) {
   std::thread t([&] { other = zr::Guarded([] { *g_wild = 3; }); });
   t.join();
   EXPECT_EQ(other, 0xC0000005u);
+}
+
+// After a fault the thread's signal mask is the one it had in the guarded code: the fault signal is
+// not left blocked, and a signal the caller had blocked stays blocked.
+TEST(Fault, GuardedFaultKeepsTheSignalMask) {
+  sigset_t usr2, before, after;
+  sigemptyset(&usr2);
+  sigaddset(&usr2, SIGUSR2);
+  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &usr2, &before), 0);
+  for (int round = 0; round < 2; ++round) {  // a second fault is caught as well
+    EXPECT_EQ(zr::Guarded([] { *g_wild = 4; }), 0xC0000005u);
+    EXPECT_EQ(zr::Guarded([] { DivideByZero(); }), 0xC0000094u);
+  }
+  ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &before, &after), 0);
+  EXPECT_EQ(sigismember(&after, SIGUSR2), 1);
+  EXPECT_EQ(sigismember(&after, SIGSEGV), 0);
+  EXPECT_EQ(sigismember(&after, SIGFPE), 0);
 }
 
 TEST(Fault, StackWalkFindsThisFunction) {

@@ -190,6 +190,9 @@ void OnFault(int sig, siginfo_t* info, void* context) {
       FillRecord(t_last_fault, sig, info, context);
       t_has_last_fault = true;
       g->code = t_last_fault.code;
+      // The guard did not save the signal mask (that costs a system call on every guarded call):
+      // the interrupted code's mask is put back here, on the rare path that needs it.
+      if (context) pthread_sigmask(SIG_SETMASK, &static_cast<ucontext_t*>(context)->uc_sigmask, nullptr);
       siglongjmp(g->jump, 1);
     }
   }
@@ -281,7 +284,7 @@ std::uint32_t GuardedCall(GuardedFn fn, void* context) {
   GuardFrame frame;
   frame.outer = t_guard;
   frame.code = 0;
-  if (sigsetjmp(frame.jump, 1) == 0) {
+  if (sigsetjmp(frame.jump, 0) == 0) {  // the fault handler restores the mask itself
     t_guard = &frame;
     fn(context);
     t_guard = frame.outer;
