@@ -38,8 +38,9 @@ ZROBJ_API std::vector<std::string> IniKeys(const std::string& path, std::string_
 // Applies `ops` to the current contents and replaces the file atomically, under an exclusive lock
 // on "<path>.lock", so concurrent writers never lose each other's changes. Creates the directory
 // and the file as needed. Fails (false, file untouched) when the file exists but cannot be read,
-// when a name cannot be represented in the format (line breaks, ']' in a section, '=' in a key, an
-// empty key), when a value holds a line break, or when the lock is not had within 10 seconds.
+// when a name cannot be represented in the format (line breaks or NUL bytes, ']' in a section, '='
+// in a key, an empty key, a key starting with ';', '#' or '[' once trimmed), when a value holds a
+// line break or a NUL byte, or when the lock is not had within 10 seconds.
 ZROBJ_API bool IniUpdate(const std::string& path, std::span<const IniOp> ops);
 
 // Section and key names as the file keeps them: surrounding blanks removed.

@@ -174,6 +174,25 @@ TEST(IniFile, LinksAndSpecialFiles) {
   EXPECT_FALSE(zr::IniUpdate(fifo, {&op, 1}));
 }
 
+// Found by fuzz_inifile: a NUL byte passed as a line break's equal was cut off by the parser's C
+// strings, and a key with blanks before ';' was written as a comment line.
+TEST(IniFile, UpdateRefusesWhatTheFileCannotHold) {
+  ScopedHome home;
+  const std::string path = home.File("refuse.ini");
+  ASSERT_TRUE(zrtest::WriteFile(path, "[S]\nk=v\n"));
+  zr::IniDropCache();
+  using Kind = zr::IniOp::Kind;
+  const zr::IniOp refused[] = {
+      {Kind::kSet, "S", "K", std::string("a\0b", 3)}, {Kind::kSet, "S", std::string("\0K", 2), "v"},
+      {Kind::kSet, std::string("S\0T", 3), "K", "v"}, {Kind::kSet, "S", " ;K", "v"},
+      {Kind::kSet, "S", "\t#K", "v"},                {Kind::kDeleteKey, "S", "  [K", ""}};
+  for (const zr::IniOp& op : refused) EXPECT_FALSE(zr::IniUpdate(path, {&op, 1})) << op.key;
+  EXPECT_EQ(zrtest::ReadFile(path), "[S]\nk=v\n");
+  const zr::IniOp blanks{Kind::kSet, "S", "  K;  ", "v"};  // ';' inside a key is fine
+  ASSERT_TRUE(zr::IniUpdate(path, {&blanks, 1}));
+  EXPECT_EQ(zr::IniRead(path, "S", "K;"), "v");
+}
+
 std::string QueryDefault(const char16_t* sub, LONG* rc, DWORD capacity = 64) {
   HKEY key = nullptr;
   *rc = RegOpenKeyExW(HKEY_CLASSES_ROOT, sub, 0, KEY_READ, &key);

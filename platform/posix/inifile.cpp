@@ -170,12 +170,17 @@ Loaded Load(const std::string& path) {
   return loaded;
 }
 
-bool HasLineBreak(std::string_view s) { return s.find_first_of("\r\n") != std::string_view::npos; }
+// The reader ends a line at a NUL byte too, and the parser takes names and values as C strings.
+bool HasLineBreak(std::string_view s) {
+  return s.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
+}
 
 bool ValidSection(std::string_view s) { return !HasLineBreak(s) && s.find(']') == std::string_view::npos; }
 
-bool ValidKey(std::string_view k) {
-  return !k.empty() && !HasLineBreak(k) && k.find('=') == std::string_view::npos && k.front() != ';' &&
+// Judged as it will be written, blanks removed: " ;k" would become a comment line.
+bool ValidKey(std::string_view key) {
+  const std::string_view k = IniTrimName(key);
+  return !k.empty() && !HasLineBreak(key) && k.find('=') == std::string_view::npos && k.front() != ';' &&
          k.front() != '#' && k.front() != '[';
 }
 
