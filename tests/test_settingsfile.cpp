@@ -193,6 +193,22 @@ TEST(IniFile, UpdateRefusesWhatTheFileCannotHold) {
   EXPECT_EQ(zr::IniRead(path, "S", "K;"), "v");
 }
 
+// Found by fuzz_inifile: an unrelated update moved a key of the unnamed section that begins with
+// the UTF-8 signature's bytes to the start of the file, where the reader dropped them.
+TEST(IniFile, FirstKeyStartingLikeASignatureSurvivesUpdates) {
+  ScopedHome home;
+  const std::string path = home.File("signature.ini");
+  const std::string key = "\xEF\xBB\xBFk";
+  ASSERT_TRUE(zrtest::WriteFile(path, "\n" + key + "=v\n"));
+  zr::IniDropCache();
+  ASSERT_EQ(zr::IniRead(path, "", key), "v");
+  const zr::IniOp op{zr::IniOp::Kind::kSet, "S", "K", "w"};
+  ASSERT_TRUE(zr::IniUpdate(path, {&op, 1}));
+  EXPECT_EQ(zr::IniRead(path, "", key), "v");
+  EXPECT_EQ(zr::IniRead(path, "", "k"), std::nullopt);
+  EXPECT_EQ(zr::IniRead(path, "S", "K"), "w");
+}
+
 std::string QueryDefault(const char16_t* sub, LONG* rc, DWORD capacity = 64) {
   HKEY key = nullptr;
   *rc = RegOpenKeyExW(HKEY_CLASSES_ROOT, sub, 0, KEY_READ, &key);

@@ -24,6 +24,7 @@ namespace {
 
 constexpr off_t kMaxFileBytes = 16 << 20;   // larger files are not settings: treated as unreadable
 constexpr int kLockTimeoutMs = 10000;
+constexpr std::string_view kUtf8Signature = "\xEF\xBB\xBF";
 
 using Ini = CSimpleIniA;  // case-insensitive sections and keys
 
@@ -338,6 +339,9 @@ bool IniUpdate(const std::string& link_or_path, std::span<const IniOp> ops) {
     if (!Apply(*ini, op)) return false;
   std::string out;
   if (ini->Save(out, false) < 0) return false;
+  // The reader drops a UTF-8 signature at the start, so a first key beginning with those bytes
+  // keeps them only behind a signature of its own.
+  if (out.starts_with(kUtf8Signature)) out.insert(0, kUtf8Signature);
   struct stat st{};
   const mode_t mode = ::stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0644;
   if (!ReplaceFile(path, out, mode)) return false;
