@@ -174,8 +174,8 @@ TEST(IniFile, LinksAndSpecialFiles) {
   EXPECT_FALSE(zr::IniUpdate(fifo, {&op, 1}));
 }
 
-// Found by fuzz_inifile: a NUL byte passed as a line break's equal was cut off by the parser's C
-// strings, and a key with blanks before ';' was written as a comment line.
+// Names and values the file cannot hold are refused, not written cut short: a NUL byte would end the
+// parser's C strings, and a key with blanks before ';' would be written as a comment line.
 TEST(IniFile, UpdateRefusesWhatTheFileCannotHold) {
   ScopedHome home;
   const std::string path = home.File("refuse.ini");
@@ -207,6 +207,27 @@ TEST(IniFile, FirstKeyStartingLikeASignatureSurvivesUpdates) {
   EXPECT_EQ(zr::IniRead(path, "", key), "v");
   EXPECT_EQ(zr::IniRead(path, "", "k"), std::nullopt);
   EXPECT_EQ(zr::IniRead(path, "S", "K"), "w");
+}
+
+// A value whose text is quoted twice reads with one pair of quotes; updates of other keys keep it so,
+// while a value set in quotes reads back without them.
+TEST(IniFile, QuotedValuesSurviveUpdatesOfOtherKeys) {
+  ScopedHome home;
+  const std::string path = home.File("quotes.ini");
+  ASSERT_TRUE(zrtest::WriteFile(path, "[S]\na=\"\"x\"\"\nb=\"y\"\nc=\"\"\"\"\nd=\" z \"\n"));
+  zr::IniDropCache();
+  const auto values = [&] {
+    return std::vector<std::optional<std::string>>{zr::IniRead(path, "S", "a"), zr::IniRead(path, "S", "b"),
+                                                   zr::IniRead(path, "S", "c"), zr::IniRead(path, "S", "d")};
+  };
+  const std::vector<std::optional<std::string>> expected = {"\"x\"", "y", "\"\"", " z "};
+  ASSERT_EQ(values(), expected);
+  for (int round = 0; round < 2; ++round) {
+    const zr::IniOp op{zr::IniOp::Kind::kSet, "T", "k", "\"w\""};
+    ASSERT_TRUE(zr::IniUpdate(path, {&op, 1}));
+    EXPECT_EQ(values(), expected) << zrtest::ReadFile(path);
+    EXPECT_EQ(zr::IniRead(path, "T", "k"), "w");
+  }
 }
 
 std::string QueryDefault(const char16_t* sub, LONG* rc, DWORD capacity = 64) {

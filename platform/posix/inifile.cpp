@@ -205,6 +205,23 @@ void DeleteSectionTree(Ini& ini, const std::string& root) {
   }
 }
 
+// The parser takes one pair of quotes off a value, and saving writes the rest as it stands, so a
+// value read as "x" (its text quoted twice) would lose a pair at every save. Values as loaded get
+// their pair back before the file is written again; values set by the update are written as given.
+void RequoteLoadedValues(Ini& ini) {
+  Ini::TNamesDepend sections;
+  ini.GetAllSections(sections);
+  for (const auto& section : sections) {
+    Ini::TNamesDepend keys;
+    ini.GetAllKeys(section.pItem, keys);
+    for (const auto& key : keys) {
+      const std::string_view value = ini.GetValue(section.pItem, key.pItem, "");
+      if (value.size() < 2 || value.front() != '"' || value.back() != '"') continue;
+      ini.SetValue(section.pItem, key.pItem, ("\"" + std::string(value) + "\"").c_str());
+    }
+  }
+}
+
 bool Apply(Ini& ini, const IniOp& op) {
   const std::string section(IniTrimName(op.section));
   const std::string key(IniTrimName(op.key));
@@ -335,6 +352,7 @@ bool IniUpdate(const std::string& link_or_path, std::span<const IniOp> ops) {
   LoadedForEdit current = LoadFresh(path, &unused);
   if (current.state == IniFileState::kUnreadable) return false;
   Ini* ini = current.ini.get();
+  RequoteLoadedValues(*ini);
   for (const IniOp& op : ops)
     if (!Apply(*ini, op)) return false;
   std::string out;
