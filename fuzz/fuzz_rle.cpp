@@ -16,10 +16,9 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
-#include "tools/zrtool/command.h"
+#include "fuzz/tool_command.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrrle.h"
 
@@ -142,28 +141,15 @@ Params ParseParams(const std::uint8_t* data, std::size_t size) {
   return p;
 }
 
-std::string TempPath(const char* role) {
-  return "/tmp/zrobj-fuzz-rle-" + std::to_string(::getpid()) + "-" + role;
-}
-
-const zrtool::Command* RleCommand() {
-  for (const zrtool::Command& c : zrtool::Commands())
-    if (std::strcmp(c.name, "rle") == 0) return &c;
-  return nullptr;
-}
-
 // The container through the tool, as `zrtool rle decompress IN OUT` runs it.
 void RunContainer(const std::uint8_t* data, std::size_t size) {
   if (size >= 24 && Get32(data + 20) > kMaxContainerChunk) return;
-  static const zrtool::Command* const rle = RleCommand();
-  static const std::string in = TempPath("in");
-  static const std::string out = TempPath("out");
-  std::FILE* file = std::fopen(in.c_str(), "wb");
-  if (!file) return;
-  const bool written = std::fwrite(data, 1, size, file) == size;
-  if (std::fclose(file) != 0 || !written) return;
+  static const zrtool::Command& rle = fuzz_tool::FindCommand("rle");
+  static const std::string in = fuzz_tool::TempPath("rle", "in");
+  static const std::string out = fuzz_tool::TempPath("rle", "out");
+  if (!fuzz_tool::WriteFile(in, data, size)) return;
   std::filesystem::remove(out);
-  if (rle->run({"decompress", in, out}) != 0) {
+  if (rle.run({"decompress", in, out}) != 0) {
     Check(!std::filesystem::exists(out));  // a damaged container leaves nothing
     return;
   }
