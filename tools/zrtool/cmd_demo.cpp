@@ -15,8 +15,8 @@
 #include "platform/registry.h"
 #include "platform/text.h"
 #include "tools/zrtool/demo.h"
-#include "zrobj/frame_internal.h"
-#include "zrobj/lifecycle_steps.h"
+#include "frame/frame_internal.h"
+#include "os/threads/costhread_internal.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrobj.h"
 

@@ -1,0 +1,292 @@
+// CEventLogger: the ring of recent events, its formatting buffer, and the copies the crash record reads.
+#include "zrobj/zrevent.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdarg>
+#include <new>
+#include <string>
+
+#include "platform/clock.h"
+#include "platform/crashio.h"
+#include "platform/fault.h"
+#include "platform/procinfo.h"
+#include "platform/wformat.h"
+#include "zrobj/coslock.h"
+#include "frame/frame_internal.h"
+#include "frame/services/zrevent_internal.h"
+#include "zrobj/zrcrash.h"
+#include "zrobj/zrobj.h"
+
+namespace {
+
+
+constexpr int kDefaultHistory = 1024;
+constexpr int kMaxHistory = 65536;             // ~76 MB of records; larger settings are clipped
+constexpr std::size_t kFormatBufferChars = 2048;  // the 4096-byte formatting buffer
+constexpr std::size_t kMaxFormatArgs = 64;
+constexpr char16_t kNoDescription[] = u"No description";
+
+struct EventLogState {
+  COSCriticalSection lock;
+  std::atomic<DWORD> capacity{0};
+  DWORD next_number = 0;
+  DWORD write_index = 0;
+  tagEVENTRECORD* ring = nullptr;
+  WCHAR* format_buffer = nullptr;
+  std::u16string scratch;  // the formatter's working text, kept so that logging rarely allocates
+};
+
+EventLogState& State() {
+  static EventLogState* state = new EventLogState;  // never destroyed: logging works during unload
+  return *state;
+}
+
+// Room for the arguments of one event without constructing them up front (FormatArg has no default).
+struct ArgList {
+  union {
+    zr::FormatArg items[kMaxFormatArgs];
+  };
+  std::size_t count = 0;
+  ArgList() {}
+  void Push(const zr::FormatArg& a) {
+    if (count < kMaxFormatArgs) new (&items[count++]) zr::FormatArg(a);
+  }
+};
+
+bool IsDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
+
+// Reads from `ap` the arguments that a wide format names, each with the type the library's printf
+// dialect gives its conversion, so that the typed formatter can print them.
+void CollectArgs(const char16_t* f, va_list ap, ArgList& out) {
+  auto push = [&](const zr::FormatArg& a) { out.Push(a); };
+  for (const char16_t* p = f; *p; ++p) {
+    if (*p != u'%') continue;
+    if (*++p == u'%') continue;
+    while (*p == u'-' || *p == u'+' || *p == u' ' || *p == u'#' || *p == u'0') ++p;
+    if (*p == u'*') push(zr::MakeFormatArg(va_arg(ap, int))), ++p;
+    while (IsDigit(*p)) ++p;
+    if (*p == u'.') {
+      ++p;
+      if (*p == u'*') push(zr::MakeFormatArg(va_arg(ap, int))), ++p;
+      while (IsDigit(*p)) ++p;
+    }
+    enum { kInt, kLong, kLongLong, kSize, kLongDouble } size = kInt;
+    char string_form = 0;  // 'h' narrow, 'l' wide
+    if (p[0] == u'I' && p[1] == u'6' && p[2] == u'4') size = kLongLong, p += 3;
+    else if (p[0] == u'I' && p[1] == u'3' && p[2] == u'2') p += 3;
+    else if (p[0] == u'h' && p[1] == u'h') p += 2;
+    else if (p[0] == u'l' && p[1] == u'l') size = kLongLong, p += 2;
+    else if (*p == u'h') string_form = 'h', ++p;
+    else if (*p == u'l' || *p == u'w') size = *p == u'l' ? kLong : kInt, string_form = 'l', ++p;
+    else if (*p == u'L') size = kLongDouble, ++p;
+    else if (*p == u'z' || *p == u'I' || *p == u'j' || *p == u't') size = kSize, ++p;
+    if (!*p) break;
+    switch (*p) {
+      case u'd':
+      case u'i':
+        push(size == kLong ? zr::MakeFormatArg(va_arg(ap, long))
+             : size == kLongLong ? zr::MakeFormatArg(va_arg(ap, long long))
+             : size == kSize ? zr::MakeFormatArg(va_arg(ap, std::ptrdiff_t))
+                             : zr::MakeFormatArg(va_arg(ap, int)));
+        break;
+      case u'u':
+      case u'x':
+      case u'X':
+      case u'o':
+        push(size == kLong ? zr::MakeFormatArg(va_arg(ap, unsigned long))
+             : size == kLongLong ? zr::MakeFormatArg(va_arg(ap, unsigned long long))
+             : size == kSize ? zr::MakeFormatArg(va_arg(ap, std::size_t))
+                             : zr::MakeFormatArg(va_arg(ap, unsigned)));
+        break;
+      case u'c':
+      case u'C':
+        push(zr::MakeFormatArg(va_arg(ap, int)));
+        break;
+      case u's':
+      case u'S':
+      case u'Z': {
+        // In a wide format "%s" is UTF-16 and "%S" narrow; "h" and "l" say it explicitly.
+        const void* text = va_arg(ap, const void*);
+        const bool narrow = string_form == 'h' || (string_form == 0 && *p != u's');
+        push(narrow ? zr::MakeFormatArg(static_cast<const char*>(text))
+                    : zr::MakeFormatArg(static_cast<const char16_t*>(text)));
+        break;
+      }
+      case u'p':
+      case u'n':
+        push(zr::MakeFormatArg(va_arg(ap, const void*)));
+        break;
+      case u'e':
+      case u'E':
+      case u'f':
+      case u'F':
+      case u'g':
+      case u'G':
+      case u'a':
+      case u'A':
+        push(size == kLongDouble ? zr::MakeFormatArg(static_cast<double>(va_arg(ap, long double)))
+                                 : zr::MakeFormatArg(va_arg(ap, double)));
+        break;
+      default:  // unknown conversion: takes no argument
+        break;
+    }
+  }
+}
+
+// Copies at most capacity-1 units of `text` and terminates within the field.
+void CopyField(WCHAR* field, std::size_t capacity, std::u16string_view text) {
+  const std::size_t n = std::min(text.size(), capacity - 1);
+  std::copy_n(text.data(), n, field);
+  std::fill(field + n, field + capacity, u'\0');
+}
+
+// The text of a fixed field up to its terminator (or the whole field when it has none).
+std::u16string_view FieldText(const WCHAR* field, std::size_t capacity) {
+  const std::u16string_view all(field, capacity);
+  return all.substr(0, all.find(u'\0'));
+}
+
+void ReleaseRing(EventLogState& s) {
+  s.capacity.store(0);
+  delete[] s.ring;
+  delete[] s.format_buffer;
+  s.ring = nullptr;
+  s.format_buffer = nullptr;
+}
+
+// Visits the records in use oldest first; the caller holds the lock (or gave up waiting for it).
+std::size_t VisitRing(const EventLogState& s, zr::EventVisitor visit, void* context) {
+  const DWORD capacity = s.capacity.load();
+  if (!s.ring || capacity == 0) return 0;
+  std::size_t visited = 0;
+  for (DWORD k = 0; k < capacity; ++k) {
+    const tagEVENTRECORD& r = s.ring[(s.write_index + k) % capacity];
+    if (r.dwEventNo == ZR_EVENT_UNUSED) continue;
+    visit(r, context);
+    ++visited;
+  }
+  return visited;
+}
+
+}  // namespace
+
+void CEventLogger::Init() {
+  const int history = ZROBJ_GetCurrentSettingInt("EventLog", "HistorySize", kDefaultHistory, 1);
+  EventLogState& s = State();
+  COSAutoLock lock(&s.lock);
+  if (s.ring) return;  // already running
+  if (history <= 0) return;
+  const DWORD capacity = static_cast<DWORD>(std::min(history, kMaxHistory));
+  s.ring = new (std::nothrow) tagEVENTRECORD[capacity]();
+  s.format_buffer = new (std::nothrow) WCHAR[kFormatBufferChars]();
+  if (!s.ring || !s.format_buffer) {
+    ReleaseRing(s);
+    return;
+  }
+  for (DWORD i = 0; i < capacity; ++i) s.ring[i].dwEventNo = ZR_EVENT_UNUSED;
+  s.next_number = 0;
+  s.write_index = 0;
+  s.scratch.reserve(kFormatBufferChars);
+  s.capacity.store(capacity);
+}
+
+void CEventLogger::Exit() {
+  EventLogState& s = State();
+  COSAutoLock lock(&s.lock);
+  ReleaseRing(s);
+  s.scratch = std::u16string();
+}
+
+void CEventLogger::LogEvent(const WCHAR* format, ...) {
+  EventLogState& s = State();
+  zr::EnsureThreadAttached();  // a thread's first use of the library names it
+  if (s.capacity.load(std::memory_order_relaxed) == 0) return;
+  const DWORD thread_id = zr::CurrentOsThreadId();
+  WCHAR name[64];
+  zr::GetRegisteredThreadName(thread_id, name, 64);
+  ArgList args;
+  if (format && *format) {
+    va_list ap;
+    va_start(ap, format);
+    CollectArgs(format, ap, args);
+    va_end(ap);
+  }
+
+  COSAutoLock lock(&s.lock);
+  const DWORD capacity = s.capacity.load();
+  if (capacity == 0) return;
+  tagEVENTRECORD& r = s.ring[s.write_index];
+  r.dwEventNo = s.next_number++;
+  if (s.next_number == ZR_EVENT_UNUSED) s.next_number = 0;  // the unused marker is never a number
+  r.dwThreadId = thread_id;
+  CopyField(r.szThreadName, 64, name);
+  if (!format || !*format) {
+    CopyField(r.szText, 512, kNoDescription);
+  } else {
+    s.scratch.clear();
+    zr::AppendFormatWide(s.scratch, format, args.items, args.count);
+    const std::size_t n = std::min(s.scratch.size(), kFormatBufferChars - 1);
+    std::copy_n(s.scratch.data(), n, s.format_buffer);
+    s.format_buffer[n] = 0;
+    CopyField(r.szText, 512, std::u16string_view(s.format_buffer, n));
+    if (s.scratch.capacity() > 4 * kFormatBufferChars) s.scratch = std::u16string();  // drop a giant one
+  }
+  const std::uint64_t now = zr::GetSystemTimeAsFileTime();
+  r.ftTime.dwLowDateTime = static_cast<DWORD>(now);
+  r.ftTime.dwHighDateTime = static_cast<DWORD>(now >> 32);
+  s.write_index = (s.write_index + 1) % capacity;
+}
+
+CPMemory CEventLogger::GetEventList() {
+  CPMemory list;
+  EventLogState& s = State();
+  COSAutoLock lock(&s.lock);
+  if (!list.Alloc(static_cast<unsigned long>(s.capacity.load() * sizeof(tagEVENTRECORD)))) return list;
+  struct Copy {
+    tagEVENTRECORD* out;
+    DWORD count;
+  } copy{static_cast<tagEVENTRECORD*>(list.GetDataPtr()), 0};
+  VisitRing(
+      s, [](const tagEVENTRECORD& r, void* c) {
+        auto* to = static_cast<Copy*>(c);
+        to->out[to->count++] = r;
+      },
+      &copy);
+  list.SetSize(static_cast<unsigned long>(copy.count * sizeof(tagEVENTRECORD)));
+  return list;
+}
+
+DWORD CEventLogger::GetCapacity() { return State().capacity.load(); }
+
+namespace zr {
+
+std::size_t VisitEventRecords(EventVisitor visit, void* context, unsigned wait_ms) {
+  if (!visit) return 0;
+  EventLogState& s = State();
+  const bool locked = TryEnterPolled(s.lock, wait_ms);
+  const std::size_t n = VisitRing(s, visit, context);
+  if (locked) s.lock.Leave();
+  return n;
+}
+
+std::size_t FormatEventRecord(const tagEVENTRECORD& r, char* buffer, std::size_t capacity) {
+  // The fields are copied first so that a record being rewritten can never be read past its end.
+  char16_t name[64];
+  char16_t text[512];
+  CopyField(name, 64, FieldText(r.szThreadName, 64));
+  CopyField(text, 512, FieldText(r.szText, 512));
+  const std::uint64_t ft = (static_cast<std::uint64_t>(r.ftTime.dwHighDateTime) << 32) | r.ftTime.dwLowDateTime;
+  const CivilTime t = FileTimeToCivil(ft);
+  FixedText out(buffer, capacity);
+  out.Format("\r* %-5u %hu.%hu.%hu %hu:%hu:%hu:%hu Thread %08X [%s] %s\r\n", r.dwEventNo, t.day, t.month, t.year,
+             t.hour, t.minute, t.second, t.millisecond, r.dwThreadId, static_cast<const char16_t*>(name),
+             static_cast<const char16_t*>(text));
+  return out.size();
+}
+
+}  // namespace zr
+
+// The event log's steps of the library's attach and detach sequence.
+void zr::steps::InitEventLog() { CEventLogger::Init(); }
+void zr::steps::ExitEventLog() { CEventLogger::Exit(); }

@@ -1,0 +1,16 @@
+// Start-up and shut-down steps of the thread register and the auto threads, called by the
+// library's entry point (thread attach and detach, application initialise and exit).
+#pragma once
+
+#include "zrobj/export.h"
+#include "zrobj/zrtypes.h"
+
+namespace zr::steps {
+// Copies the calling thread's registered name (at most len-1 characters); FALSE when it has none.
+ZROBJ_API BOOL GetCurrentThreadName(WCHAR* buffer, UINT len);
+ZROBJ_API void RegisterCurrentThread(const WCHAR* name);
+ZROBJ_API void UnregisterCurrentThread();
+ZROBJ_API void ExitThreadRegister();       // COSThreadRegister::AppExit
+ZROBJ_API void AutoThreadsAppInit();       // COSAutoThread::AppInit
+ZROBJ_API void AutoThreadsAppExit();       // COSAutoThread::AppExit
+}  // namespace zr::steps
