@@ -48,7 +48,7 @@ bool WaitUntil(Word& word, Done done, DWORD ms) {
 struct ThreadControl {
   LPTHREAD_START_ROUTINE fn = nullptr;
   void* parameter = nullptr;
-  HANDLE own_handle = nullptr;   // the thread's own reference, closed when it ends
+  std::atomic<HANDLE> own_handle{nullptr};  // the thread's own reference, released exactly once
   pthread_t pthread{};
   Word tid{0};                   // published by the thread before CreateThread returns
   Word suspend_count{0};         // the start gate and the park both sleep on this word
@@ -138,8 +138,11 @@ bool PassStartGate(ThreadControl* c) {
 }
 
 // Signals the thread's handle and drops its own reference (which may free the control block).
+// The thread's end and a terminating caller may both get here: only the first releases, since the
+// handle's number may already name another object when the second comes.
 void ReleaseOwnHandle(ThreadControl* c) {
-  const HANDLE own = c->own_handle;
+  const HANDLE own = c->own_handle.exchange(nullptr, std::memory_order_acq_rel);
+  if (!own) return;
   zr::SetSignalHandle(own);
   CloseHandle(own);
 }
@@ -247,10 +250,12 @@ HANDLE CreateThread(SECURITY_ATTRIBUTES*, std::size_t stackSize, LPTHREAD_START_
     delete c;
     return nullptr;
   }
-  if (!DuplicateHandle(GetCurrentProcess(), handle, GetCurrentProcess(), &c->own_handle, 0, FALSE,
-                       DUPLICATE_SAME_ACCESS) ||
-      !StartPthread(c, stackSize)) {
-    if (c->own_handle) CloseHandle(c->own_handle);
+  HANDLE own = nullptr;
+  const bool duplicated =
+      DuplicateHandle(GetCurrentProcess(), handle, GetCurrentProcess(), &own, 0, FALSE, DUPLICATE_SAME_ACCESS);
+  c->own_handle.store(own, std::memory_order_release);
+  if (!duplicated || !StartPthread(c, stackSize)) {
+    if (own) CloseHandle(own);
     CloseHandle(handle);
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;

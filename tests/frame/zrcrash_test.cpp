@@ -534,3 +534,18 @@ TEST(CrashOutput, FormatsTheRecordDialectWithinItsBuffer) {
 }
 
 }  // namespace
+
+// Only "Disable=1" hands the crash over to the system; any other value keeps the library's handler.
+TEST(UnhandledException, DisableCountsOnlyWhenOne) {
+  const std::string home = std::getenv("ZROBJ_HOME");
+  const std::string ini = home + "/ZRO.INI";
+  std::filesystem::create_directories(home);
+  const std::string saved = zrtest::ReadFile(ini);
+  for (const auto& [text, expected] : {std::pair{"1", true}, {"2", false}, {"-1", false}, {"0", false}}) {
+    zrtest::WriteFile(ini, std::string("[UnhandledException]\nDisable=") + text + "\n");
+    ASSERT_EQ(ZROBJ_GetProfileInt("UnhandledException", "Disable", 7, 0), std::atoi(text));
+    CUnhandledException handler;
+    EXPECT_EQ(CUnhandledException::bDisable != 0, expected) << "Disable=" << text;
+  }
+  zrtest::WriteFile(ini, saved);
+}

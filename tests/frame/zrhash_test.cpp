@@ -70,7 +70,12 @@ TEST(ZrHash, UserAndPathIds) {
   EXPECT_EQ(GetPathHash(nullptr), ZR_NO_ID);
   EXPECT_EQ(GetPathHash(u"/"), ZR_NO_ID);
   EXPECT_EQ(GetPathHash(u"//"), ZR_NO_ID);     // normalises to "/"
-  EXPECT_EQ(GetPathHash(u"./"), ZR_NO_ID);     // normalises to ""
+  EXPECT_EQ(GetPathHash(u"."), ZR_NO_ID);
+  EXPECT_EQ(GetPathHash(u".//"), ZR_NO_ID);    // normalises to "."
+  EXPECT_EQ(GetPathHash(u"./"), ZR_NO_ID);     // normalises to "."
+  EXPECT_EQ(GetPathHash(u"./a"), GetHashIDTW(u"./a"));  // "." is a component like any other
+  EXPECT_EQ(GetPathHash(u"a/."), GetHashIDTW(u"a/."));
+  EXPECT_NE(GetPathHash(u"./a"), ZR_NO_ID);
   EXPECT_EQ(GetPathHash(u"a/"), ZR_NO_ID);     // normalises to "a"
   EXPECT_EQ(GetPathHash(u"ab"), GetHashIDTW(u"ab"));
   EXPECT_EQ(GetPathHash(u"/a"), GetHashIDTW(u"/a"));

@@ -268,6 +268,27 @@ DWORD Faults(void*) {
   return static_cast<DWORD>(*nowhere);
 }
 
+// A termination racing the thread's own end releases the thread's own reference once: a second
+// release would signal and close whatever object reused the handle's number meanwhile.
+TEST(CThread, TerminateRacingTheThreadsEndReleasesItsHandleOnce) {
+  SKIP_SIGNAL_CONTROL_UNDER_TSAN();
+  for (int i = 0; i < 300; ++i) {
+    DWORD id = 0;
+    const HANDLE thread = CreateThread(nullptr, 0, [](void*) -> DWORD { return 7; }, nullptr, 0, &id);
+    ASSERT_NE(thread, nullptr);
+    TerminateThread(thread, 9);  // either stops it or finds it ended
+    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);  // may take a freed number
+    ASSERT_NE(event, nullptr);
+    ASSERT_EQ(WaitForSingleObject(thread, kWaitMs), WAIT_OBJECT_0);
+    const DWORD code = ExitCodeOf(thread);
+    EXPECT_TRUE(code == 7 || code == 9) << code;
+    ASSERT_EQ(WaitForSingleObject(event, 0), WAIT_TIMEOUT) << "iteration " << i;
+    ASSERT_TRUE(SetEvent(event));
+    ASSERT_TRUE(CloseHandle(event));
+    ASSERT_TRUE(CloseHandle(thread));
+  }
+}
+
 TEST(CThread, AnExceptionOrFaultEndsWithStatusThree) {
   for (ZR_THREAD_FN fn : {Throws, Faults}) {
     zr::ScopedDiagCapture capture;
@@ -355,6 +376,39 @@ TEST_F(COSAutoThreadTest, ShutdownRefusesNewThreadsAndTerminatesStuckOnes) {
   EXPECT_EQ(s.left.load(), 0);  // terminated in its wait: it never got past it
   COSAutoThread::AppInit();
   EXPECT_EQ(COSAutoThread::CreateAutoThread(nullptr, 0, ReturnAtOnce, &s), 1);
+}
+
+// Never sets the handshake: waits for the shared release event.
+DWORD HoldWithoutHandshake(void* p) {
+  auto* s = static_cast<AutoScript*>(static_cast<AUTOTHREADINFO*>(p)->pParam);
+  s->runs.fetch_add(1);
+  s->release.Wait(INFINITE);
+  return 0;
+}
+
+// AppExit ending a thread whose creator still waits for its handshake wakes the creator.
+TEST_F(COSAutoThreadTest, ExitEndingAThreadBeforeItsHandshakeReleasesTheCreator) {
+  SKIP_SIGNAL_CONTROL_UNDER_TSAN();
+  AutoScript s;
+  Event created;
+  int result = -1;
+  std::thread creator([&] {
+    result = COSAutoThread::CreateAutoThread(nullptr, 0, HoldWithoutHandshake, &s);
+    created.Set();
+  });
+  for (int tries = 0; s.runs.load() == 0; ++tries) {
+    ASSERT_LT(tries, 10000);
+    Sleep(1);
+  }
+  EXPECT_EQ(created.Wait(0), static_cast<DWORD>(WAIT_TIMEOUT));  // still waiting for the handshake
+  COSAutoThread::AppExit();  // terminates the thread after its 100 ms
+  const DWORD woke = created.Wait(kWaitMs);
+  if (woke != WAIT_OBJECT_0) {
+    creator.detach();  // a creator that never returns must not hang the test program
+    FAIL() << "the creator still waits";
+  }
+  creator.join();
+  EXPECT_EQ(result, 1);
 }
 
 TEST(ThreadAttach, NamesUnknownThreadsAndUnregistersThemAtTheirEnd) {

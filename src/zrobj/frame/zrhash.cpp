@@ -25,8 +25,9 @@ std::atomic<DWORD> g_computer_id{ZR_NO_ID};
 
 bool IsSeparator(char16_t c) { return c == u'/' || c == u'\\'; }
 
-// Length of the path in the library's default form: separators unified and collapsed, "."
-// components dropped, no trailing separator except for the root itself. Only the length is needed.
+// Length of the path in the library's default form: separators unified and collapsed, no
+// trailing separator except for the root itself; every component, "." too, is kept. Only the
+// length is needed.
 std::size_t NormalisedPathLength(std::u16string_view path) {
   const bool rooted = !path.empty() && IsSeparator(path[0]);
   std::size_t length = 0;
@@ -36,7 +37,7 @@ std::size_t NormalisedPathLength(std::u16string_view path) {
     std::size_t end = pos;
     while (end < path.size() && !IsSeparator(path[end])) ++end;
     const std::u16string_view part = path.substr(pos, end - pos);
-    if (!part.empty() && part != u".") length += part.size() + (length > 0 || rooted ? 1 : 0);
+    if (!part.empty()) length += part.size() + (length > 0 || rooted ? 1 : 0);
     pos = end;
   }
   return length == 0 && rooted ? 1 : length;

@@ -9,6 +9,7 @@
 #include "platform/module.h"
 #include "platform/privheap.h"
 #include "platform/tls.h"
+#include "frame/frame_internal.h"
 #include "zrobj/coslock.h"
 #include "memory/tlsmgr_internal.h"
 #include "zrobj/zrdiag.h"
@@ -95,6 +96,9 @@ int TlsManager::Exit() {
 
 void TlsManager::InitThread() {
   if (!Initialised() || !g_state.heap) return;
+  // A thread whose first use of the library is a slot call must be attached too: its detach at
+  // thread end is what gives the shadow back.
+  zr::EnsureThreadAttached();
   void* shadow = HeapAlloc(g_state.heap, HEAP_ZERO_MEMORY, kShadowBytes);
   if (shadow) static_cast<Word*>(shadow)[0] = static_cast<Word>(kSignature);
   TlsSetValue(g_state.index, shadow);

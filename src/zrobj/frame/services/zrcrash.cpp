@@ -440,7 +440,7 @@ unsigned GetParkedCrashThreadCount() { return g_parked.load(); }
 }  // namespace zr
 
 CUnhandledException::CUnhandledException() {
-  bDisable = ZROBJ_GetProfileInt("UnhandledException", "Disable", 0, 1) != 0;
+  bDisable = ZROBJ_GetProfileInt("UnhandledException", "Disable", 0, 1) == 1;  // only 1 hands over
   iMiniDump = ZROBJ_GetProfileInt("UnhandledException", "MiniDump", 0, 1);
   bShowStolen = ZROBJ_GetProfileInt("UnhandledException", "ShowStolen", 0, 1) != 0;
   zr::PrepareFacts();

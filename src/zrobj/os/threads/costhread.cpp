@@ -234,6 +234,8 @@ int COSAutoThread::CreateAutoThread(SECURITY_ATTRIBUTES* security, unsigned long
                                     void* parameter) {
   COSEvent started(nullptr, 1, 0, nullptr);
   if (!started.GetHandle() || g_auto_threads.exiting.load()) return 0;
+  // The creator's own reference to the thread: AppExit may end the thread before the handshake and
+  // delete its object (closing the object's handle), and the creator must still wake up.
   HANDLE thread = nullptr;
   {
     COSAutoLock lock(&AutoThreadLock());
@@ -242,15 +244,17 @@ int COSAutoThread::CreateAutoThread(SECURITY_ATTRIBUTES* security, unsigned long
     if (!slot) return 0;
     auto* object = new (std::nothrow) COSAutoThread(security, stackSize, fn, parameter, started.GetHandle());
     if (!object) return 0;
-    if (!object->GetHandle()) {
+    if (!object->GetHandle() || !DuplicateHandle(GetCurrentProcess(), object->GetHandle(), GetCurrentProcess(),
+                                                 &thread, 0, FALSE, DUPLICATE_SAME_ACCESS)) {
       delete object;
       return 0;
     }
     *slot = object;
-    thread = object->GetHandle();  // stays valid: the thread cannot delete its object before it runs
+    ResumeThread(thread);  // under the lock: AppExit sees only threads that were resumed
   }
-  ResumeThread(thread);
-  started.Wait(INFINITE);
+  const HANDLE handshake[2] = {started.GetHandle(), thread};
+  WaitForMultipleObjects(2, handshake, FALSE, INFINITE);  // the handshake, or the thread's end
+  CloseHandle(thread);
   return 1;
 }
 
