@@ -1,5 +1,6 @@
 // Library lifecycle and settings: profile integers, current settings, concurrent writers, the entry
 // point, thread attach and detach, application init/exit, root directory, product name, file types.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <chrono>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -286,6 +288,28 @@ std::uint32_t FakeTicks() { return g_fake_now; }
 std::u16string CurrentName() {
   WCHAR name[256];
   return zr::steps::GetCurrentThreadName(name, 256) ? std::u16string(name) : u"<none>";
+}
+
+// A load whose process attach fails does not leave the library loaded: in a process with every
+// thread key taken, the slot manager cannot start, and loading the library ends the process as a
+// failed load does, after saying why.
+TEST(ZrobjLifecycle, FailedAttachFailsTheLoad) {
+  zrtest::TempDir dir;
+  const std::string errors = dir.File("stderr.txt");
+  const auto result = zrtest::RunChild([&] {
+    const int fd = ::open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0 || ::dup2(fd, 2) < 0) return 2;
+    // The library keeps its thread-local state in the static block, which a late load must be
+    // given room for.
+    char tunables[] = "GLIBC_TUNABLES=glibc.rtld.optional_static_tls=65536";
+    char* environment[] = {tunables, nullptr};
+    ::execle(ZROBJ_LOAD_PROBE, ZROBJ_LOAD_PROBE, ZROBJ_PRODUCT_LIBRARY, static_cast<char*>(nullptr), environment);
+    return 5;
+  });
+  ASSERT_TRUE(result.exited) << "signal " << result.signal;
+  EXPECT_EQ(result.exit_code, 127);
+  const std::string text = zrtest::ReadFile(errors);
+  EXPECT_NE(text.find("ZROBJ: Process attach failed, the library cannot be loaded"), std::string::npos) << text;
 }
 
 TEST(ZrobjLifecycle, ThreadAttachAndDetach) {

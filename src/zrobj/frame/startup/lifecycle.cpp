@@ -27,6 +27,7 @@ DWORD g_callbacks_run = 0;  // never set by the library: registration always cha
 std::atomic<DWORD> g_thread_exit_detaches{0};
 
 constexpr UINT kThreadNameLength = 256;
+constexpr int kLoadFailedExitStatus = 127;  // what the loader gives when a needed library fails
 
 struct FileType {
   const WCHAR* extension;
@@ -103,7 +104,12 @@ __attribute__((constructor)) void LibraryLoaded() {
   zr::InitDiagnostics();
   zr::SetThreadExitCallback(&OnThreadEnd);
   zr::SetThreadAttachHandler(&OnThreadAttach);
-  ZROBJ_DllMain(zr::LibraryModule(), DLL_PROCESS_ATTACH, nullptr);
+  if (ZROBJ_DllMain(zr::LibraryModule(), DLL_PROCESS_ATTACH, nullptr)) return;
+  // A failed attach fails the load. A constructor cannot make the loader refuse the library, so the
+  // process ends as it does when a library it needs cannot be loaded, rather than going on with
+  // the library half torn down.
+  wPrintf(3, 0, u"ZROBJ: Process attach failed, the library cannot be loaded\r\n");
+  zr::TerminateProcessNow(kLoadFailedExitStatus);
 }
 
 __attribute__((destructor)) void LibraryUnloading() {
