@@ -11,6 +11,21 @@
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
+// Creation flag and priorities of CThread (the Windows values).
+#ifndef CREATE_SUSPENDED
+#define CREATE_SUSPENDED 0x4u
+#endif
+#ifndef THREAD_PRIORITY_NORMAL
+#define THREAD_PRIORITY_IDLE (-15)
+#define THREAD_PRIORITY_LOWEST (-2)
+#define THREAD_PRIORITY_BELOW_NORMAL (-1)
+#define THREAD_PRIORITY_NORMAL 0
+#define THREAD_PRIORITY_ABOVE_NORMAL 1
+#define THREAD_PRIORITY_HIGHEST 2
+#define THREAD_PRIORITY_TIME_CRITICAL 15
+#define THREAD_PRIORITY_ERROR_RETURN 0x7FFFFFFF
+#endif
+
 // A thread function: its result is the thread's exit code.
 using ZR_THREAD_FN = DWORD (*)(void* parameter);
 
@@ -94,7 +109,7 @@ class ZROBJ_API COSAutoThread : public COSObject {
 
 // Process-wide table of registered threads. An object of the class is a scoped registration of the
 // calling thread. GetThreadDump block layout (little-endian, 4-byte aligned, process heap; free with
-// HeapFree(GetProcessHeap(), 0, block)):
+// FreeThreadDump):
 //   DWORD count; then `count` entries of { DWORD threadId; DWORD chars; WCHAR name[chars + 1] }
 //   where the name is 0-terminated and each entry is padded to a multiple of 4 bytes.
 class ZROBJ_API COSThreadRegister {
@@ -111,6 +126,7 @@ class ZROBJ_API COSThreadRegister {
   static int AppExit();
   static void DumpRegistered();
   static void* GetThreadDump(unsigned long& size);
+  static void FreeThreadDump(void* block);  // null is ignored
 
  private:
   unsigned long thread_id_;

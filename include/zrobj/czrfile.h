@@ -25,6 +25,13 @@ class ZROBJ_API CZRFile {
   static constexpr unsigned int kNoName = 4;
   static constexpr unsigned int kSharingViolation = 5;
 
+  // Values of `creation` for Open (also taken by CChunkArchive::Open).
+  static constexpr DWORD kCreateNew = 1;
+  static constexpr DWORD kCreateAlways = 2;
+  static constexpr DWORD kOpenExisting = 3;
+  static constexpr DWORD kOpenAlways = 4;
+  static constexpr DWORD kTruncateExisting = 5;
+
   // Values of GetStatus.
   static constexpr int kStatusNeverOpened = -1;
   static constexpr int kStatusReady = 0;
@@ -89,6 +96,40 @@ class ZROBJ_API CZRFile {
   static DWORD GetFreeDiskSpace(const WCHAR* path);
   static BOOL WasModifiedSince(const WCHAR* path, const FILETIME* time);
   static BOOL TouchFile(const WCHAR* path);
+
+  // Attribute bits kept beside a file (read-only files refuse writes and deletion).
+  static constexpr DWORD kAttributeReadOnly = 0x01u;
+  static constexpr DWORD kAttributeHidden = 0x02u;
+  static constexpr DWORD kAttributeSystem = 0x04u;
+  static constexpr DWORD kAttributeDirectory = 0x10u;
+  static constexpr DWORD kAttributeArchive = 0x20u;
+  static constexpr DWORD kAttributeNormal = 0x80u;  // no other bit set
+  static constexpr DWORD kInvalidAttributes = 0xFFFFFFFFu;
+
+  // Error numbers of GetLastError (the Windows numbering); others may occur.
+  static constexpr DWORD kErrorFileNotFound = 2;
+  static constexpr DWORD kErrorPathNotFound = 3;
+  static constexpr DWORD kErrorAccessDenied = 5;
+  static constexpr DWORD kErrorSharingViolation = 32;  // another holder's access or share mode clash
+  static constexpr DWORD kErrorNotSupported = 50;      // the file system cannot keep attributes
+
+  // A file by name: size, attributes and times.
+  struct Info {
+    UINT64 size;
+    DWORD attributes;
+    FILETIME creation;
+    FILETIME lastAccess;
+    FILETIME lastWrite;
+  };
+  static BOOL GetInfo(const WCHAR* path, Info* info);
+  static DWORD GetAttributes(const WCHAR* path);  // kInvalidAttributes when it cannot be read
+  // Stores the attribute bits; the directory and normal bits are ignored (they are not stored).
+  static BOOL SetAttributes(const WCHAR* path, DWORD attributes);
+  // The volume holding `path`: bytes free to this user (the full figure, where GetFreeDiskSpace
+  // reports at most 4 GiB - 1) and its cluster size.
+  static BOOL GetVolumeSpace(const WCHAR* path, UINT64* freeBytes, DWORD* clusterBytes);
+  // The error of the calling thread's last failed file operation (this class's and the statics').
+  static DWORD GetLastError();
 
   void ThreadLockAccess() { section_.Enter(); }
   void ThreadUnlockAccess() { section_.Leave(); }

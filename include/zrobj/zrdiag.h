@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
@@ -60,3 +61,34 @@ ZROBJ_API int ZROBJ_ReportAssertionFailure(const WCHAR* testName, DWORD line, co
 // The caller's return address and frame, for WarningMsg and the assertion reports.
 #define ZR_CALLER_ADDRESS() reinterpret_cast<std::uintptr_t>(__builtin_return_address(0))
 #define ZR_CURRENT_FRAME() reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0))
+
+namespace zr {
+
+// Receives the diagnostics messages redirected to it by a ScopedDiagRedirect, one call per
+// message, under the output lock (messages never interleave).
+class ZROBJ_API DiagListener {
+ public:
+  virtual ~DiagListener();
+  virtual void OnMessage(unsigned channel, unsigned level, std::u16string_view text) = 0;
+};
+
+// While it lives, every diagnostics message of the process, of any channel and level, goes to the
+// listener instead of the configured output. Redirections nest; each restores the previous one.
+class ZROBJ_API ScopedDiagRedirect {
+ public:
+  explicit ScopedDiagRedirect(DiagListener* listener);
+  ~ScopedDiagRedirect();
+  ScopedDiagRedirect(const ScopedDiagRedirect&) = delete;
+  ScopedDiagRedirect& operator=(const ScopedDiagRedirect&) = delete;
+
+ private:
+  struct State;
+  State* state_;
+};
+
+// Switches the diagnostics listener on or off, as ZROBJ_DIAG_ACTIVE does at load: while on, every
+// message that passes the channel and level filter is written, not only the alarms (see
+// docs/architecture.md, "Diagnostics output"). The debug mode follows.
+ZROBJ_API void SetDiagnosticsActive(bool active);
+
+}  // namespace zr

@@ -69,6 +69,21 @@ bool Passes(unsigned channel, unsigned level) {
          level <= s.max_level.load(std::memory_order_relaxed);
 }
 
+// The messages that reach standard error while nobody listens: warnings and errors of the general
+// channel (levels 1-3; its level 0 carries listings and traces) and of the library's own channel
+// (levels 0-3: assertion reports, damaged memory).
+bool IsAlarm(unsigned channel, unsigned level) {
+  if (channel == 0) return level >= 1 && level <= 3;
+  if (channel == 3) return level <= 3;
+  return false;
+}
+
+// The default sink writes everything to a file, and to standard error only the alarms unless a
+// listener is active. Called with the output lock held.
+bool DefaultSinkTakes(const DiagState& s, unsigned channel, unsigned level) {
+  return s.default_sink.fd() != 2 || s.active.load(std::memory_order_relaxed) || IsAlarm(channel, level);
+}
+
 }  // namespace
 
 DiagSink::~DiagSink() = default;
@@ -142,8 +157,11 @@ void wPrintfV(unsigned channel, unsigned level, std::u16string_view format, cons
   zr::AppendFormatWide(text, format, args, count);
   zr::DiagState& s = zr::State();
   std::lock_guard lock(s.mutex);
-  zr::DiagSink* sink = s.sink ? s.sink : &s.default_sink;
-  sink->Write(channel, level, text);
+  if (s.sink) {
+    s.sink->Write(channel, level, text);
+    return;
+  }
+  if (zr::DefaultSinkTakes(s, channel, level)) s.default_sink.Write(channel, level, text);
 }
 
 int Is_wPrintf_Active(unsigned channel) {

@@ -19,3 +19,11 @@ message(STATUS "consumer said: ${out}")
 if(rc OR NOT out MATCHES "consumer ok")
   message(FATAL_ERROR "consumer failed: ${rc}")
 endif()
+
+# The installed tool finds the installed library through its own run path, in an environment that
+# names no library directories.
+execute_process(COMMAND env -i ZROBJ_HOME=${WORK_DIR}/home ${prefix}/bin/zrtool --help
+                RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+if(rc OR NOT out MATCHES "usage: zrtool")
+  message(FATAL_ERROR "installed zrtool --help failed (${rc}): ${err}")
+endif()

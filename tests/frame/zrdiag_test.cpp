@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "frame_home.h"
 #include "platform/desktop.h"
@@ -295,6 +296,50 @@ TEST(ZrdiagOutput, FilterAndFileFromProfileThenEnvironment) {
   zr::SetDiagOutputFile("");
   zr::SetDiagFilter(saved);
   EXPECT_EQ(zrtest::ReadFile(home.File("diag.log")), "zrobj[3:3] to the file 1\n");
+}
+
+// A listener gets every channel and level while the redirection lives; redirections nest and the
+// filter comes back afterwards.
+TEST(ZrdiagRedirect, ListenerHearsEverythingWhileRedirected) {
+  struct Recorder : zr::DiagListener {
+    void OnMessage(unsigned channel, unsigned level, std::u16string_view text) override {
+      lines.push_back(std::to_string(channel) + ":" + std::to_string(level) + " " + zr::Utf16ToUtf8(text));
+    }
+    std::vector<std::string> lines;
+  };
+  const zr::DiagFilter saved = zr::GetDiagFilter();
+  zr::DiagFilter narrow = saved;
+  narrow.channel_mask = 1u;
+  narrow.max_level = 0;
+  zr::SetDiagFilter(narrow);
+  Recorder outer, inner;
+  {
+    zr::ScopedDiagRedirect to_outer(&outer);
+    wPrintf(5, 12, u"deep %d", 1);
+    {
+      zr::ScopedDiagRedirect to_inner(&inner);
+      wPrintf(0, 9, u"inner");
+    }
+    wPrintf(3, 0, u"outer again");
+  }
+  EXPECT_EQ(outer.lines, (std::vector<std::string>{"5:12 deep 1", "3:0 outer again"}));
+  EXPECT_EQ(inner.lines, (std::vector<std::string>{"0:9 inner"}));
+  EXPECT_EQ(zr::GetDiagFilter().channel_mask, 1u);
+  EXPECT_EQ(zr::GetDiagFilter().max_level, 0u);
+  zr::SetDiagFilter(saved);
+}
+
+TEST(ZrdiagRedirect, SetDiagnosticsActiveSwitchesTheListenerAndDebugMode) {
+  const zr::DiagFilter saved = zr::GetDiagFilter();
+  const DWORD mode = IsDebugOn();
+  zr::SetDiagnosticsActive(true);
+  EXPECT_EQ(Is_wPrintf_Active(0), 1);
+  EXPECT_NE(IsDebugOn(), 0u);
+  zr::SetDiagnosticsActive(false);
+  EXPECT_EQ(Is_wPrintf_Active(0), 0);
+  EXPECT_EQ(IsDebugOn(), 0u);
+  zr::SetDiagFilter(saved);
+  SetDebugMode(mode);
 }
 
 }  // namespace

@@ -141,6 +141,36 @@ TEST(ZrobjSettings, UnreadableOrCorruptFileGivesDefaults) {
   EXPECT_EQ(ZROBJ_GetCurrentSettingInt("S", "New", 0, 0), 8);
 }
 
+TEST(ZrobjSettings, ReadingWithoutDefaultTellsMissingFromUnreadable) {
+  ScopedHome home;
+  char text[8];
+  EXPECT_EQ(ZROBJ_ReadProfileString("Tool", "Name", text, sizeof text), 0);
+  EXPECT_STREQ(text, "");
+  EXPECT_NE(ZROBJ_WriteProfileString("Tool", "Name", "long value"), 0);
+  EXPECT_EQ(ZROBJ_ReadProfileString("TOOL", "name", text, sizeof text), 1);
+  EXPECT_STREQ(text, "long va");  // cut to the buffer
+  EXPECT_EQ(ZROBJ_WriteProfileString("Tool", "Bad=Key", "x"), 0);
+  EXPECT_EQ(ZROBJ_WriteProfileString("Tool", "Name", nullptr), 0);  // never a deletion
+  EXPECT_EQ(ZROBJ_ReadProfileString("Tool", "Name", text, sizeof text), 1);
+
+  WCHAR wide[16];
+  EXPECT_EQ(ZROBJ_ReadCurrentSettingStr("Tool", "Title", wide, 16), 0);
+  ZROBJ_WriteCurrentSettingStr("Tool", "Title", u"night");
+  EXPECT_EQ(ZROBJ_ReadCurrentSettingStr("Tool", "Title", wide, 16), 1);
+  EXPECT_EQ(Utf8(wide), "night");
+
+  WCHAR path[ZR_MAX_PATH];
+  const UINT n = ZROBJ_GetSettingsFilePath("ZRO.INI", path, ZR_MAX_PATH);
+  EXPECT_EQ(Utf8(path), home.File("ZRO.INI"));
+  EXPECT_EQ(n, zr::WStrLen(path));
+  EXPECT_EQ(ZROBJ_GetSettingsFilePath("ZRO.INI", path, n), 0u);  // no room for the terminator
+
+  std::filesystem::remove(home.File("ZRO.INI"));
+  std::filesystem::create_directories(home.File("ZRO.INI"));  // exists, cannot be read
+  zr::IniDropCache();
+  EXPECT_EQ(ZROBJ_ReadProfileString("Tool", "Name", text, sizeof text), -1);
+}
+
 TEST(ZrobjSettings, ConcurrentProcessesLoseNoKey) {
   ScopedHome home;
   constexpr int kChildren = 4;

@@ -675,6 +675,45 @@ TEST(CZRFile, FreeDiskSpaceIsWholeClustersClampedTo32Bits) {
   zr::SetDiskFreeSpaceSource(previous);
 }
 
+TEST(CZRFile, InfoAttributesAndVolumeByName) {
+  zrtest::TempDir dir;
+  const std::u16string path = W(dir.File("info.bin"));
+  ASSERT_TRUE(zrtest::WriteFile(dir.File("info.bin"), "abc"));
+  CZRFile::Info info{};
+  ASSERT_TRUE(CZRFile::GetInfo(path.c_str(), &info));
+  EXPECT_EQ(info.size, 3u);
+  EXPECT_EQ(info.attributes & CZRFile::kAttributeDirectory, 0u);
+  FILETIME write{};
+  CZRFile file(path.c_str());
+  ASSERT_TRUE(file.GetTime(nullptr, nullptr, &write));
+  EXPECT_EQ(info.lastWrite.dwLowDateTime, write.dwLowDateTime);
+  EXPECT_EQ(info.lastWrite.dwHighDateTime, write.dwHighDateTime);
+
+  const DWORD plain = CZRFile::GetAttributes(path.c_str());
+  ASSERT_NE(plain, CZRFile::kInvalidAttributes);
+  ASSERT_TRUE(CZRFile::SetAttributes(path.c_str(), CZRFile::kAttributeReadOnly | CZRFile::kAttributeNormal));
+  EXPECT_EQ(CZRFile::GetAttributes(path.c_str()) & CZRFile::kAttributeReadOnly, CZRFile::kAttributeReadOnly);
+  EXPECT_FALSE(CZRFile::TouchFile(path.c_str()));  // read-only files refuse writing
+  EXPECT_EQ(CZRFile::GetLastError(), CZRFile::kErrorAccessDenied);
+  ASSERT_TRUE(CZRFile::SetAttributes(path.c_str(), 0));
+  EXPECT_TRUE(CZRFile::TouchFile(path.c_str()));
+
+  EXPECT_EQ(CZRFile::GetAttributes(W(dir.File("missing")).c_str()), CZRFile::kInvalidAttributes);
+  EXPECT_EQ(CZRFile::GetLastError(), CZRFile::kErrorFileNotFound);
+  EXPECT_FALSE(CZRFile::GetInfo(W(dir.File("missing")).c_str(), &info));
+
+  const zr::DiskFreeSpaceSource previous = zr::SetDiskFreeSpaceSource(FakeSpace);
+  g_fake_space = {8, 512, 1ull << 40, 1ull << 41};
+  UINT64 free_bytes = 0;
+  DWORD cluster = 0;
+  EXPECT_TRUE(CZRFile::GetVolumeSpace(u"/x", &free_bytes, &cluster));
+  EXPECT_EQ(cluster, 4096u);
+  EXPECT_EQ(free_bytes, 4096ull << 40);  // the full figure, beyond 32 bits
+  g_fake_space = {};
+  EXPECT_FALSE(CZRFile::GetVolumeSpace(u"/x", &free_bytes, &cluster));
+  zr::SetDiskFreeSpaceSource(previous);
+}
+
 TEST(CZRFile, PlatformLayerRefusesBadArguments) {
   zrtest::TempDir dir;
   const std::u16string path = W(dir.File("bad.bin"));

@@ -79,5 +79,18 @@ check "random bytes as chunks" 1 "$tool" chunks dump "$work/noise"
 check "empty chunk file" 0 "$tool" chunks dump "$work/empty.chunks"
 check "missing chunk file" 1 "$tool" chunks dump "$work/does-not-exist"
 
+# Ordinary commands write nothing to standard error; -v brings the library's own lines back, down to
+# the thread register's farewell at unload.
+for args in "hash night" "crc1615 $work/runs" "chunks dump $work/demo.chunks"; do
+  # shellcheck disable=SC2086
+  check "quiet $args" 0 "$tool" $args
+  [ ! -s "$work/err" ] || { echo "FAIL: zrtool $args wrote to standard error:"; cat "$work/err"; failures=$((failures + 1)); }
+done
+check "verbose hash" 0 "$tool" -v hash night
+grep -q '^zrobj\[0:0\] COSThreadRegister::AppExit: [0-9A-F]\{8\} <<Main>>$' "$work/err" \
+  || { echo "FAIL: -v does not show the AppExit line"; failures=$((failures + 1)); }
+check "verbose long form" 0 "$tool" --verbose hash night
+grep -q 'COSThreadRegister::AppExit' "$work/err" || { echo "FAIL: --verbose does not show diagnostics"; failures=$((failures + 1)); }
+
 if [ "$failures" -ne 0 ]; then echo "$failures zrtool check(s) failed"; exit 1; fi
 echo "zrtool checks passed"

@@ -2,6 +2,7 @@
 // diagnostics here; other subsystems add their own sections with ZRTOOL_DEMO_SECTION).
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -9,14 +10,9 @@
 #include <sstream>
 #include <thread>
 
-#include "platform/desktop.h"
-#include "platform/module.h"
-#include "platform/profile.h"
-#include "platform/registry.h"
-#include "platform/text.h"
 #include "tools/zrtool/demo.h"
-#include "frame/frame_internal.h"
-#include "os/threads/costhread_internal.h"
+#include "tools/zrtool/text.h"
+#include "zrobj/costhread.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrobj.h"
 
@@ -31,7 +27,7 @@ std::vector<DemoSection>& MutableSections() {
 
 std::string Visible(const std::u16string& text) {
   std::string out;
-  for (char c : zr::Utf16ToUtf8(text)) {
+  for (char c : ToNarrow(text)) {
     if (c == '\r') out += "\\r";
     else if (c == '\n') out += "\\n";
     else out.push_back(c);
@@ -39,7 +35,7 @@ std::string Visible(const std::u16string& text) {
   return out;
 }
 
-std::string Utf8(const WCHAR* text) { return zr::Utf16ToUtf8(text); }
+std::string Utf8(const WCHAR* text) { return ToNarrow(text); }
 
 }  // namespace
 
@@ -57,7 +53,7 @@ const std::vector<DemoSection>& DemoSections() {
 
 void DemoContext::Say(const std::string& text) const { std::printf("  %s\n", text.c_str()); }
 
-void DemoContext::ShowDiagnostics(const zr::ScopedDiagCapture& capture) const {
+void DemoContext::ShowDiagnostics(const DiagCapture& capture) const {
   for (const auto& e : capture.Entries())
     std::printf("    [%u:%u] %s\n", e.channel, e.level, Visible(e.text).c_str());
 }
@@ -75,7 +71,7 @@ namespace {
 
 int DemoStartup(DemoContext& demo) {
   WCHAR path[ZR_MAX_PATH];
-  GetModuleFileNameW(ZROBJ_GetModuleHandle(), path, ZR_MAX_PATH);
+  ZROBJ_GetModuleFileName(ZROBJ_GetModuleHandle(), path, ZR_MAX_PATH);
   demo.Say("library file:      " + Utf8(path));
   ZROBJ_GetAppRootDir(path);
   demo.Say("application root:  " + Utf8(path));
@@ -87,15 +83,14 @@ int DemoStartup(DemoContext& demo) {
            std::to_string(info->dwAllocationGranularity));
 
   WCHAR name[256] = u"?";
-  zr::steps::GetCurrentThreadName(name, 256);
+  COSThreadRegister::GetCurrentName(name, 256);
   demo.Say("this thread:       " + Utf8(name));
   std::u16string worker = u"?";
   std::thread([&] {
-    zr::EnsureThreadAttached();  // a thread is attached on its first use of the library
-    WCHAR n[256];
-    if (zr::steps::GetCurrentThreadName(n, 256)) worker = n;
+    WCHAR n[256];  // a thread that asks for its name first is attached and named
+    if (COSThreadRegister::GetCurrentName(n, 256)) worker = n;
   }).join();
-  demo.Say("a new thread:      " + zr::Utf16ToUtf8(worker));
+  demo.Say("a new thread:      " + ToNarrow(worker));
 
   ZROBJ_AppInitialize();
   ZROBJ_AppInitialize();
@@ -104,26 +99,19 @@ int DemoStartup(DemoContext& demo) {
   demo.Say("after one ZROBJ_AppExit: " + std::to_string(ZROBJ_GetInitCount()) + " (watch ranges not yet saved)");
   ZROBJ_AppExit();
   demo.Say("after the last one: " + std::to_string(ZROBJ_GetInitCount()) + "; watch ranges saved to ZRO.INI:");
-  demo.ShowFile(zr::ProfileFilePath("ZRO.INI"));
+  demo.ShowFile(SettingsFilePath("ZRO.INI"));
 
   RegisterFileType(u".zrs", u"vorn.Shortcut", u"vorn. shortcut", nullptr, u"notepad.exe %1");
-  HKEY key = nullptr;
-  BYTE data[64] = {};
-  DWORD size = sizeof data;
-  if (RegOpenKeyExW(HKEY_CLASSES_ROOT, u".zrs", 0, KEY_READ, &key) == ERROR_SUCCESS) {
-    RegQueryValueExW(key, nullptr, nullptr, nullptr, data, &size);
-    RegCloseKey(key);
-  }
-  std::u16string stored(reinterpret_cast<const char16_t*>(data), size / 2);
-  demo.Say("file type .zrs registered; its key keeps \"" + zr::Utf16ToUtf8(stored) + "\" (" +
-           std::to_string(size) + " bytes: the length is passed as characters + 1)");
+  demo.Say("file type .zrs registered in the class-key store (each default value keeps half its text:");
+  demo.Say("the length is passed as characters + 1, in bytes):");
+  demo.ShowFile(SettingsFilePath("HKCR.INI"));
   return ZROBJ_GetInitCount() == 0 ? 0 : 1;
 }
 
 // --- settings ---------------------------------------------------------------------------------
 
 int DemoSettings(DemoContext& demo) {
-  demo.Say("Windows directory: " + zr::WindowsDirectory());
+  demo.Say("Windows directory: " + demo.home());
   const int answer = ZROBJ_GetProfileInt("Demo", "Answer", 42, 1);
   demo.Say("ZRO.INI [Demo] Answer, missing, read with write-default: " + std::to_string(answer));
   ZROBJ_WriteProfileInt("Demo", "Count", 7);
@@ -146,7 +134,7 @@ int DemoSettings(DemoContext& demo) {
   ZROBJ_GetCurrentSettingStr("Demo", "Codec", u"h264-high", shortbuf, 5, 1);
   demo.Say("a default longer than the buffer (5) comes back cut: " + Utf8(shortbuf));
   demo.Say("ZRO.VST now holds:");
-  demo.ShowFile(zr::ProfileFilePath("ZRO.VST"));
+  demo.ShowFile(SettingsFilePath("ZRO.VST"));
   return failures == 0 ? 0 : 1;
 }
 
@@ -160,29 +148,27 @@ int DemoDiagnostics(DemoContext& demo) {
   const DWORD old_trap = warnings.dwTrapMode;
   SetDebugMode(1);
   {
-    zr::ScopedDiagCapture capture;
+    DiagCapture capture;
     warnings.dwTrapMode = 4;  // trace one frame only
     WarnFromHere(u"CHeap::Free: block freed twice (demo)");
     demo.Say("a warning with a one-frame trace (trap mode 4 of \"Warnings (Debug)\"):");
     demo.ShowDiagnostics(capture);
   }
   {
-    zr::ScopedDiagCapture capture;
+    DiagCapture capture;
     DetailedMessageBeep(0x30, __FILE__, __LINE__);
     demo.Say("a logged message beep:");
     demo.ShowDiagnostics(capture);
   }
   {
-    zr::ScopedDiagCapture capture;
+    DiagCapture capture;
     StubMsg(u"ZROBJ_OldEntry", ZR_CALLER_ADDRESS());
     demo.Say("an entry point that is no longer supported:");
     demo.ShowDiagnostics(capture);
   }
   HWND dialog = reinterpret_cast<HWND>(0x1);
   _SetDlgItemHex(dialog, 100, 48879);
-  WCHAR text[16];
-  GetDlgItemTextW(dialog, 100, text, 16);
-  demo.Say("dialog hex field: 48879 shows as " + Utf8(text) + ", reads back as " +
+  demo.Say("dialog hex field: 48879 written as eight hex digits reads back as " +
            std::to_string(_GetDlgItemHex(dialog, 100)));
   const tagZREXCENTRY* table = ZROBJ_GetExceptionTable();
   char line[128];
@@ -212,6 +198,48 @@ std::string MakeTempHome() {
   return {};
 }
 
+// Marks the run of the demo that the demo started on its temporary settings directory.
+constexpr const char* kChildMark = "ZRTOOL_DEMO_CHILD";
+
+std::string ShellQuoted(const std::string& text) {
+  std::string out = "'";
+  for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out + "'";
+}
+
+// The library reads its settings directory once it is loaded, so the demo runs itself again with
+// ZROBJ_HOME set to the temporary directory (and the listener switched on when it is on here).
+int RunInHome(const std::string& home, const std::vector<std::string>& only) {
+  std::error_code ec;
+  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
+  if (ec) return Fail("cannot find the zrtool program to run the demo");
+  std::string command = std::string(kChildMark) + "=1 ZROBJ_HOME=" + ShellQuoted(home);
+  if (IsDebugOn()) command += " ZROBJ_DIAG_ACTIVE=1";
+  command += " " + ShellQuoted(self.string()) + " demo";
+  for (const std::string& name : only) command += " " + ShellQuoted(name);
+  std::fflush(stdout);
+  const int status = std::system(command.c_str());
+  if (status == -1 || (status & 0x7F) != 0) return Fail("the demo could not run or was killed");
+  return (status >> 8) & 0xFF;  // the exit status, as the wait status encodes it
+}
+
+int RunSections(const std::vector<std::string>& only, bool user_home) {
+  DemoContext context(std::filesystem::path(SettingsFilePath("ZRO.INI")).parent_path().string());
+  std::printf("zrobju demo (settings in %s%s)\n", context.home().c_str(), user_home ? ", the user's own" : "");
+  int failed = 0;
+  for (const DemoSection& s : DemoSections()) {
+    if (!only.empty() && std::find(only.begin(), only.end(), s.name) == only.end()) continue;
+    std::printf("\n== %s ==\n", s.title);
+    const int rc = s.run(context);
+    if (rc != 0) {
+      std::printf("  !! section %s failed\n", s.name);
+      ++failed;
+    }
+  }
+  std::printf("\n%s\n", failed ? "demo finished with failures" : "demo finished");
+  return failed ? 1 : 0;
+}
+
 extern const Command kDemoCommand;
 
 int RunDemo(const Args& args) {
@@ -233,31 +261,15 @@ int RunDemo(const Args& args) {
     if (std::none_of(sections.begin(), sections.end(), [&](const DemoSection& s) { return name == s.name; }))
       return UsageError(kDemoCommand, "no demo section named " + name);
 
-  std::string temp;
-  if (!user_home) {
-    temp = MakeTempHome();
-    if (temp.empty()) return Fail("cannot create a temporary directory for the demo's settings");
-    zr::SetWindowsDirectoryForProcess(temp);
-    zr::testing::ResetSettingsFile();  // the settings file follows the new directory
-  }
-  DemoContext context(zr::WindowsDirectory());
-  std::printf("zrobju demo (settings in %s%s)\n", context.home().c_str(), user_home ? ", the user's own" : "");
-  int failed = 0;
-  for (const DemoSection& s : sections) {
-    if (!only.empty() && std::find(only.begin(), only.end(), s.name) == only.end()) continue;
-    std::printf("\n== %s ==\n", s.title);
-    const int rc = s.run(context);
-    if (rc != 0) {
-      std::printf("  !! section %s failed\n", s.name);
-      ++failed;
-    }
-  }
-  if (!temp.empty() && !keep) {
+  if (user_home || std::getenv(kChildMark)) return RunSections(only, user_home);
+  const std::string temp = MakeTempHome();
+  if (temp.empty()) return Fail("cannot create a temporary directory for the demo's settings");
+  const int status = RunInHome(temp, only);
+  if (!keep) {
     std::error_code ec;
     std::filesystem::remove_all(temp, ec);
   }
-  std::printf("\n%s\n", failed ? "demo finished with failures" : "demo finished");
-  return failed ? 1 : 0;
+  return status;
 }
 
 const Command kDemoCommand{

@@ -5,9 +5,8 @@
 #include <cstdio>
 #include <string>
 
-#include "platform/files.h"
-#include "platform/text.h"
 #include "tools/zrtool/command.h"
+#include "tools/zrtool/text.h"
 #include "zrobj/czrfile.h"
 
 namespace zrtool {
@@ -37,19 +36,19 @@ struct AttributeLetter {
   char letter;
   DWORD bit;
 };
-constexpr AttributeLetter kLetters[] = {{'R', zr::kFileAttributeReadOnly},
-                                        {'H', zr::kFileAttributeHidden},
-                                        {'S', zr::kFileAttributeSystem},
-                                        {'A', zr::kFileAttributeArchive},
-                                        {'D', zr::kFileAttributeDirectory}};
+constexpr AttributeLetter kLetters[] = {{'R', CZRFile::kAttributeReadOnly},
+                                        {'H', CZRFile::kAttributeHidden},
+                                        {'S', CZRFile::kAttributeSystem},
+                                        {'A', CZRFile::kAttributeArchive},
+                                        {'D', CZRFile::kAttributeDirectory}};
 
 std::string ErrorText(DWORD error) {
   switch (error) {
-    case zr::kErrorFileNotFound: return "no such file";
-    case zr::kErrorPathNotFound: return "no such directory";
-    case zr::kErrorAccessDenied: return "access denied";
-    case zr::kErrorSharingViolation: return "the file is in use by another program";
-    case zr::kErrorNotSupported: return "the file system cannot keep these attributes";
+    case CZRFile::kErrorFileNotFound: return "no such file";
+    case CZRFile::kErrorPathNotFound: return "no such directory";
+    case CZRFile::kErrorAccessDenied: return "access denied";
+    case CZRFile::kErrorSharingViolation: return "the file is in use by another program";
+    case CZRFile::kErrorNotSupported: return "the file system cannot keep these attributes";
     default: return "system error " + std::to_string(error);
   }
 }
@@ -65,8 +64,9 @@ std::string AttributeText(DWORD attributes) {
 }
 
 // "YYYY-MM-DD hh:mm:ss.fffffff" in UTC from 100 ns units since 1601.
-std::string TimeText(UINT64 file_time) {
+std::string TimeText(const FILETIME& time) {
   using namespace std::chrono;
+  const UINT64 file_time = (static_cast<UINT64>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
   constexpr UINT64 kUnixEpoch = 116444736000000000ull;
   if (file_time < kUnixEpoch) return "before 1970";
   const UINT64 units = file_time - kUnixEpoch;
@@ -85,23 +85,23 @@ std::string TimeText(UINT64 file_time) {
 int RunInfo(const Args& paths) {
   int status = 0;
   for (const std::string& path : paths) {
-    zr::FileInfo info;
-    if (!zr::GetFileInfoW(zr::Utf8ToUtf16(path).c_str(), &info)) {
-      status = FailOn(path, ErrorText(zr::GetLastFileError()));
+    CZRFile::Info info;
+    if (!CZRFile::GetInfo(ToWide(path).c_str(), &info)) {
+      status = FailOn(path, ErrorText(CZRFile::GetLastError()));
       continue;
     }
     std::printf("%s\n  size        %llu\n  attributes  %s\n  created     %s\n  accessed    %s\n  written     %s\n",
                 path.c_str(), static_cast<unsigned long long>(info.size), AttributeText(info.attributes).c_str(),
-                TimeText(info.creation_time).c_str(), TimeText(info.last_access_time).c_str(),
-                TimeText(info.last_write_time).c_str());
+                TimeText(info.creation).c_str(), TimeText(info.lastAccess).c_str(),
+                TimeText(info.lastWrite).c_str());
   }
   return status;
 }
 
 int RunAttrib(const Args& args) {
-  const std::u16string path = zr::Utf8ToUtf16(args[0]);
-  DWORD attributes = zr::GetFileAttributesW(path.c_str());
-  if (attributes == zr::kInvalidFileAttributes) return FailOn(args[0], ErrorText(zr::GetLastFileError()));
+  const std::u16string path = ToWide(args[0]);
+  DWORD attributes = CZRFile::GetAttributes(path.c_str());
+  if (attributes == CZRFile::kInvalidAttributes) return FailOn(args[0], ErrorText(CZRFile::GetLastError()));
   if (args.size() == 1) {
     std::printf("%s  %s\n", AttributeText(attributes).c_str(), args[0].c_str());
     return 0;
@@ -110,35 +110,35 @@ int RunAttrib(const Args& args) {
     const std::string& change = args[i];
     const AttributeLetter* found = nullptr;
     for (const AttributeLetter& l : kLetters) {
-      if (change.size() == 2 && l.bit != zr::kFileAttributeDirectory && std::toupper(change[1]) == l.letter) found = &l;
+      if (change.size() == 2 && l.bit != CZRFile::kAttributeDirectory && std::toupper(change[1]) == l.letter) found = &l;
     }
     if (!found || (change[0] != '+' && change[0] != '-')) {
       return UsageError(kFile, "unknown attribute change '" + change + "'");
     }
     attributes = change[0] == '+' ? (attributes | found->bit) : (attributes & ~found->bit);
   }
-  attributes &= ~(zr::kFileAttributeDirectory | zr::kFileAttributeNormal);
-  if (!zr::SetFileAttributesW(path.c_str(), attributes)) return FailOn(args[0], ErrorText(zr::GetLastFileError()));
-  std::printf("%s  %s\n", AttributeText(zr::GetFileAttributesW(path.c_str())).c_str(), args[0].c_str());
+  if (!CZRFile::SetAttributes(path.c_str(), attributes)) return FailOn(args[0], ErrorText(CZRFile::GetLastError()));
+  std::printf("%s  %s\n", AttributeText(CZRFile::GetAttributes(path.c_str())).c_str(), args[0].c_str());
   return 0;
 }
 
 int RunTouch(const Args& paths) {
   int status = 0;
   for (const std::string& path : paths) {
-    if (!CZRFile::TouchFile(zr::Utf8ToUtf16(path).c_str())) status = FailOn(path, ErrorText(zr::GetLastFileError()));
+    if (!CZRFile::TouchFile(ToWide(path).c_str())) status = FailOn(path, ErrorText(CZRFile::GetLastError()));
   }
   return status;
 }
 
 int RunFree(const std::string& path) {
-  const std::u16string wide = zr::Utf8ToUtf16(path);
-  zr::DiskFreeSpace space;
-  if (!zr::GetDiskFreeSpaceW(wide.c_str(), &space)) return FailOn(path, ErrorText(zr::GetLastFileError()));
-  const unsigned long long cluster = static_cast<unsigned long long>(space.sectors_per_cluster) * space.bytes_per_sector;
-  std::printf("cluster     %llu bytes\nreported    %lu bytes\nfree        %llu bytes\n", cluster,
+  const std::u16string wide = ToWide(path);
+  UINT64 free_bytes = 0;
+  DWORD cluster = 0;
+  if (!CZRFile::GetVolumeSpace(wide.c_str(), &free_bytes, &cluster))
+    return FailOn(path, ErrorText(CZRFile::GetLastError()));
+  std::printf("cluster     %lu bytes\nreported    %lu bytes\nfree        %llu bytes\n", static_cast<unsigned long>(cluster),
               static_cast<unsigned long>(CZRFile::GetFreeDiskSpace(wide.c_str())),
-              static_cast<unsigned long long>(space.free_clusters) * cluster);
+              static_cast<unsigned long long>(free_bytes));
   return 0;
 }
 

@@ -4,11 +4,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/text.h"
-#include "platform/dlgsvc.h"
 #include "tools/zrtool/command.h"
+#include "tools/zrtool/text.h"
 #include "zrobj/cfheap.h"
 #include "zrobj/cheap.h"
+#include "zrobj/zrdiag.h"
 
 namespace zrtool {
 namespace {
@@ -21,22 +21,13 @@ const char kUsage[] =
     "name: a debug heap's watch list with its traces, a pool's summary line.\n";
 
 // Prints diagnostics on standard output, one line per line: a carriage return starts a fresh line.
-class StdoutSink : public zr::DiagSink {
+class StdoutSink : public zr::DiagListener {
  public:
-  StdoutSink() : previous_filter_(zr::GetDiagFilter()) {
-    zr::DiagFilter all = previous_filter_;
-    all.channel_mask = 0xFFFFFFFFu;
-    all.max_level = 0xFFFFFFFFu;
-    zr::SetDiagFilter(all);
-    previous_ = zr::SetDiagSink(this);
-  }
   ~StdoutSink() override {
-    zr::SetDiagSink(previous_);
-    zr::SetDiagFilter(previous_filter_);
     if (!at_line_start_) std::fputc('\n', stdout);
   }
-  void Write(unsigned, unsigned, std::u16string_view text) override {
-    for (char c : zr::Utf16ToUtf8(text)) {
+  void OnMessage(unsigned, unsigned, std::u16string_view text) override {
+    for (char c : ToNarrow(text)) {
       if (c == '\r' || c == '\n') {
         if (!at_line_start_) std::fputc('\n', stdout);
         at_line_start_ = true;
@@ -48,8 +39,6 @@ class StdoutSink : public zr::DiagSink {
   }
 
  private:
-  zr::DiagSink* previous_ = nullptr;
-  zr::DiagFilter previous_filter_;
   bool at_line_start_ = true;
 };
 
@@ -104,6 +93,7 @@ void List() {
 int DumpNamed(const std::string& name) {
   int found = 0;
   StdoutSink sink;
+  zr::ScopedDiagRedirect redirect(&sink);
   for (CHeap* heap : Heaps()) {
     if (!SameName(NameOf(heap), name)) continue;
     heap->Dump(1);

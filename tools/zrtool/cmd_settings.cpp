@@ -4,11 +4,9 @@
 #include <optional>
 #include <string>
 
-#include "platform/inifile.h"
-#include "platform/profile.h"
-#include "platform/settingsfile.h"
-#include "platform/text.h"
 #include "tools/zrtool/command.h"
+#include "tools/zrtool/text.h"
+#include "zrobj/zrobj.h"
 
 namespace zrtool {
 namespace {
@@ -36,24 +34,30 @@ std::optional<Request> Parse(const Args& args, std::string* error) {
   return r;
 }
 
+// The path of a settings file as the library builds it.
+std::string SettingsPath(const char* name) {
+  WCHAR path[4096];
+  return ZROBJ_GetSettingsFilePath(name, path, 4096) ? ToNarrow(path) : std::string(name);
+}
+
 int Get(const Request& r) {
   const std::string& section = r.operands[0];
   const std::string& key = r.operands[1];
-  if (!r.vst) {
-    const std::string path = zr::ProfileFilePath("ZRO.INI");
-    if (zr::IniGetState(path) == zr::IniFileState::kUnreadable) return Fail("cannot read " + path);
-    const auto value = zr::IniRead(path, section, key);
-    if (!value) return Fail("[" + section + "] " + key + " is not set in " + path);
-    std::printf("%s\n", value->c_str());
-    return 0;
+  const std::string path = SettingsPath(r.vst ? "ZRO.VST" : "ZRO.INI");
+  std::string value;
+  int found = 0;
+  if (r.vst) {
+    std::u16string buffer(65536, u'\0');
+    found = ZROBJ_ReadCurrentSettingStr(section.c_str(), key.c_str(), buffer.data(), static_cast<UINT>(buffer.size()));
+    value = ToNarrow(buffer.c_str());
+  } else {
+    std::string buffer(65536, '\0');
+    found = ZROBJ_ReadProfileString(section.c_str(), key.c_str(), buffer.data(), static_cast<UINT>(buffer.size()));
+    value = buffer.c_str();
   }
-  const std::u16string path = zr::Utf8ToUtf16(zr::ProfileFilePath("ZRO.VST"));
-  CSetFile file(path.c_str());
-  if (!file.IsUsable()) return Fail("cannot read " + file.path());
-  std::u16string buffer(65536, u'\0');
-  if (!file.ReadSettingString(section.c_str(), key.c_str(), buffer.data(), static_cast<UINT>(buffer.size())))
-    return Fail("[" + section + "] " + key + " is not set in " + file.path());
-  std::printf("%s\n", zr::Utf16ToUtf8(buffer.c_str()).c_str());
+  if (found < 0) return Fail("cannot read " + path);
+  if (found == 0) return Fail("[" + section + "] " + key + " is not set in " + path);
+  std::printf("%s\n", value.c_str());
   return 0;
 }
 
@@ -62,17 +66,14 @@ int Set(const Request& r) {
   const std::string& key = r.operands[1];
   const std::string& value = r.operands[2];
   if (!r.vst) {
-    if (!WritePrivateProfileStringA(section.c_str(), key.c_str(), value.c_str(), "ZRO.INI"))
-      return Fail("cannot write [" + section + "] " + key + " to " + zr::ProfileFilePath("ZRO.INI") +
+    if (!ZROBJ_WriteProfileString(section.c_str(), key.c_str(), value.c_str()))
+      return Fail("cannot write [" + section + "] " + key + " to " + SettingsPath("ZRO.INI") +
                   " (unreadable file, or a name or value the file cannot hold)");
     return 0;
   }
   if (value.empty()) return Fail("an empty value cannot be stored in ZRO.VST");
-  const std::u16string path = zr::Utf8ToUtf16(zr::ProfileFilePath("ZRO.VST"));
-  CSetFile file(path.c_str());
-  const std::u16string wide = zr::Utf8ToUtf16(value);
-  if (!file.WriteSettingString(section.c_str(), key.c_str(), wide.c_str()))
-    return Fail("cannot write [" + section + "] " + key + " to " + file.path());
+  if (!ZROBJ_WriteCurrentSettingStr(section.c_str(), key.c_str(), ToWide(value).c_str()))
+    return Fail("cannot write [" + section + "] " + key + " to " + SettingsPath("ZRO.VST"));
   return 0;
 }
 
@@ -81,7 +82,7 @@ int RunSettings(const Args& args) {
   const auto request = Parse(args, &error);
   if (!request) return UsageError(kSettingsCommand, error);
   if (request->action == "path") {
-    std::printf("%s\n%s\n", zr::ProfileFilePath("ZRO.INI").c_str(), zr::ProfileFilePath("ZRO.VST").c_str());
+    std::printf("%s\n%s\n", SettingsPath("ZRO.INI").c_str(), SettingsPath("ZRO.VST").c_str());
     return 0;
   }
   return request->action == "get" ? Get(*request) : Set(*request);

@@ -25,6 +25,8 @@ const std::vector<Command>& Commands();
 bool WantsHelp(const Args& args);            // -h or --help anywhere
 int UsageError(const Command& command, const std::string& message);  // prints message + usage, returns 2
 int Fail(const std::string& message);         // prints "zrtool: message", returns 1
+// The full path of a file of the library's settings directory ("ZRO.INI", "ZRO.VST", ...).
+std::string SettingsFilePath(const char* name);
 
 // Progress on stderr for long work: "\rlabel: 42%" updated at most once per percent, newline at 100%.
 class Progress {

@@ -2,13 +2,40 @@
 // and `zrtool demo` runs them in order.
 #pragma once
 
+#include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "platform/diag_capture.h"
 #include "tools/zrtool/command.h"
+#include "zrobj/zrdiag.h"
 
 namespace zrtool {
+
+// Records every diagnostics message of the process while it lives, instead of printing it.
+class DiagCapture : public zr::DiagListener {
+ public:
+  struct Entry {
+    unsigned channel;
+    unsigned level;
+    std::u16string text;
+  };
+
+  DiagCapture() : redirect_(this) {}
+  void OnMessage(unsigned channel, unsigned level, std::u16string_view text) override {
+    std::lock_guard lock(mutex_);
+    entries_.push_back({channel, level, std::u16string(text)});
+  }
+  std::vector<Entry> Entries() const {
+    std::lock_guard lock(mutex_);
+    return entries_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Entry> entries_;
+  zr::ScopedDiagRedirect redirect_;  // last: ends before the entries go
+};
 
 // What a section gets: where the demo's settings live and helpers for readable output.
 class DemoContext {
@@ -20,7 +47,7 @@ class DemoContext {
   void Say(const std::string& text) const;
   // Every captured diagnostics message, one line each: "    [channel:level] text" with the
   // carriage returns and line feeds of the message shown as \r and \n.
-  void ShowDiagnostics(const zr::ScopedDiagCapture& capture) const;
+  void ShowDiagnostics(const DiagCapture& capture) const;
   // The text of a file, indented, for showing settings files.
   void ShowFile(const std::string& path) const;
 

@@ -1,11 +1,13 @@
 // zrtool: the command-line client of the library; dispatches to the registered subcommands.
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "tools/zrtool/command.h"
+#include "tools/zrtool/text.h"
+#include "zrobj/zrdiag.h"
+#include "zrobj/zrobj.h"
 
 namespace zrtool {
 
@@ -40,8 +42,24 @@ int Fail(const std::string& message) {
   return 1;
 }
 
+std::string SettingsFilePath(const char* name) {
+  WCHAR path[4096];
+  return ZROBJ_GetSettingsFilePath(name, path, 4096) ? ToNarrow(path) : std::string(name);
+}
+
+namespace {
+
+// Whether standard error is a terminal: the device it is open on is one.
+bool StderrIsTerminal() {
+  std::error_code ec;
+  const std::string device = std::filesystem::read_symlink("/proc/self/fd/2", ec).string();
+  return !ec && (device.rfind("/dev/pts/", 0) == 0 || device.rfind("/dev/tty", 0) == 0 || device == "/dev/console");
+}
+
+}  // namespace
+
 Progress::Progress(std::string label, unsigned long long total)
-    : label_(std::move(label)), total_(total), enabled_(::isatty(2) != 0) {}
+    : label_(std::move(label)), total_(total), enabled_(StderrIsTerminal()) {}
 
 void Progress::Update(unsigned long long done) {
   if (!enabled_ || total_ == 0) return;
@@ -62,9 +80,11 @@ namespace {
 
 void PrintHelp(std::FILE* out) {
   std::fprintf(out,
-               "usage: zrtool COMMAND [ARGS...]\n"
+               "usage: zrtool [-v|--verbose] COMMAND [ARGS...]\n"
                "       zrtool COMMAND --help\n\n"
-               "The command-line client of the zrobju library.\n\ncommands:\n");
+               "The command-line client of the zrobju library.\n"
+               "-v, --verbose  write all of the library's diagnostics lines to standard error, not\n"
+               "               only its warnings and error reports\n\ncommands:\n");
   for (const Command& c : Commands()) std::fprintf(out, "  %-12s %s\n", c.name, c.summary);
 }
 
@@ -81,6 +101,12 @@ ZRTOOL_COMMAND("version", "print the version of the tool and library", "usage: z
 
 int main(int argc, char** argv) {
   using namespace zrtool;
+  if (argc >= 2 && (!std::strcmp(argv[1], "-v") || !std::strcmp(argv[1], "--verbose"))) {
+    zr::SetDiagnosticsActive(true);
+    argv[1] = argv[0];
+    ++argv;
+    --argc;
+  }
   if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "help")) {
     PrintHelp(argc < 2 ? stderr : stdout);
     return argc < 2 ? 2 : 0;

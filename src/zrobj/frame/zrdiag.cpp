@@ -165,3 +165,42 @@ int ZROBJ_ReportAssertionFailure(const WCHAR* testName, DWORD line, const char* 
   WalkCallStack(callerAddress, callerFrame, -1, nullptr);
   return 0;
 }
+
+// --- redirecting the output ---------------------------------------------------------------------
+
+namespace zr {
+
+DiagListener::~DiagListener() = default;
+
+struct ScopedDiagRedirect::State final : DiagSink {
+  explicit State(DiagListener* l) : listener(l), previous_filter(GetDiagFilter()) {}
+  void Write(unsigned channel, unsigned level, std::u16string_view text) override {
+    listener->OnMessage(channel, level, text);
+  }
+  DiagListener* listener;
+  DiagFilter previous_filter;
+  DiagSink* previous_sink = nullptr;
+};
+
+ScopedDiagRedirect::ScopedDiagRedirect(DiagListener* listener) : state_(new State(listener)) {
+  DiagFilter all = state_->previous_filter;
+  all.channel_mask = 0xFFFFFFFFu;
+  all.max_level = 0xFFFFFFFFu;
+  SetDiagFilter(all);
+  state_->previous_sink = SetDiagSink(state_);
+}
+
+ScopedDiagRedirect::~ScopedDiagRedirect() {
+  SetDiagSink(state_->previous_sink);
+  SetDiagFilter(state_->previous_filter);
+  delete state_;
+}
+
+void SetDiagnosticsActive(bool active) {
+  DiagFilter filter = GetDiagFilter();
+  filter.active = active;
+  SetDiagFilter(filter);
+  SetDebugMode(active ? 1 : 0);
+}
+
+}  // namespace zr

@@ -2,6 +2,7 @@
 // root directory, the product name and the registration of file types under HKEY_CLASSES_ROOT.
 #include "zrobj/zrobj.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -11,6 +12,7 @@
 #include <string>
 
 #include "platform/fileutil.h"
+#include "platform/inifile.h"
 #include "platform/module.h"
 #include "platform/profile.h"
 #include "platform/registry.h"
@@ -180,6 +182,39 @@ int ZROBJ_WriteCurrentSettingInt(const char* section, const char* key, int value
 int ZROBJ_WriteCurrentSettingBool(const char* section, const char* key, int value) {
   CSetFile* file = SettingsFile();
   return file ? file->WriteSettingBool(section, key, value) : 0;
+}
+
+int ZROBJ_ReadCurrentSettingStr(const char* section, const char* key, WCHAR* buffer, UINT length) {
+  if (!buffer || length == 0) return 0;
+  buffer[0] = 0;
+  CSetFile* file = SettingsFile();
+  if (!file) return -1;
+  return file->ReadSettingString(section, key, buffer, length) ? 1 : 0;
+}
+
+int ZROBJ_ReadProfileString(const char* section, const char* key, char* buffer, UINT size) {
+  if (!buffer || size == 0 || !section || !key) return 0;
+  buffer[0] = 0;
+  const std::string path = zr::ProfileFilePath(kProfileFile);
+  if (zr::IniGetState(path) == zr::IniFileState::kUnreadable) return -1;
+  const auto value = zr::IniRead(path, section, key);
+  if (!value) return 0;
+  const std::size_t n = std::min<std::size_t>(value->size(), size - 1);
+  value->copy(buffer, n);
+  buffer[n] = 0;
+  return 1;
+}
+
+int ZROBJ_WriteProfileString(const char* section, const char* key, const char* value) {
+  if (!value) return 0;  // a null value would delete the key
+  return WritePrivateProfileStringA(section, key, value, kProfileFile);
+}
+
+UINT ZROBJ_GetSettingsFilePath(const char* fileName, WCHAR* buffer, UINT length) {
+  if (!fileName || !buffer || length == 0) return 0;
+  const std::u16string path = zr::Utf8ToUtf16(zr::ProfileFilePath(fileName));
+  if (path.size() + 1 > length) return 0;
+  return static_cast<UINT>(zr::WStrCopy(buffer, length, path));
 }
 
 int ZROBJ_GetAppRootDir(WCHAR* buffer) {

@@ -42,5 +42,8 @@ void EnsureThreadAttached() {
 }  // namespace zr
 
 HMODULE ZROBJ_GetModuleHandle() { return g_module; }
+DWORD ZROBJ_GetModuleFileName(HMODULE module, WCHAR* buffer, DWORD length) {
+  return GetModuleFileNameW(module, buffer, length);
+}
 DWORD ZROBJ_GetStartTick() { return g_start_tick; }
 const SYSTEM_INFO* ZROBJ_GetSystemInfo() { return &g_system_info; }

@@ -422,6 +422,31 @@ DWORD CZRFile::GetFreeDiskSpace(const WCHAR* path) {
   return static_cast<DWORD>(cluster * clusters);
 }
 
+BOOL CZRFile::GetInfo(const WCHAR* path, Info* info) {
+  zr::FileInfo found;
+  if (!info || !zr::GetFileInfoW(path, &found)) return 0;
+  *info = Info{found.size, found.attributes, ToFileTime(found.creation_time), ToFileTime(found.last_access_time),
+               ToFileTime(found.last_write_time)};
+  return 1;
+}
+
+DWORD CZRFile::GetAttributes(const WCHAR* path) { return zr::GetFileAttributesW(path); }
+
+BOOL CZRFile::SetAttributes(const WCHAR* path, DWORD attributes) {
+  return zr::SetFileAttributesW(path, attributes & ~(kAttributeDirectory | kAttributeNormal));
+}
+
+BOOL CZRFile::GetVolumeSpace(const WCHAR* path, UINT64* freeBytes, DWORD* clusterBytes) {
+  zr::DiskFreeSpace space;
+  if (!zr::GetDiskFreeSpaceW(path, &space)) return 0;
+  const UINT64 cluster = static_cast<UINT64>(space.sectors_per_cluster) * space.bytes_per_sector;
+  if (freeBytes) *freeBytes = space.free_clusters * cluster;
+  if (clusterBytes) *clusterBytes = static_cast<DWORD>(cluster);
+  return 1;
+}
+
+DWORD CZRFile::GetLastError() { return zr::GetLastFileError(); }
+
 // --- Mapping -----------------------------------------------------------------------------------------------
 
 void CZRFile::RemoveView() {

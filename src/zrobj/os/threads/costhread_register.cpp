@@ -298,6 +298,10 @@ void COSThreadRegister::DumpRegistered() {
     wPrintf(0, 0, u"\r%08X %s\r\n", g_register.entries[i].thread_id, Shown(g_register.entries[i].name));
 }
 
+void COSThreadRegister::FreeThreadDump(void* block) {
+  if (block) HeapFree(GetProcessHeap(), 0, block);
+}
+
 void* COSThreadRegister::GetThreadDump(unsigned long& size) {
   size = 0;
   if (!g_register.enabled) return nullptr;
