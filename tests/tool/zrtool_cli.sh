@@ -56,6 +56,20 @@ check "settings set" 0 "$tool" settings set --vst Tool Title "night edit"
 "$tool" settings get --vst Tool Title > "$work/title" 2>/dev/null
 grep -q "night edit" "$work/title" || { echo "FAIL: settings value not read back"; failures=$((failures + 1)); }
 
+# The settings file refuses empty values, and so does the tool (status 1, nothing written).
+check "settings set of an empty value" 1 "$tool" settings set --vst Tool Empty ""
+grep -q "an empty value cannot be stored" "$work/err" || { echo "FAIL: empty value not refused by name"; failures=$((failures + 1)); }
+check "empty value not stored" 1 "$tool" settings get --vst Tool Empty
+
+# crash-test takes "MiniDump" of ZRO.INI as its default; --minidump 0 overrides it.
+mkdir -p "$ZROBJ_HOME" "$work/crash1" "$work/crash2"
+printf '[UnhandledException]\nMiniDump=1\n' > "$ZROBJ_HOME/ZRO.INI"
+check "crash-test with the setting's minidump" 5 "$tool" crash-test --dir "$work/crash1"
+[ -s "$work/crash1/CrashRecord.txt" ] && [ -s "$work/crash1/crashdump.dmp" ] || { echo "FAIL: crash-test ignored MiniDump=1 of ZRO.INI"; failures=$((failures + 1)); }
+check "crash-test with --minidump 0" 5 "$tool" crash-test --dir "$work/crash2" --minidump 0
+[ -s "$work/crash2/CrashRecord.txt" ] && [ ! -e "$work/crash2/crashdump.dmp" ] || { echo "FAIL: --minidump 0 did not override the setting"; failures=$((failures + 1)); }
+rm -f "$ZROBJ_HOME/ZRO.INI"
+
 # Chunk archives: the sample dumps with names resolved and status 0; damage and noise give status 1
 # and a marked line, never a crash.
 check "chunks help" 0 "$tool" chunks --help

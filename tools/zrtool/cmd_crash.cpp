@@ -48,7 +48,8 @@ constexpr const char* kCrashUsage =
     "  --kind K      the fault: segv (access violation, default), fpe (integer divide by zero),\n"
     "                ill (illegal instruction), abort, stack (stack overflow)\n"
     "  --minidump N  also write crashdump.dmp: 1 normal, 2 with data segments, 3 full memory\n"
-    "                (default 0: none); open it with `lldb -c crashdump.dmp`\n"
+    "                (default: \"MiniDump\" of ZRO.INI [UnhandledException], 0 = none);\n"
+    "                open it with `lldb -c crashdump.dmp`\n"
     "  --dir DIR     where CrashRecord.txt and crashdump.dmp go (default: the current directory)\n"
     "  --disable     after the record, leave the crash to the system (the process dies by the signal)\n"
     "The process ends with the exception code's low byte as exit status (e.g. 5 for an access violation).\n";
@@ -60,7 +61,7 @@ int RunCrashTest(const Args& args) {
     return 0;
   }
   const Kind* kind = &kKinds[0];
-  int minidump = 0;
+  int minidump = -1;  // -1: as "MiniDump" in ZRO.INI says
   bool disable = false;
   std::string dir = ".";
   for (std::size_t i = 0; i < args.size(); ++i) {
@@ -92,8 +93,8 @@ int RunCrashTest(const Args& args) {
   CEventLogger::LogEvent(u"crash-test started");
   CEventLogger::LogEvent(u"about to crash with %hs", kind->name);
   CUnhandledException handler;
-  CUnhandledException::iMiniDump = minidump;
-  CUnhandledException::bDisable = disable;
+  if (minidump >= 0) CUnhandledException::iMiniDump = minidump;
+  if (disable) CUnhandledException::bDisable = 1;
   CUnhandledException::SetState(u"crash-test");
   zr::SetCrashRecordDirectory(ToWide(where.string()).c_str());
   std::fprintf(stderr, "zrtool crash-test: crashing on purpose (%s); the record goes to %s/CrashRecord.txt\n",
