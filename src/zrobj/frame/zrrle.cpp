@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "base/byteorder.h"
+#include "base/compiler.h"
 #include "platform/dlgsvc.h"
 #include "zrobj/zrdiag.h"
 
@@ -106,7 +107,7 @@ struct CheckError {
   char text[192] = {};
   bool failed = false;
 
-  __attribute__((format(printf, 2, 3))) bool Set(const char* format, ...) {
+  ZR_PRINTF_FORMAT(2, 3) bool Set(const char* format, ...) {
     va_list args;
     va_start(args, format);
     std::vsnprintf(text, sizeof(text), format, args);
