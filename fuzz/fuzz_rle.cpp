@@ -130,7 +130,7 @@ void RunBlock(const Params& p) {
 Params ParseParams(const std::uint8_t* data, std::size_t size) {
   Params p{};
   p.stride = data[1];
-  p.destination_bytes = (DWORD{data[2]} | DWORD{data[3]} << 8 | DWORD{data[4]} << 16) % (kMaxDestinationBytes + 1);
+  p.destination_bytes = (zr::LoadLE32(data + 2) & 0xFFFFFFu) % (kMaxDestinationBytes + 1);  // 24 bits
   p.source_stride = data[5] % 8 + 1;
   p.capacity_cut = data[6];
   p.block = data + kParams;

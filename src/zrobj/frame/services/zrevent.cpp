@@ -152,7 +152,8 @@ namespace {
 // The integer argument of a conversion: int or unsigned, or 64-bit for a modifier that names it.
 FormatArg IntegerArg(const FormatSpec& s, std::va_list& ap) {
   const bool wide = IntegerBytes(s.length) == 8;
-  if (s.kind == FormatKind::kSigned) return wide ? MakeFormatArg(va_arg(ap, long long)) : MakeFormatArg(va_arg(ap, int));
+  if (s.kind == FormatKind::kSigned)
+    return wide ? MakeFormatArg(va_arg(ap, long long)) : MakeFormatArg(va_arg(ap, int));
   return wide ? MakeFormatArg(va_arg(ap, unsigned long long)) : MakeFormatArg(va_arg(ap, unsigned));
 }
 
