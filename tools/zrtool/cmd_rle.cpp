@@ -171,7 +171,8 @@ bool ReadHeader(File& in, Header* header, std::string* error) {
   BYTE head[kHeaderSize];
   if (!in.ReadExactly(head, sizeof(head))) return Reject(error, "too short for a container header");
   if (std::memcmp(head, kMagic, 4) != 0) return Reject(error, "not an RLE container (bad magic)");
-  if (LoadLE32(head + 4) != kVersion) return Reject(error, "unsupported container version " + std::to_string(LoadLE32(head + 4)));
+  if (LoadLE32(head + 4) != kVersion)
+    return Reject(error, "unsupported container version " + std::to_string(LoadLE32(head + 4)));
   header->original_size = LoadLE32(head + 8) | std::uint64_t{LoadLE32(head + 12)} << 32;
   header->stride = LoadLE32(head + 16);
   header->chunk_size = LoadLE32(head + 20);
