@@ -6,6 +6,7 @@
 #include <random>
 #include <vector>
 
+#include "base/byteorder.h"
 #include "zrobj/zrrle.h"
 
 namespace {
@@ -50,7 +51,7 @@ std::vector<BYTE> CompressChannel(const std::vector<BYTE>& frame) {
 
 void Finish(benchmark::State& state, const std::vector<BYTE>& block) {
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * kCount);
-  const DWORD size = block[4] | block[5] << 8 | block[6] << 16 | DWORD{block[7]} << 24;
+  const DWORD size = zr::LoadLE32(block.data() + 4);
   state.counters["ratio"] = static_cast<double>(size) / kCount;  // compressed / original
 }
 

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/byteorder.h"
 #include "platform/files.h"
 #include "platform/procinfo.h"
 #include "platform/text.h"
@@ -39,7 +40,7 @@ struct Input {
 bool PeekSize(const Input& in, DWORD position, DWORD* size) {
   if (position > in.content_size || in.content_size - position < 8) return false;
   const std::uint8_t* p = in.content + position + 4;
-  *size = DWORD{p[0]} | DWORD{p[1]} << 8 | DWORD{p[2]} << 16 | DWORD{p[3]} << 24;
+  *size = zr::LoadLE32(p);
   return true;
 }
 

@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "base/byteorder.h"
 #include "fuzz/tool_command.h"
 #include "platform/files.h"
 #include "platform/text.h"
@@ -35,14 +36,6 @@ using Bytes = std::vector<std::uint8_t>;
 
 void Check(bool condition) {
   if (!condition) __builtin_trap();
-}
-
-DWORD Get32(const std::uint8_t* p) {
-  return DWORD{p[0]} | DWORD{p[1]} << 8 | DWORD{p[2]} << 16 | DWORD{p[3]} << 24;
-}
-
-void Put32(std::uint8_t* p, DWORD v) {
-  for (int i = 0; i < 4; ++i) p[i] = static_cast<std::uint8_t>(v >> (8 * i));
 }
 
 // The input split into its fields.
@@ -69,7 +62,7 @@ bool Parse(const std::uint8_t* data, std::size_t size, Input* in) {
   at += n;
   if (in->cut) {
     if (size - at < 2) return false;
-    in->cut_point = data[at] | unsigned{data[at + 1]} << 8;
+    in->cut_point = zr::LoadLE16(data + at);
     at += 2;
   }
   in->rest = data + at;
@@ -94,9 +87,9 @@ bool TopLevelParses(const std::uint8_t* data, std::size_t size) {
   std::size_t at = 0;
   while (at < size) {
     if (size - at < kHeaderSize) return false;
-    const DWORD id = Get32(data + at);
+    const DWORD id = zr::LoadLE32(data + at);
     if (id != CHNK_UNNAMED_ID && (id & 0xFC00u) != 0) return false;
-    const DWORD length = Get32(data + at + 4);
+    const DWORD length = zr::LoadLE32(data + at + 4);
     if (length > size - at - kHeaderSize) return false;
     at += kHeaderSize + length;
   }
@@ -130,7 +123,7 @@ class Model {
     else open_.back().children = true;
     open_.push_back(Level{bytes_.size(), false, 0});
     bytes_.resize(bytes_.size() + kHeaderSize);
-    Put32(&bytes_[open_.back().header], id);
+    zr::StoreLE32(&bytes_[open_.back().header], id);
   }
 
   // Appends to the innermost chunk's data; byte 1 of its data gets bits 0 and 2 set, so that the
@@ -144,7 +137,7 @@ class Model {
 
   void Close(std::size_t level) {
     for (std::size_t i = level; i < open_.size(); ++i)
-      Put32(&bytes_[open_[i].header + 4], static_cast<DWORD>(bytes_.size() - open_[i].header - kHeaderSize));
+      zr::StoreLE32(&bytes_[open_[i].header + 4], static_cast<DWORD>(bytes_.size() - open_[i].header - kHeaderSize));
     open_.resize(level);
   }
 

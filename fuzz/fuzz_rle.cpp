@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "base/byteorder.h"
 #include "fuzz/tool_command.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrrle.h"
@@ -30,10 +31,6 @@ constexpr DWORD kMaxContainerChunk = 1u << 20;  // the tool allocates what a con
 
 void Check(bool condition) {
   if (!condition) __builtin_trap();
-}
-
-DWORD Get32(const std::uint8_t* p) {
-  return DWORD{p[0]} | DWORD{p[1]} << 8 | DWORD{p[2]} << 16 | DWORD{p[3]} << 24;
 }
 
 struct Params {
@@ -81,7 +78,7 @@ void CheckRoundTrip(const T* source, DWORD count, DWORD stride, DWORD cut) {
   const int compressed = Codec<T>::Compress(block.data(), capacity, source, count, stride);
   Check(compressed == 1 || capacity < sufficient);
   if (!compressed) return;
-  const DWORD used = Get32(block.data() + 4);
+  const DWORD used = zr::LoadLE32(block.data() + 4);
   Check(used <= capacity);
   std::vector<T> out(count);
   Check(Codec<T>::Checked(out.data(), count, block.data(), used, 1) == 1);
@@ -103,7 +100,7 @@ void ExpandArbitrary(const Params& p) {
   const auto fill = static_cast<T>(0xA5A5);
   std::vector<T> checked(units, fill);
   if (!Codec<T>::Checked(checked.data(), units, p.block, p.block_size, p.stride)) return;
-  const DWORD count = Get32(p.block);
+  const DWORD count = zr::LoadLE32(p.block);
   for (std::size_t i = 0; i < units; ++i)
     if (!Written(i, count, p.stride)) Check(checked[i] == fill);
   std::vector<T> unchecked(units, fill);
@@ -133,7 +130,7 @@ void RunBlock(const Params& p) {
 Params ParseParams(const std::uint8_t* data, std::size_t size) {
   Params p{};
   p.stride = data[1];
-  p.destination_bytes = (DWORD{data[2]} | DWORD{data[3]} << 8 | DWORD{data[4]} << 16) % (kMaxDestinationBytes + 1);
+  p.destination_bytes = (zr::LoadLE32(data + 2) & 0xFFFFFFu) % (kMaxDestinationBytes + 1);  // 24 bits
   p.source_stride = data[5] % 8 + 1;
   p.capacity_cut = data[6];
   p.block = data + kParams;
@@ -143,7 +140,7 @@ Params ParseParams(const std::uint8_t* data, std::size_t size) {
 
 // The container through the tool, as `zrtool rle decompress IN OUT` runs it.
 void RunContainer(const std::uint8_t* data, std::size_t size) {
-  if (size >= 24 && Get32(data + 20) > kMaxContainerChunk) return;
+  if (size >= 24 && zr::LoadLE32(data + 20) > kMaxContainerChunk) return;
   static const zrtool::Command& rle = fuzz_tool::FindCommand("rle");
   static const std::string in = fuzz_tool::TempPath("rle", "in");
   static const std::string out = fuzz_tool::TempPath("rle", "out");
@@ -153,7 +150,7 @@ void RunContainer(const std::uint8_t* data, std::size_t size) {
     Check(!std::filesystem::exists(out));  // a damaged container leaves nothing
     return;
   }
-  const std::uint64_t stated = Get32(data + 8) | std::uint64_t{Get32(data + 12)} << 32;
+  const std::uint64_t stated = zr::LoadLE64(data + 8);
   Check(std::filesystem::file_size(out) == stated);
 }
 

@@ -3,35 +3,17 @@
 
 #include <cstring>
 
+#include "platform/formatspec.h"
+
 namespace zr {
 namespace {
 
-struct Spec {
-  bool left = false, zero = false, plus = false, space = false, alt = false;
-  int width = 0;
-  int precision = -1;
-  int size_bits = 0;  // 0: the argument's own width; 8, 16, 32 or 64 forced by a prefix
-};
+// The argument of a '*': an integer's low 32 bits, 0 for anything else.
+int StarValue(const FormatArg& a) { return a.kind == FormatArg::Kind::kInt ? static_cast<int>(a.bits) : 0; }
 
-// Parses a number or "*" (taken from the arguments) at `i`.
-int ParseCount(std::string_view f, std::size_t& i, const FormatArg* args, std::size_t count, std::size_t& next) {
-  if (i < f.size() && f[i] == '*') {
-    ++i;
-    if (next < count && args[next].kind == FormatArg::Kind::kInt) return static_cast<int>(args[next++].bits);
-    ++next;
-    return 0;
-  }
-  int n = 0;
-  while (i < f.size() && f[i] >= '0' && f[i] <= '9') {
-    if (n < 100000) n = n * 10 + (f[i] - '0');
-    ++i;
-  }
-  return n;
-}
-
-std::uint64_t IntegerBits(const FormatArg& a, const Spec& s, bool is_signed, bool* negative) {
+// The magnitude of an integer argument at `bits` bits, or at its own width when `bits` is 0.
+std::uint64_t IntegerBits(const FormatArg& a, int bits, bool is_signed, bool* negative) {
   std::uint64_t v = a.kind == FormatArg::Kind::kPointer ? reinterpret_cast<std::uintptr_t>(a.pointer) : a.bits;
-  int bits = s.size_bits;
   if (bits == 0) bits = a.kind == FormatArg::Kind::kInt && a.bytes > 4 ? 64 : (a.kind == FormatArg::Kind::kPointer ? 64 : 32);
   if (bits < 64) v &= (std::uint64_t{1} << bits) - 1;
   *negative = false;
@@ -43,6 +25,16 @@ std::uint64_t IntegerBits(const FormatArg& a, const Spec& s, bool is_signed, boo
     v = ~v + 1;
   }
   return v;
+}
+
+// The next argument; a missing one reads as a 32-bit zero.
+const FormatArg& Take(const FormatArg* args, std::size_t count, std::size_t& next) {
+  static const FormatArg kMissing = [] {
+    FormatArg a{FormatArg::Kind::kInt};
+    a.bytes = 4;
+    return a;
+  }();
+  return next < count ? args[next++] : (++next, kMissing);
 }
 
 }  // namespace
@@ -110,50 +102,27 @@ void FixedText::FormatV(std::string_view f, const FormatArg* args, std::size_t c
       Put(f[i++]);
       continue;
     }
-    const std::size_t start = i++;
-    Spec s;
-    for (; i < f.size(); ++i) {
-      const char c = f[i];
-      if (c == '-') s.left = true;
-      else if (c == '0') s.zero = true;
-      else if (c == '+') s.plus = true;
-      else if (c == ' ') s.space = true;
-      else if (c == '#') s.alt = true;
-      else break;
-    }
-    s.width = ParseCount(f, i, args, count, next);
-    if (s.width < 0) {
-      s.left = true;
-      s.width = -s.width;
-    }
-    if (i < f.size() && f[i] == '.') {
-      ++i;
-      s.precision = ParseCount(f, i, args, count, next);
-    }
-    // Size prefixes; "l" and "w" only name the string width, which the typed argument knows anyway.
-    if (f.substr(i, 3) == "I64") s.size_bits = 64, i += 3;
-    else if (f.substr(i, 3) == "I32") s.size_bits = 32, i += 3;
-    else if (f.substr(i, 2) == "hh") s.size_bits = 8, i += 2;
-    else if (f.substr(i, 2) == "ll") s.size_bits = 64, i += 2;
-    else if (i < f.size() && f[i] == 'h') s.size_bits = 16, ++i;
-    else if (i < f.size() && (f[i] == 'l' || f[i] == 'w')) ++i;
-    else if (i < f.size() && (f[i] == 'z' || f[i] == 'I')) s.size_bits = 64, ++i;
-    if (i >= f.size()) {
-      Append(f.substr(start));
-      break;
-    }
-    const char conv = f[i++];
-    if (conv == '%') {
+    FormatSpec s = ParseFormatSpec(f.substr(i));
+    const std::string_view written = f.substr(i, s.size);
+    i += s.size;
+    if (s.width_from_arg) SetWidthFromArg(s, StarValue(Take(args, count, next)));
+    if (s.precision_from_arg) SetPrecisionFromArg(s, StarValue(Take(args, count, next)));
+    if (s.kind == FormatKind::kPercent) {
       Put('%');
       continue;
     }
-    static const FormatArg kMissing = [] {
-      FormatArg a{FormatArg::Kind::kInt};
-      a.bytes = 4;
-      return a;
-    }();
-    const FormatArg& a = next < count ? args[next] : kMissing;
-    ++next;
+    if (s.kind == FormatKind::kUnknown || s.kind == FormatKind::kTruncated) {
+      Append(written);
+      continue;
+    }
+    const FormatArg& a = Take(args, count, next);
+    // Reals need the C library, which a signal handler cannot call: printed as written, argument skipped.
+    if (s.kind == FormatKind::kReal) {
+      Append(written);
+      continue;
+    }
+    if (s.kind == FormatKind::kCount) continue;
+    const char conv = s.conversion;
     // The text of the conversion before padding: digits, a character or a string.
     char digits[72];
     std::size_t ndigits = 0;
@@ -174,10 +143,10 @@ void FixedText::FormatV(std::string_view f, const FormatArg* args, std::size_t c
           str = "(?)";
           break;
         }
-        Spec is = s;
-        if (conv == 'p') is.size_bits = 64;
+        // Without a length modifier an integer prints at its own width.
+        const int bits = conv == 'p' ? 64 : s.length == FormatLength::kNone ? 0 : 8 * IntegerBytes(s.length);
         bool negative = false;
-        std::uint64_t v = IntegerBits(a, is, conv == 'd' || conv == 'i', &negative);
+        std::uint64_t v = IntegerBits(a, bits, conv == 'd' || conv == 'i', &negative);
         const unsigned base = conv == 'x' || conv == 'X' || conv == 'p' ? 16 : conv == 'o' ? 8 : 10;
         const char* set = conv == 'x' ? "0123456789abcdef" : "0123456789ABCDEF";
         char rev[64];
@@ -212,8 +181,7 @@ void FixedText::FormatV(std::string_view f, const FormatArg* args, std::size_t c
           if (!is_wide && str.size() > static_cast<std::size_t>(s.precision)) str = str.substr(0, s.precision);
         }
         break;
-      default:  // unknown conversion: printed as written
-        Append(f.substr(start, i - start));
+      default:  // the other kinds were handled above
         continue;
     }
     // Width in characters (UTF-16 units for wide strings, bytes otherwise).

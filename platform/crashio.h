@@ -12,10 +12,11 @@
 namespace zr {
 
 // Formats narrow (UTF-8) text into a caller's buffer, cutting what does not fit. The printf dialect of
-// the library's messages: flags "-0+ #", width and precision (also "*"), the size prefixes h, hh, l,
-// ll, I64, I32, z, and the conversions d i u x X o c s S p %. A string argument prints whatever its
-// width (UTF-16 is converted). An integer prints at 16 bits with "h", 64 with "ll"/"I64", else at its
-// own width (so an address passed as 64-bit prints in full under "%08X").
+// the library's messages, parsed by ParseFormatSpec: flags, width and precision (also "*"), the length
+// modifiers, and the conversions d i u x X o c s S p n %; a real ("%f") needs the C library and is
+// printed as written. A string argument prints whatever its width (UTF-16 is converted). An integer
+// prints at the size its modifier names ("l" is 32-bit, "ll"/"I64"/"I"/"z" 64), without one at its own
+// width (so an address passed as 64-bit prints in full under "%08X").
 class ZROBJ_API FixedText {
  public:
   FixedText(char* buffer, std::size_t capacity);

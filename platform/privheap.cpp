@@ -7,6 +7,7 @@
 // Freed small blocks wait in per-thread caches (privheap_internal.h) for their next use.
 #include "platform/privheap.h"
 
+#include "base/compiler.h"
 #include "platform/privheap_internal.h"
 
 #include <algorithm>
@@ -16,7 +17,7 @@
 #include <new>
 
 // The C library's own single-thread indicator (glibc 2.32 and later); absent elsewhere.
-extern "C" __attribute__((weak)) char __libc_single_threaded;
+extern "C" ZR_WEAK char __libc_single_threaded;
 
 namespace zr {
 namespace detail {
@@ -25,7 +26,7 @@ std::uintptr_t* g_map_root[1 << kRootBits];  // zero at load
 }  // namespace detail
 
 namespace heapimpl {
-constinit thread_local ThreadCache* t_cache __attribute__((tls_model("initial-exec"))) = nullptr;
+constinit thread_local ThreadCache* t_cache ZR_TLS_INITIAL_EXEC = nullptr;
 std::atomic<std::uint32_t> g_loose_counters[kThreadCounters];
 }  // namespace heapimpl
 

@@ -9,13 +9,11 @@
 #include <iterator>
 #include <unordered_set>
 
+#include "base/compiler.h"
 #include "platform/privheap.h"
 #include "zrobj/heaplock.h"
 
 namespace zr::heapimpl {
-
-// The cached paths are a few instructions each; they are inlined into every caller.
-#define ZR_HEAP_FAST inline __attribute__((always_inline))
 
 inline constexpr std::uint32_t kHeapMagic = 0x50487A72;  // "rzHP"
 inline constexpr std::uint32_t kSlotLive = 0x4556494C;   // "LIVE"
@@ -113,14 +111,14 @@ inline void StoreState(SlotHeader* h, std::uint32_t state) {
 }
 
 // Takes a live slot out of use; only one of two threads freeing the same block gets it.
-ZR_HEAP_FAST bool ClaimSlot(SlotHeader* h) {
+ZR_ALWAYS_INLINE bool ClaimSlot(SlotHeader* h) {
   std::atomic_ref<std::uint32_t> state(h->state);
   return ReplaceIfEqual(state, kSlotLive, kSlotFree);
 }
 
 inline Span* SpanOf(const SlotHeader* h) { return reinterpret_cast<Span*>(reinterpret_cast<std::uintptr_t>(h) & ~(kSpanBytes - 1)); }
 
-ZR_HEAP_FAST PrivHeap* AsHeap(HANDLE handle) {
+ZR_ALWAYS_INLINE PrivHeap* AsHeap(HANDLE handle) {
   auto* heap = static_cast<PrivHeap*>(handle);
   if (!heap || (reinterpret_cast<std::uintptr_t>(heap) % alignof(PrivHeap)) != 0 || heap->magic != kHeapMagic)
     return nullptr;
@@ -132,7 +130,7 @@ inline SlotHeader* HeaderOf(const void* block) {
 }
 // Checks a small block against the address map without the heap lock: spans live as long as their
 // heap, so once the map names `heap` the span header may be read.
-ZR_HEAP_FAST bool OwnedSmall(PrivHeap* heap, std::uintptr_t p, HeapBlockSpan* span) {
+ZR_ALWAYS_INLINE bool OwnedSmall(PrivHeap* heap, std::uintptr_t p, HeapBlockSpan* span) {
   // A span is one aligned unit: its header's address follows from `p` and may be loaded while the
   // map is still being consulted; it is only used once the map names this heap.
   auto* s = reinterpret_cast<Span*>(p & ~(kSpanBytes - 1));
@@ -204,7 +202,7 @@ struct ThreadCache {
   ThreadCache* next = nullptr;
 };
 
-extern constinit thread_local ThreadCache* t_cache __attribute__((tls_model("initial-exec")));
+extern constinit thread_local ThreadCache* t_cache ZR_TLS_INITIAL_EXEC;
 
 // Counts of threads without a cache record (not made yet, or gone at the thread's end).
 extern std::atomic<std::uint32_t> g_loose_counters[kThreadCounters];
@@ -219,7 +217,7 @@ bool OwnedElsewhere(HANDLE handle, const void* block, HeapBlockSpan* span);  // 
 // zr::HeapFreeChecked through the thread's cache, attaching the heap to it first.
 BOOL FreeSlow(HANDLE handle, DWORD flags, void* block, void* home, std::uint32_t generation);
 
-ZR_HEAP_FAST void CountEvent(int counter) {
+ZR_ALWAYS_INLINE void CountEvent(int counter) {
   if (ThreadCache* cache = t_cache) {
     std::atomic<std::uint32_t>& value = cache->counters[counter];
     value.store(value.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -229,7 +227,7 @@ ZR_HEAP_FAST void CountEvent(int counter) {
 }
 
 // This thread's cache entry for the heap if it has one already.
-ZR_HEAP_FAST CacheEntry* AttachedEntry(PrivHeap* heap) {
+ZR_ALWAYS_INLINE CacheEntry* AttachedEntry(PrivHeap* heap) {
   ThreadCache* cache = t_cache;
   if (!cache) return nullptr;
   CacheEntry& entry = cache->entries[heap->way];
@@ -237,19 +235,19 @@ ZR_HEAP_FAST CacheEntry* AttachedEntry(PrivHeap* heap) {
 }
 
 // This thread's cache entry for the heap; null when the heap is not cached here.
-ZR_HEAP_FAST CacheEntry* EntryFor(PrivHeap* heap) {
+ZR_ALWAYS_INLINE CacheEntry* EntryFor(PrivHeap* heap) {
   if (CacheEntry* entry = AttachedEntry(heap)) return entry;
   return heap->cached ? AttachEntry(heap) : nullptr;
 }
 
-ZR_HEAP_FAST SlotHeader* PopCached(CacheBin& bin) {
+ZR_ALWAYS_INLINE SlotHeader* PopCached(CacheBin& bin) {
   SlotHeader* h = CacheBin::Head(bin.Load());
   if (h) bin.Store(h->size);
   return h;
 }
 
 // Returns the bin's new count.
-ZR_HEAP_FAST std::uint32_t PushCached(CacheBin& bin, SlotHeader* h) {
+ZR_ALWAYS_INLINE std::uint32_t PushCached(CacheBin& bin, SlotHeader* h) {
   const std::uint64_t w = bin.Load();
   const std::uint32_t count = CacheBin::Count(w) + 1;
   h->size = w;
@@ -258,7 +256,7 @@ ZR_HEAP_FAST std::uint32_t PushCached(CacheBin& bin, SlotHeader* h) {
 }
 
 // Frees a small block of the heap into the thread's bin; the bin gives half back when it overflows.
-ZR_HEAP_FAST BOOL FreeToCache(PrivHeap* heap, CacheEntry& entry, Span* s, std::uint32_t generation, void* block) {
+ZR_ALWAYS_INLINE BOOL FreeToCache(PrivHeap* heap, CacheEntry& entry, Span* s, std::uint32_t generation, void* block) {
   if (s->generation.load(std::memory_order_relaxed) != generation) return FALSE;  // reused since
   SlotHeader* h = HeaderOf(block);
   if (!ClaimSlot(h)) return FALSE;
@@ -269,7 +267,7 @@ ZR_HEAP_FAST BOOL FreeToCache(PrivHeap* heap, CacheEntry& entry, Span* s, std::u
 }
 
 // A live block of `bytes` in class `cls`.
-ZR_HEAP_FAST void* AllocSmall(PrivHeap* heap, int cls, std::size_t bytes) {
+ZR_ALWAYS_INLINE void* AllocSmall(PrivHeap* heap, int cls, std::size_t bytes) {
   if (CacheEntry* entry = EntryFor(heap)) {
     if (SlotHeader* h = PopCached(entry->bins[cls])) {  // its span kept the class meanwhile
       h->size = bytes;
@@ -283,7 +281,7 @@ ZR_HEAP_FAST void* AllocSmall(PrivHeap* heap, int cls, std::size_t bytes) {
 // ---- the entry points with the cached paths inlined ----------------------------------------------
 
 // HeapAlloc.
-ZR_HEAP_FAST void* AllocBlock(HANDLE handle, DWORD flags, std::size_t bytes) {
+ZR_ALWAYS_INLINE void* AllocBlock(HANDLE handle, DWORD flags, std::size_t bytes) {
   PrivHeap* heap = AsHeap(handle);
   const std::size_t slot = bytes + sizeof(SlotHeader);
   if (!heap || slot > kMaxSlotBytes || (flags & HEAP_ZERO_MEMORY)) return HeapAlloc(handle, flags, bytes);
@@ -291,20 +289,20 @@ ZR_HEAP_FAST void* AllocBlock(HANDLE handle, DWORD flags, std::size_t bytes) {
 }
 
 // zr::HeapBlockOwned for the blocks of the size classes only (a large block gives false).
-ZR_HEAP_FAST bool SmallBlockOwned(HANDLE handle, const void* block, HeapBlockSpan* span) {
+ZR_ALWAYS_INLINE bool SmallBlockOwned(HANDLE handle, const void* block, HeapBlockSpan* span) {
   PrivHeap* heap = AsHeap(handle);
   const auto p = reinterpret_cast<std::uintptr_t>(block);
   return heap && p != 0 && (p & 15) == 0 && OwnedSmall(heap, p, span);
 }
 
 // zr::HeapBlockOwned.
-ZR_HEAP_FAST bool BlockOwned(HANDLE handle, const void* block, HeapBlockSpan* span) {
+ZR_ALWAYS_INLINE bool BlockOwned(HANDLE handle, const void* block, HeapBlockSpan* span) {
   return SmallBlockOwned(handle, block, span) || OwnedElsewhere(handle, block, span);
 }
 
 // A block of the size classes taken from this thread's bin for the heap; null when the bin is empty
 // or the thread has no entry for the heap yet (HeapAlloc then does the rest).
-ZR_HEAP_FAST void* TakeCached(HANDLE handle, DWORD flags, std::size_t bytes) {
+ZR_ALWAYS_INLINE void* TakeCached(HANDLE handle, DWORD flags, std::size_t bytes) {
   PrivHeap* heap = AsHeap(handle);
   const std::size_t slot = bytes + sizeof(SlotHeader);
   if (!heap || slot > kMaxSlotBytes || (flags & HEAP_ZERO_MEMORY)) return nullptr;
@@ -317,7 +315,7 @@ ZR_HEAP_FAST void* TakeCached(HANDLE handle, DWORD flags, std::size_t bytes) {
 }
 
 // zr::HeapFreeChecked.
-ZR_HEAP_FAST BOOL FreeBlock(HANDLE handle, DWORD flags, void* block, const HeapBlockSpan& span) {
+ZR_ALWAYS_INLINE BOOL FreeBlock(HANDLE handle, DWORD flags, void* block, const HeapBlockSpan& span) {
   PrivHeap* heap = AsHeap(handle);
   auto* s = static_cast<Span*>(span.home);
   if (heap && s && reinterpret_cast<std::uintptr_t>(block) == span.begin) {

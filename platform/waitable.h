@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "base/compiler.h"
 #include "zrobj/coswait.h"
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
@@ -123,10 +124,10 @@ namespace zr {
 // Direct (not interposable) entries for the library's own hot paths; the exported functions above
 // are the same code. Not visible outside libzrobju.
 namespace lib {
-__attribute__((visibility("hidden"))) DWORD CurrentThreadId();
-__attribute__((visibility("hidden"))) void EnterSection(CRITICAL_SECTION* section);
-__attribute__((visibility("hidden"))) BOOL TryEnterSection(CRITICAL_SECTION* section);
-__attribute__((visibility("hidden"))) void LeaveSection(CRITICAL_SECTION* section);
+ZR_HIDDEN DWORD CurrentThreadId();
+ZR_HIDDEN void EnterSection(CRITICAL_SECTION* section);
+ZR_HIDDEN BOOL TryEnterSection(CRITICAL_SECTION* section);
+ZR_HIDDEN void LeaveSection(CRITICAL_SECTION* section);
 }  // namespace lib
 
 // ---- The futex-word object behind every waitable object ----

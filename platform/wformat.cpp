@@ -4,18 +4,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/formatspec.h"
 #include "platform/text.h"
 
 namespace zr {
 namespace {
-
-struct Spec {
-  bool left = false, plus = false, space = false, alt = false, zero = false;
-  int width = 0;
-  int precision = -1;
-  int int_bytes = 4;        // default integer size of Windows' printf (int and long are 32-bit)
-  int string_form = 0;      // 0 default, 'h' narrow, 'l' wide
-};
 
 class ArgReader {
  public:
@@ -33,7 +26,7 @@ void Pad(std::u16string& out, int n, char16_t c) {
 }
 
 // Writes prefix, `zeros` zero digits and body, padded to the width by '-' and '0' rules.
-void EmitPadded(std::u16string& out, const Spec& s, std::u16string_view prefix, std::size_t zeros,
+void EmitPadded(std::u16string& out, const FormatSpec& s, std::u16string_view prefix, std::size_t zeros,
                 std::u16string_view body, bool zero_allowed) {
   const std::size_t len = prefix.size() + zeros + body.size();
   const int fill = s.width > static_cast<int>(len) ? s.width - static_cast<int>(len) : 0;
@@ -68,13 +61,13 @@ std::int64_t SignExtend(std::uint64_t v, int bytes) {
   return static_cast<std::int64_t>(v << shift) >> shift;
 }
 
-void FormatInteger(std::u16string& out, const Spec& s, char conv, const FormatArg* arg) {
-  const std::uint64_t raw = Truncate(IntegerBits(arg), s.int_bytes);
+void FormatInteger(std::u16string& out, const FormatSpec& s, char conv, int bytes, const FormatArg* arg) {
+  const std::uint64_t raw = Truncate(IntegerBits(arg), bytes);
   const bool is_signed = conv == 'd' || conv == 'i';
   bool negative = false;
   std::uint64_t magnitude = raw;
   if (is_signed) {
-    const std::int64_t v = SignExtend(raw, s.int_bytes);
+    const std::int64_t v = SignExtend(raw, bytes);
     negative = v < 0;
     magnitude = negative ? 0 - static_cast<std::uint64_t>(v) : static_cast<std::uint64_t>(v);
   }
@@ -100,13 +93,12 @@ void FormatInteger(std::u16string& out, const Spec& s, char conv, const FormatAr
   EmitPadded(out, s, std::u16string_view(prefix, prefix_len), zeros, body, s.precision < 0);
 }
 
-void FormatPointer(std::u16string& out, Spec s, const FormatArg* arg) {
-  s.int_bytes = 8;
+void FormatPointer(std::u16string& out, FormatSpec s, const FormatArg* arg) {
   s.precision = 16;
-  FormatInteger(out, s, 'X', arg);
+  FormatInteger(out, s, 'X', 8, arg);
 }
 
-void FormatReal(std::u16string& out, const Spec& s, char conv, const FormatArg* arg) {
+void FormatReal(std::u16string& out, const FormatSpec& s, char conv, const FormatArg* arg) {
   double value = 0;
   if (arg && arg->kind == FormatArg::Kind::kDouble) value = arg->real;
   else if (arg && arg->kind == FormatArg::Kind::kInt)
@@ -138,11 +130,18 @@ void FormatReal(std::u16string& out, const Spec& s, char conv, const FormatArg* 
   out.append(big.begin(), big.begin() + len);
 }
 
-void FormatString(std::u16string& out, const Spec& s, bool wide_default, bool upper, const FormatArg* arg) {
-  // 'h' forces narrow, 'l'/'w' force wide; otherwise %s follows the format's width and %S the other.
-  bool wide = wide_default != upper;
-  if (s.string_form == 'h') wide = false;
-  if (s.string_form == 'l') wide = true;
+// 'h' forces narrow, 'l'/'w' force wide; otherwise %s follows the format's width and %S the other.
+bool IsWide(const FormatSpec& s, bool wide_default, bool upper) {
+  switch (TextWidth(s.length)) {
+    case FormatTextWidth::kNarrow: return false;
+    case FormatTextWidth::kWide: return true;
+    case FormatTextWidth::kDefault: break;
+  }
+  return wide_default != upper;
+}
+
+void FormatString(std::u16string& out, const FormatSpec& s, bool wide_default, bool upper, const FormatArg* arg) {
+  const bool wide = IsWide(s, wide_default, upper);
   const bool is_text = arg && (arg->kind == FormatArg::Kind::kNarrow || arg->kind == FormatArg::Kind::kWide);
   if (!arg || (!is_text && !(arg->kind == FormatArg::Kind::kPointer && arg->pointer == nullptr))) {
     EmitPadded(out, s, {}, 0, u"(?)", false);
@@ -167,41 +166,16 @@ void FormatString(std::u16string& out, const Spec& s, bool wide_default, bool up
   }
 }
 
-void FormatChar(std::u16string& out, const Spec& s, bool wide_default, bool upper, const FormatArg* arg) {
-  bool wide = wide_default != upper;
-  if (s.string_form == 'h') wide = false;
-  if (s.string_form == 'l') wide = true;
+void FormatChar(std::u16string& out, const FormatSpec& s, bool wide_default, bool upper, const FormatArg* arg) {
+  const bool wide = IsWide(s, wide_default, upper);
   const std::uint64_t v = IntegerBits(arg);
   const char16_t c = wide ? static_cast<char16_t>(v & 0xFFFF) : static_cast<char16_t>(v & 0xFF);
   EmitPadded(out, s, {}, 0, std::u16string_view(&c, 1), false);
 }
 
-int ReadNumber(std::u16string_view f, std::size_t& i) {
-  long long v = 0;
-  while (i < f.size() && f[i] >= u'0' && f[i] <= u'9') {
-    v = v * 10 + (f[i++] - u'0');
-    if (v > 100000) v = 100000;  // absurd widths are capped, never allocate gigabytes
-  }
-  return static_cast<int>(v);
-}
-
+// The argument of a '*', read as the int it is.
 int StarArgument(ArgReader& args) {
-  const auto v = SignExtend(Truncate(IntegerBits(args.Next()), 4), 4);
-  return static_cast<int>(v < -100000 ? -100000 : (v > 100000 ? 100000 : v));
-}
-
-// Parses the length modifier at f[i]; returns false for a sequence that is not one.
-void ReadLength(std::u16string_view f, std::size_t& i, Spec& s) {
-  auto at = [&](std::size_t k) { return i + k < f.size() ? f[i + k] : char16_t{0}; };
-  if (at(0) == u'I' && at(1) == u'6' && at(2) == u'4') { s.int_bytes = 8; i += 3; return; }
-  if (at(0) == u'I' && at(1) == u'3' && at(2) == u'2') { s.int_bytes = 4; i += 3; return; }
-  if (at(0) == u'I') { s.int_bytes = 8; i += 1; return; }
-  if (at(0) == u'h' && at(1) == u'h') { s.int_bytes = 1; s.string_form = 'h'; i += 2; return; }
-  if (at(0) == u'h') { s.int_bytes = 2; s.string_form = 'h'; i += 1; return; }
-  if (at(0) == u'l' && at(1) == u'l') { s.int_bytes = 8; s.string_form = 'l'; i += 2; return; }
-  if (at(0) == u'l' || at(0) == u'w') { s.int_bytes = 4; s.string_form = 'l'; i += 1; return; }
-  if (at(0) == u'L') { s.int_bytes = 8; i += 1; return; }
-  if (at(0) == u'z' || at(0) == u'j' || at(0) == u't') { s.int_bytes = 8; i += 1; return; }
+  return static_cast<int>(SignExtend(Truncate(IntegerBits(args.Next()), 4), 4));
 }
 
 void Format(std::u16string& out, std::u16string_view f, const FormatArg* list, std::size_t count,
@@ -215,72 +189,37 @@ void Format(std::u16string& out, std::u16string_view f, const FormatArg* list, s
       return;
     }
     out.append(f.substr(i, next - i));
-    const std::size_t start = next;
-    i = next + 1;
-    if (i >= f.size()) {  // a lone '%' at the end prints itself
-      out.push_back(u'%');
-      return;
-    }
-    if (f[i] == u'%') {
-      out.push_back(u'%');
-      ++i;
-      continue;
-    }
-    Spec s;
-    for (bool flags = true; flags && i < f.size(); ) {
-      switch (f[i]) {
-        case u'-': s.left = true; ++i; break;
-        case u'+': s.plus = true; ++i; break;
-        case u' ': s.space = true; ++i; break;
-        case u'#': s.alt = true; ++i; break;
-        case u'0': s.zero = true; ++i; break;
-        default: flags = false;
-      }
-    }
-    if (i < f.size() && f[i] == u'*') {
-      ++i;
-      s.width = StarArgument(args);
-      if (s.width < 0) { s.left = true; s.width = -s.width; }
-    } else {
-      s.width = ReadNumber(f, i);
-    }
-    if (i < f.size() && f[i] == u'.') {
-      ++i;
-      if (i < f.size() && f[i] == u'*') {
-        ++i;
-        s.precision = StarArgument(args);
-        if (s.precision < 0) s.precision = -1;
-      } else {
-        s.precision = ReadNumber(f, i);
-      }
-    }
-    ReadLength(f, i, s);
-    if (i >= f.size()) {  // truncated specification: print it as it stands
-      out.append(f.substr(start));
-      return;
-    }
-    const char16_t conv = f[i++];
-    switch (conv) {
-      case u'd': case u'i': case u'u': case u'x': case u'X': case u'o':
-        FormatInteger(out, s, static_cast<char>(conv), args.Next());
+    FormatSpec s = ParseFormatSpec(f.substr(next));
+    const std::u16string_view written = f.substr(next, s.size);
+    i = next + s.size;
+    if (s.width_from_arg) SetWidthFromArg(s, StarArgument(args));
+    if (s.precision_from_arg) SetPrecisionFromArg(s, StarArgument(args));
+    switch (s.kind) {
+      case FormatKind::kPercent:
+        out.push_back(u'%');
         break;
-      case u'p':
+      case FormatKind::kSigned:
+      case FormatKind::kUnsigned:
+        FormatInteger(out, s, s.conversion, IntegerBytes(s.length), args.Next());
+        break;
+      case FormatKind::kPointer:
         FormatPointer(out, s, args.Next());
         break;
-      case u'f': case u'F': case u'e': case u'E': case u'g': case u'G': case u'a': case u'A':
-        FormatReal(out, s, static_cast<char>(conv), args.Next());
+      case FormatKind::kReal:
+        FormatReal(out, s, s.conversion, args.Next());
         break;
-      case u's': case u'S':
-        FormatString(out, s, wide_default, conv == u'S', args.Next());
+      case FormatKind::kString:
+        FormatString(out, s, wide_default, s.conversion == 'S', args.Next());
         break;
-      case u'c': case u'C':
-        FormatChar(out, s, wide_default, conv == u'C', args.Next());
+      case FormatKind::kChar:
+        FormatChar(out, s, wide_default, s.conversion == 'C', args.Next());
         break;
-      case u'n':  // never writes through an argument
+      case FormatKind::kCount:  // never writes through an argument
         args.Next();
         break;
-      default:  // unknown conversion: shown literally so the mistake is visible
-        out.append(f.substr(start, i - start));
+      case FormatKind::kUnknown:    // shown literally so the mistake is visible
+      case FormatKind::kTruncated:  // a lone '%' at the end prints itself
+        out.append(written);
         break;
     }
   }

@@ -19,6 +19,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/byteorder.h"
 #include "platform/text.h"
 
 namespace {
@@ -213,9 +214,7 @@ DWORD AttributesOf(const std::string& path, const struct statx& st, const std::s
   char value[64] = {};
   const ssize_t n = ::getxattr(path.c_str(), "user.zrobj.attributes", value, sizeof value - 1);
   if (n == 4 && (value[0] < '0' || value[0] > '9')) {
-    DWORD bits;
-    std::memcpy(&bits, value, 4);
-    return bits;
+    return zr::LoadLE32(value);
   }
   if (n > 0) {
     char* end = nullptr;

@@ -11,12 +11,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/compiler.h"
 #include "platform/crashio.h"
 #include "platform/procinfo.h"
 
 extern "C" {
 // Present only in processes built with AddressSanitizer.
-__attribute__((weak)) void __asan_get_shadow_mapping(std::size_t* shadow_scale, std::size_t* shadow_offset);
+ZR_WEAK void __asan_get_shadow_mapping(std::size_t* shadow_scale, std::size_t* shadow_offset);
 }
 
 namespace zr {

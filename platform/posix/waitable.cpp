@@ -26,6 +26,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/compiler.h"
 #include "platform/posix/futex.h"
 #include "platform/text.h"
 
@@ -35,9 +36,9 @@ namespace {
 // Last error and thread ids
 
 thread_local DWORD t_last_error = 0;
-__attribute__((tls_model("initial-exec"))) thread_local DWORD t_thread_id = 0;
+ZR_TLS_INITIAL_EXEC thread_local DWORD t_thread_id = 0;
 
-[[gnu::noinline, gnu::cold]] DWORD FetchTid() { return t_thread_id = static_cast<DWORD>(::gettid()); }
+ZR_NOINLINE ZR_COLD DWORD FetchTid() { return t_thread_id = static_cast<DWORD>(::gettid()); }
 
 inline DWORD CurrentTid() {
   const DWORD id = t_thread_id;
@@ -965,7 +966,7 @@ inline void CpuRelax() {
 #endif
 }
 
-[[gnu::noinline]] void LockSlow(CRITICAL_SECTION* cs) {
+ZR_NOINLINE void LockSlow(CRITICAL_SECTION* cs) {
   for (std::uint32_t spin = cs->spin_count; spin != 0; --spin) {
     std::uint32_t expected = 0;
     if (cs->lock_word.load(std::memory_order_relaxed) == 0 &&

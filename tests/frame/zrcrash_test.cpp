@@ -15,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include "base/byteorder.h"
 #include "platform/crashio.h"
 #include "platform/diag_capture.h"
 #include "platform/fault.h"
@@ -236,9 +237,7 @@ struct Dump {
 
   template <class T>
   T At(std::size_t offset) const {
-    T v{};
-    if (offset + sizeof v <= bytes.size()) std::memcpy(&v, bytes.data() + offset, sizeof v);
-    return v;
+    return offset + sizeof(T) <= bytes.size() ? zr::LoadLE<T>(bytes.data() + offset) : T{};
   }
   std::uint32_t Rva(std::uint32_t type) const { return streams.count(type) ? streams.at(type).second : 0; }
 };

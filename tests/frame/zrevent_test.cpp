@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdarg>
 #include <cstddef>
 #include <filesystem>
 #include <map>
@@ -12,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "frame/services/zrevent_internal.h"
 #include "platform/clock.h"
 #include "platform/procinfo.h"
 #include "platform/text.h"
@@ -105,7 +107,7 @@ TEST_F(EventLog, CutsLongTextsAndDescribesMissingFormats) {
   CEventLogger::LogEvent(nullptr);
   CEventLogger::LogEvent(u"");
   CEventLogger::LogEvent(u"%hs=%d %s %I64u %.2f %c %ld %zu %x%%", "narrow", -5, u"wide", 1ull << 40, 2.5, 'Z',
-                         -7L, std::size_t{12}, 255u);
+                         LONG{-7}, std::size_t{12}, 255u);
   const Events list = EventList();
   ASSERT_EQ(list.size(), 5u);
   EXPECT_EQ(TextOf(list.records[0]), std::string(511, 'x'));
@@ -125,6 +127,58 @@ TEST_F(EventLog, CutsLongTextsAndDescribesMissingFormats) {
   zr::SetThreadInfoProvider(&long_names);
   CEventLogger::LogEvent(u"named");
   EXPECT_EQ(NameOf(EventList().records.back()), std::string(63, 'n'));
+}
+
+// The arguments LogEvent would capture for `format`.
+zr::EventArgs Collect(const char16_t* format, ...) {
+  zr::EventArgs args;
+  std::va_list ap;
+  va_start(ap, format);
+  zr::CollectEventArgs(format, ap, args);
+  va_end(ap);
+  return args;
+}
+
+TEST(EventArgs, LongIsReadAs32Bits) {
+  const zr::EventArgs args = Collect(u"%ld %lu %d %I64d %zu %hs", LONG{-5}, ULONG{0xFFFFFFFFu}, 7,
+                                     std::int64_t{-1} << 40, std::size_t{1} << 33, "text");
+  ASSERT_EQ(args.count, 6u);
+  EXPECT_EQ(args.items[0].bytes, 4u);  // "%ld" takes a 32-bit long, never 64 bits of the argument area
+  EXPECT_TRUE(args.items[0].is_signed);
+  EXPECT_EQ(static_cast<std::int64_t>(args.items[0].bits), -5);
+  EXPECT_EQ(args.items[1].bytes, 4u);
+  EXPECT_FALSE(args.items[1].is_signed);
+  EXPECT_EQ(args.items[1].bits, 0xFFFFFFFFu);
+  EXPECT_EQ(args.items[2].bits, 7u);
+  EXPECT_EQ(args.items[3].bytes, 8u);
+  EXPECT_EQ(static_cast<std::int64_t>(args.items[3].bits), std::int64_t{-1} << 40);
+  EXPECT_EQ(args.items[4].bits, std::uint64_t{1} << 33);
+  EXPECT_EQ(args.items[5].kind, zr::FormatArg::Kind::kNarrow);
+}
+
+TEST(EventArgs, StarsTakeIntsAndUnknownConversionsTakeNothing) {
+  const zr::EventArgs args = Collect(u"%*.*d %Z %q %% %5% %d %n", 6, 2, 42, 9, nullptr);
+  ASSERT_EQ(args.count, 5u);
+  EXPECT_EQ(args.items[0].bits, 6u);
+  EXPECT_EQ(args.items[1].bits, 2u);
+  EXPECT_EQ(args.items[2].bits, 42u);
+  EXPECT_EQ(args.items[3].bits, 9u);
+  EXPECT_EQ(args.items[4].kind, zr::FormatArg::Kind::kPointer);
+}
+
+TEST_F(EventLog, LongArgumentsAre32BitsInTheRecord) {
+  // Enough arguments that the later ones travel on the stack, where a 32-bit value leaves the upper
+  // half of its slot undefined.
+  CEventLogger::LogEvent(u"%d %d %d %d %d %ld|%lu|%lx|%d|%ld", 1, 2, 3, 4, 5, LONG{-5}, ULONG{4000000000u},
+                         LONG{0x1234}, 8, LONG{-2147483647 - 1});
+  CEventLogger::LogEvent(u"%Z|%d", 5);  // an unknown conversion takes no argument
+  const Events list = EventList();
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_EQ(TextOf(list.records[0]), "1 2 3 4 5 -5|4000000000|1234|8|-2147483648");
+  EXPECT_EQ(TextOf(list.records[1]), "%Z|5");
+  char line[1024];
+  ASSERT_GT(zr::FormatEventRecord(list.records[0], line, sizeof line), 0u);
+  EXPECT_NE(std::string(line).find("] 1 2 3 4 5 -5|4000000000|1234|8|-2147483648\r\n"), std::string::npos);
 }
 
 TEST_F(EventLog, SwitchedOffLogsNothing) {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "base/byteorder.h"
 #include "platform/diag_capture.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrrle.h"
@@ -14,12 +15,11 @@ namespace {
 
 using Bytes = std::vector<BYTE>;
 
-DWORD Word(const Bytes& b, std::size_t at) {
-  return DWORD{b[at]} | DWORD{b[at + 1]} << 8 | DWORD{b[at + 2]} << 16 | DWORD{b[at + 3]} << 24;
-}
+DWORD Word(const Bytes& b, std::size_t at) { return zr::LoadLE32(b.data() + at); }
 
 void PutWord(Bytes& b, DWORD v) {
-  for (int i = 0; i < 4; ++i) b.push_back(static_cast<BYTE>(v >> (8 * i)));
+  b.resize(b.size() + 4);
+  zr::StoreLE32(b.data() + b.size() - 4, v);
 }
 
 // Compresses into a destination of `capacity` bytes; empty when RLECompress refuses.

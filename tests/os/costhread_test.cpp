@@ -11,6 +11,7 @@
 #include <regex>
 #include <thread>
 
+#include "base/byteorder.h"
 #include "platform/diag_capture.h"
 #include "platform/privheap.h"
 #include "platform/clock.h"
@@ -85,14 +86,12 @@ TEST(COSThreadRegister, DumpBlockLayout) {
   void* block = COSThreadRegister::GetThreadDump(size);
   ASSERT_NE(block, nullptr);
   const auto* bytes = static_cast<const unsigned char*>(block);
-  DWORD count = 0;
-  std::memcpy(&count, bytes, 4);
+  const DWORD count = zr::LoadLE32(bytes);
   bool found = false;
   std::size_t at = 4;
   for (DWORD i = 0; i < count && at + 8 <= size; ++i) {
-    DWORD id = 0, chars = 0;
-    std::memcpy(&id, bytes + at, 4);
-    std::memcpy(&chars, bytes + at + 4, 4);
+    const DWORD id = zr::LoadLE32(bytes + at);
+    const DWORD chars = zr::LoadLE32(bytes + at + 4);
     std::u16string name(chars, u'\0');
     std::memcpy(name.data(), bytes + at + 8, chars * 2);
     if (id == 0x7FFD0001) found = (name == u"abc");

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "base/byteorder.h"
 #include "platform/clock.h"
 #include "platform/diag_capture.h"
 #include "platform/files.h"
@@ -27,7 +28,7 @@ bool Has(const std::string& text, const std::string& part) { return text.find(pa
 
 std::string LE32(DWORD v) {
   std::string out(4, '\0');
-  for (int i = 0; i < 4; ++i) out[i] = static_cast<char>(v >> (8 * i));
+  zr::StoreLE32(out.data(), v);
   return out;
 }
 // A chunk's bytes: id, size, data.

@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/zrtool/byteorder.h"
 #include "tools/zrtool/text.h"
 #include "tools/zrtool/command.h"
 #include "tools/zrtool/demo.h"
@@ -54,10 +55,6 @@ constexpr std::uintmax_t kMaxFileSize = 0xFFFFFFFFu;  // chunk offsets are 32-bi
 
 using Bytes = std::vector<unsigned char>;
 using Names = std::map<DWORD, std::string>;
-
-DWORD Get32(const Bytes& data, std::size_t at) {
-  return DWORD{data[at]} | DWORD{data[at + 1]} << 8 | DWORD{data[at + 2]} << 16 | DWORD{data[at + 3]} << 24;
-}
 
 bool PlausibleId(DWORD id) { return id == CHNK_UNNAMED_ID || (id & 0xFC00u) == 0; }
 
@@ -95,7 +92,7 @@ Run ScanRun(const Bytes& data, std::size_t begin, std::size_t end) {
       run.reason = std::to_string(end - at) + " byte(s) left, too few for a chunk header";
       break;
     }
-    const Span span{at, Get32(data, at), Get32(data, at + 4), 0};
+    const Span span{at, LoadLE32(&data[at]), LoadLE32(&data[at + 4]), 0};
     if (!PlausibleId(span.id)) {
       run.reason = "id " + Hex32(span.id) + " is no hash id (bits 10-15 set)";
       break;

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <string>
 
+#include "base/byteorder.h"
 #include "platform/identity.h"
 #include "platform/text.h"
 
@@ -96,9 +97,9 @@ DWORD GetPathHash(const WCHAR* path) {
 DWORD GetCRC1615(const void* data, DWORD length) { return g_checksum_engine.Eval(data, length); }
 
 DWORD AddCRC1615(DWORD a, DWORD b) {
-  const BYTE bytes[8] = {
-      static_cast<BYTE>(a), static_cast<BYTE>(a >> 8), static_cast<BYTE>(a >> 16), static_cast<BYTE>(a >> 24),
-      static_cast<BYTE>(b), static_cast<BYTE>(b >> 8), static_cast<BYTE>(b >> 16), static_cast<BYTE>(b >> 24)};
+  BYTE bytes[8];
+  zr::StoreLE32(bytes, a);
+  zr::StoreLE32(bytes + 4, b);
   return g_checksum_engine.Eval(bytes, sizeof(bytes));
 }
 

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/byteorder.h"
+#include "base/compiler.h"
 #include "platform/dlgsvc.h"
 #include "zrobj/zrdiag.h"
 
@@ -13,33 +15,6 @@ namespace {
 
 // Runs shorter than this many equal elements stay inside literals.
 constexpr DWORD kRunThreshold = 11;
-
-DWORD Get32(const BYTE* p) {
-  return DWORD{p[0]} | DWORD{p[1]} << 8 | DWORD{p[2]} << 16 | DWORD{p[3]} << 24;
-}
-
-void Put32(BYTE* p, DWORD v) {
-  p[0] = static_cast<BYTE>(v);
-  p[1] = static_cast<BYTE>(v >> 8);
-  p[2] = static_cast<BYTE>(v >> 16);
-  p[3] = static_cast<BYTE>(v >> 24);
-}
-
-// Elements as stored in a block: bytes, or 16-bit little-endian words.
-template <class T>
-T GetElement(const BYTE* p) {
-  if constexpr (sizeof(T) == 1) {
-    return *p;
-  } else {
-    return static_cast<T>(p[0] | p[1] << 8);
-  }
-}
-
-template <class T>
-void PutElement(BYTE* p, T v) {
-  p[0] = static_cast<BYTE>(v);
-  if constexpr (sizeof(T) == 2) p[1] = static_cast<BYTE>(v >> 8);
-}
 
 // ---- Compression ------------------------------------------------------------------------------
 
@@ -55,8 +30,8 @@ class Compressor {
   int Run() {
     if (!out_ || out_size_ < RLE_HEADER_SIZE + kMinTag) return 0;
     if (count_ > RLE_MAX_TAG_ELEMENTS || (count_ && !source_)) return 0;
-    Put32(out_, count_);
-    Put32(out_ + 8, 0);
+    zr::StoreLE32(out_, count_);
+    zr::StoreLE32(out_ + 8, 0);
     std::size_t cursor = RLE_HEADER_SIZE;
     DWORD tags = 0;
     DWORD pos = 0;
@@ -72,13 +47,13 @@ class Compressor {
       }
       DWORD end = pos + 1;
       while (end < count_ && At(end) == At(pos)) ++end;
-      Put32(out_ + cursor, end - pos);
-      PutElement(out_ + cursor + 4, At(pos));
+      zr::StoreLE32(out_ + cursor, end - pos);
+      zr::StoreLE<T>(out_ + cursor + 4, At(pos));
       cursor += kMinTag;
       pos = end;
     }
-    Put32(out_ + 4, static_cast<DWORD>(cursor));
-    Put32(out_ + 8, tags);
+    zr::StoreLE32(out_ + 4, static_cast<DWORD>(cursor));
+    zr::StoreLE32(out_ + 8, tags);
     return 1;
   }
 
@@ -102,9 +77,9 @@ class Compressor {
   bool FitsLiteral(std::size_t cursor, DWORD n) const { return cursor + 4 + n * kElement <= out_size_; }
 
   std::size_t WriteLiteral(std::size_t cursor, DWORD first, DWORD n) {
-    Put32(out_ + cursor, RLE_LITERAL_FLAG | n);
+    zr::StoreLE32(out_ + cursor, RLE_LITERAL_FLAG | n);
     cursor += 4;
-    for (DWORD k = first; k < first + n; ++k, cursor += kElement) PutElement(out_ + cursor, At(k));
+    for (DWORD k = first; k < first + n; ++k, cursor += kElement) zr::StoreLE<T>(out_ + cursor, At(k));
     return cursor;
   }
 
@@ -112,9 +87,9 @@ class Compressor {
   int Fallback() {
     const std::size_t total = RLE_HEADER_SIZE + 4 + std::size_t{count_} * kElement;
     if (total > out_size_) return 0;
-    Put32(out_, count_);
-    Put32(out_ + 4, static_cast<DWORD>(total));
-    Put32(out_ + 8, 1);
+    zr::StoreLE32(out_, count_);
+    zr::StoreLE32(out_ + 4, static_cast<DWORD>(total));
+    zr::StoreLE32(out_ + 8, 1);
     WriteLiteral(RLE_HEADER_SIZE, 0, count_);
     return 1;
   }
@@ -132,7 +107,7 @@ struct CheckError {
   char text[192] = {};
   bool failed = false;
 
-  __attribute__((format(printf, 2, 3))) bool Set(const char* format, ...) {
+  ZR_PRINTF_FORMAT(2, 3) bool Set(const char* format, ...) {
     va_list args;
     va_start(args, format);
     std::vsnprintf(text, sizeof(text), format, args);
@@ -147,14 +122,14 @@ struct CheckError {
 template <class T, bool kChecked>
 bool ExpandTags(T* destination, const BYTE* block, std::size_t limit, DWORD count, DWORD stride, CheckError* error) {
   constexpr std::size_t kElement = sizeof(T);
-  const DWORD tags = Get32(block + 8);
+  const DWORD tags = zr::LoadLE32(block + 8);
   std::size_t cursor = RLE_HEADER_SIZE;
   std::size_t written = 0;
   std::size_t out = 0;  // index into destination of the next element
   for (DWORD t = 0; t < tags; ++t) {
     if (kChecked && limit - cursor < 4)
       return error->Set("tag %u at offset %zu runs past the end of the block (%zu bytes)", t, cursor, limit);
-    const DWORD word = Get32(block + cursor);
+    const DWORD word = zr::LoadLE32(block + cursor);
     const DWORD n = word & RLE_MAX_TAG_ELEMENTS;
     const bool literal = (word & RLE_LITERAL_FLAG) != 0;
     const std::size_t payload = literal ? n * kElement : kElement;
@@ -166,9 +141,9 @@ bool ExpandTags(T* destination, const BYTE* block, std::size_t limit, DWORD coun
     cursor += 4;
     if (literal) {
       for (DWORD i = 0; i < n; ++i, cursor += kElement, out += stride)
-        destination[out] = GetElement<T>(block + cursor);
+        destination[out] = zr::LoadLE<T>(block + cursor);
     } else {
-      const T value = GetElement<T>(block + cursor);
+      const T value = zr::LoadLE<T>(block + cursor);
       cursor += kElement;
       for (DWORD i = 0; i < n; ++i, out += stride) destination[out] = value;
     }
@@ -190,8 +165,8 @@ int ExpandChecked(const char* function, T* destination, DWORD destination_units,
   if (!block || block_size < RLE_HEADER_SIZE) {
     error.Set("a block of %u bytes is shorter than its %u-byte header", block ? block_size : 0, RLE_HEADER_SIZE);
   } else {
-    const DWORD count = Get32(block);
-    const DWORD stated = Get32(block + 4);
+    const DWORD count = zr::LoadLE32(block);
+    const DWORD stated = zr::LoadLE32(block + 4);
     // Element k lands at unit k * stride, so count elements need (count - 1) * stride + 1 units.
     const std::size_t needed = count ? (std::size_t{count} - 1) * stride + 1 : 0;
     if (stated < RLE_HEADER_SIZE || stated > block_size) {

@@ -8,6 +8,7 @@
 #include <new>
 #include <type_traits>
 
+#include "base/byteorder.h"
 #include "platform/clock.h"
 #include "platform/dlgsvc.h"
 #include "platform/files.h"
@@ -168,11 +169,6 @@ struct ChunkRules<CPMemoryFile> {
   static constexpr bool kReadsRemainder = false;
 };
 
-void PutLE32(BYTE* p, DWORD value) {
-  for (int i = 0; i < 4; ++i) p[i] = static_cast<BYTE>(value >> (8 * i));
-}
-DWORD GetLE32(const BYTE* p) { return DWORD{p[0]} | DWORD{p[1]} << 8 | DWORD{p[2]} << 16 | DWORD{p[3]} << 24; }
-
 // A null name reads as the empty name (id 0): it never matches an unnamed chunk (0xFC00).
 DWORD ReadingId(const char* name) { return GetHashID(name ? name : ""); }
 DWORD WritingId(const char* name) { return name ? GetHashID(name) : CHNK_UNNAMED_ID; }
@@ -249,10 +245,10 @@ class ChunkCore {
     UINT64 at = start;
     for (;;) {
       BYTE header[kHeaderSize];
-      if (stream_.Read(header, kHeaderSize) < kHeaderSize || INT64{GetLE32(header + 4)} + kHeaderSize > remaining)
+      if (stream_.Read(header, kHeaderSize) < kHeaderSize || INT64{zr::LoadLE32(header + 4)} + kHeaderSize > remaining)
         return Restore(start, u"\r%s::Chnk_Find failed: Bad subchunk info\r\n");
-      if (wanted != CHNK_UNNAMED_ID && GetLE32(header) == wanted) return Found(at);
-      const UINT64 skipped = UINT64{GetLE32(header + 4)} + kHeaderSize;
+      if (wanted != CHNK_UNNAMED_ID && zr::LoadLE32(header) == wanted) return Found(at);
+      const UINT64 skipped = UINT64{zr::LoadLE32(header + 4)} + kHeaderSize;
       at += skipped;
       Seek(at);
       remaining -= static_cast<INT64>(skipped);
@@ -309,8 +305,8 @@ class ChunkCore {
   unsigned int OpenForWrite(const char* name) {
     const DWORD at = stream_.GetFilePtr();
     BYTE header[kHeaderSize];
-    PutLE32(header, WritingId(name));
-    PutLE32(header + 4, 0);
+    zr::StoreLE32(header, WritingId(name));
+    zr::StoreLE32(header + 4, 0);
     if (stream_.Write(header, kHeaderSize) < kHeaderSize)
       return Deny(4, u"\r%s::OpenChunk denied: Error writing chunk header\r\n");
     return PushLevel(at, 0);
@@ -321,8 +317,8 @@ class ChunkCore {
       return Deny(4, u"\r%s::OpenChunk denied: Parent chunk exceeded\r\n");
     const DWORD at = stream_.GetFilePtr();
     BYTE header[kHeaderSize];
-    if (stream_.Read(header, kHeaderSize) == kHeaderSize && GetLE32(header) == ReadingId(name))
-      return PushLevel(at, GetLE32(header + 4));
+    if (stream_.Read(header, kHeaderSize) == kHeaderSize && zr::LoadLE32(header) == ReadingId(name))
+      return PushLevel(at, zr::LoadLE32(header + 4));
     Seek(at);
     return Deny(4, u"\r%s::OpenChunk denied: Error reading chunk header\r\n");
   }
@@ -332,7 +328,7 @@ class ChunkCore {
     if (IsDebugOn() && state_.dwLevels - level > 1) WarningMsg(Rules::kMultipleClose, caller, ZR_CURRENT_FRAME());
     for (DWORD i = level; i < state_.dwLevels; ++i) {
       BYTE size[4];
-      PutLE32(size, position - state_.levels[i].dwHeaderPos - kHeaderSize);
+      zr::StoreLE32(size, position - state_.levels[i].dwHeaderPos - kHeaderSize);
       Seek(UINT64{state_.levels[i].dwHeaderPos} + 4);
       stream_.Write(size, sizeof size);
     }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/byteorder.h"
 #include "platform/clock.h"
 #include "platform/crashio.h"
 #include "platform/fault.h"
@@ -63,9 +64,9 @@ alignas(16) std::uint8_t g_chunk[256 * 1024];
 class Bytes {
  public:
   Bytes& U8(std::uint8_t v) { return Raw(&v, 1); }
-  Bytes& U16(std::uint16_t v) { return Raw(&v, 2); }
-  Bytes& U32(std::uint32_t v) { return Raw(&v, 4); }
-  Bytes& U64(std::uint64_t v) { return Raw(&v, 8); }
+  Bytes& U16(std::uint16_t v) { return Word(v); }
+  Bytes& U32(std::uint32_t v) { return Word(v); }
+  Bytes& U64(std::uint64_t v) { return Word(v); }
   Bytes& Zeros(std::size_t n) {
     n = std::min(n, sizeof buffer_ - size_);
     std::memset(buffer_ + size_, 0, n);
@@ -82,6 +83,13 @@ class Bytes {
   std::size_t size() const { return size_; }
 
  private:
+  template <class T>
+  Bytes& Word(T v) {
+    std::uint8_t bytes[sizeof(T)];
+    zr::StoreLE(bytes, v);
+    return Raw(bytes, sizeof bytes);
+  }
+
   std::uint8_t buffer_[256];
   std::size_t size_ = 0;
 };
@@ -104,6 +112,7 @@ class DumpFile {
     return static_cast<DWORD>(at);
   }
   DWORD Append(const Bytes& b) { return Append(b.data(), b.size()); }
+  DWORD Append32(std::uint32_t v) { return Append(Bytes().U32(v)); }
   // Process memory; what cannot be read is written as zeros, page by page.
   void AppendMemory(std::uint64_t start, std::uint64_t size) {
     while (size > 0) {
@@ -199,7 +208,7 @@ DWORD AppendString(DumpFile& out, const char* text) {
   const std::size_t units = Utf8ToUtf16Fixed(text ? text : "", wide, 1024);
   out.Align(4);
   const DWORD bytes = static_cast<DWORD>(units * 2);
-  const DWORD rva = out.Append(&bytes, 4);
+  const DWORD rva = out.Append32(bytes);
   out.Append(wide, (units + 1) * 2);
   return rva;
 }
@@ -256,14 +265,14 @@ DWORD WriteModuleList(DumpFile& out, DWORD* size) {
     cv_rva[i] = cv_size[i] = 0;
     if (m.build_id && m.build_id_size) {
       out.Align(4);
-      cv_rva[i] = out.Append(&kCvElfBuildId, 4);
+      cv_rva[i] = out.Append32(kCvElfBuildId);
       out.Append(m.build_id, m.build_id_size);
       cv_size[i] = static_cast<DWORD>(4 + m.build_id_size);
     }
   }
   out.Align(4);
   const DWORD count = static_cast<DWORD>(g_module_count);
-  const DWORD rva = out.Append(&count, 4);
+  const DWORD rva = out.Append32(count);
   for (int i = 0; i < g_module_count; ++i) {
     const ModuleEntry& m = g_modules[i];
     Bytes b;
@@ -285,7 +294,7 @@ DWORD WriteMemoryList(DumpFile& out, const Range& stack, DWORD stack_rva, DWORD*
   }
   out.Align(4);
   const DWORD count = static_cast<DWORD>(g_range_count + 1);
-  const DWORD list = out.Append(&count, 4);
+  const DWORD list = out.Append32(count);
   Bytes s;
   s.U64(stack.start).U32(static_cast<DWORD>(stack.size)).U32(stack_rva);
   out.Append(s);

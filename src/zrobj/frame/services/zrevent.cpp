@@ -10,6 +10,7 @@
 #include "platform/clock.h"
 #include "platform/crashio.h"
 #include "platform/fault.h"
+#include "platform/formatspec.h"
 #include "platform/procinfo.h"
 #include "platform/wformat.h"
 #include "zrobj/coslock.h"
@@ -24,7 +25,6 @@ namespace {
 constexpr int kDefaultHistory = 1024;
 constexpr int kMaxHistory = 65536;             // ~76 MB of records; larger settings are clipped
 constexpr std::size_t kFormatBufferChars = 2048;  // the 4096-byte formatting buffer
-constexpr std::size_t kMaxFormatArgs = 64;
 constexpr char16_t kNoDescription[] = u"No description";
 
 struct EventLogState {
@@ -40,98 +40,6 @@ struct EventLogState {
 EventLogState& State() {
   static EventLogState* state = new EventLogState;  // never destroyed: logging works during unload
   return *state;
-}
-
-// Room for the arguments of one event without constructing them up front (FormatArg has no default).
-struct ArgList {
-  union {
-    zr::FormatArg items[kMaxFormatArgs];
-  };
-  std::size_t count = 0;
-  ArgList() {}
-  void Push(const zr::FormatArg& a) {
-    if (count < kMaxFormatArgs) new (&items[count++]) zr::FormatArg(a);
-  }
-};
-
-bool IsDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
-
-// Reads from `ap` the arguments that a wide format names, each with the type the library's printf
-// dialect gives its conversion, so that the typed formatter can print them.
-void CollectArgs(const char16_t* f, va_list ap, ArgList& out) {
-  auto push = [&](const zr::FormatArg& a) { out.Push(a); };
-  for (const char16_t* p = f; *p; ++p) {
-    if (*p != u'%') continue;
-    if (*++p == u'%') continue;
-    while (*p == u'-' || *p == u'+' || *p == u' ' || *p == u'#' || *p == u'0') ++p;
-    if (*p == u'*') push(zr::MakeFormatArg(va_arg(ap, int))), ++p;
-    while (IsDigit(*p)) ++p;
-    if (*p == u'.') {
-      ++p;
-      if (*p == u'*') push(zr::MakeFormatArg(va_arg(ap, int))), ++p;
-      while (IsDigit(*p)) ++p;
-    }
-    enum { kInt, kLong, kLongLong, kSize, kLongDouble } size = kInt;
-    char string_form = 0;  // 'h' narrow, 'l' wide
-    if (p[0] == u'I' && p[1] == u'6' && p[2] == u'4') size = kLongLong, p += 3;
-    else if (p[0] == u'I' && p[1] == u'3' && p[2] == u'2') p += 3;
-    else if (p[0] == u'h' && p[1] == u'h') p += 2;
-    else if (p[0] == u'l' && p[1] == u'l') size = kLongLong, p += 2;
-    else if (*p == u'h') string_form = 'h', ++p;
-    else if (*p == u'l' || *p == u'w') size = *p == u'l' ? kLong : kInt, string_form = 'l', ++p;
-    else if (*p == u'L') size = kLongDouble, ++p;
-    else if (*p == u'z' || *p == u'I' || *p == u'j' || *p == u't') size = kSize, ++p;
-    if (!*p) break;
-    switch (*p) {
-      case u'd':
-      case u'i':
-        push(size == kLong ? zr::MakeFormatArg(va_arg(ap, long))
-             : size == kLongLong ? zr::MakeFormatArg(va_arg(ap, long long))
-             : size == kSize ? zr::MakeFormatArg(va_arg(ap, std::ptrdiff_t))
-                             : zr::MakeFormatArg(va_arg(ap, int)));
-        break;
-      case u'u':
-      case u'x':
-      case u'X':
-      case u'o':
-        push(size == kLong ? zr::MakeFormatArg(va_arg(ap, unsigned long))
-             : size == kLongLong ? zr::MakeFormatArg(va_arg(ap, unsigned long long))
-             : size == kSize ? zr::MakeFormatArg(va_arg(ap, std::size_t))
-                             : zr::MakeFormatArg(va_arg(ap, unsigned)));
-        break;
-      case u'c':
-      case u'C':
-        push(zr::MakeFormatArg(va_arg(ap, int)));
-        break;
-      case u's':
-      case u'S':
-      case u'Z': {
-        // In a wide format "%s" is UTF-16 and "%S" narrow; "h" and "l" say it explicitly.
-        const void* text = va_arg(ap, const void*);
-        const bool narrow = string_form == 'h' || (string_form == 0 && *p != u's');
-        push(narrow ? zr::MakeFormatArg(static_cast<const char*>(text))
-                    : zr::MakeFormatArg(static_cast<const char16_t*>(text)));
-        break;
-      }
-      case u'p':
-      case u'n':
-        push(zr::MakeFormatArg(va_arg(ap, const void*)));
-        break;
-      case u'e':
-      case u'E':
-      case u'f':
-      case u'F':
-      case u'g':
-      case u'G':
-      case u'a':
-      case u'A':
-        push(size == kLongDouble ? zr::MakeFormatArg(static_cast<double>(va_arg(ap, long double)))
-                                 : zr::MakeFormatArg(va_arg(ap, double)));
-        break;
-      default:  // unknown conversion: takes no argument
-        break;
-    }
-  }
 }
 
 // Copies at most capacity-1 units of `text` and terminates within the field.
@@ -205,11 +113,11 @@ void CEventLogger::LogEvent(const WCHAR* format, ...) {
   const DWORD thread_id = zr::CurrentOsThreadId();
   WCHAR name[64];
   zr::GetRegisteredThreadName(thread_id, name, 64);
-  ArgList args;
+  zr::EventArgs args;
   if (format && *format) {
-    va_list ap;
+    std::va_list ap;
     va_start(ap, format);
-    CollectArgs(format, ap, args);
+    zr::CollectEventArgs(format, ap, args);
     va_end(ap);
   }
 
@@ -237,6 +145,57 @@ void CEventLogger::LogEvent(const WCHAR* format, ...) {
   r.ftTime.dwHighDateTime = static_cast<DWORD>(now >> 32);
   s.write_index = (s.write_index + 1) % capacity;
 }
+
+namespace zr {
+namespace {
+
+// The integer argument of a conversion: int or unsigned, or 64-bit for a modifier that names it.
+FormatArg IntegerArg(const FormatSpec& s, std::va_list& ap) {
+  const bool wide = IntegerBytes(s.length) == 8;
+  if (s.kind == FormatKind::kSigned)
+    return wide ? MakeFormatArg(va_arg(ap, long long)) : MakeFormatArg(va_arg(ap, int));
+  return wide ? MakeFormatArg(va_arg(ap, unsigned long long)) : MakeFormatArg(va_arg(ap, unsigned));
+}
+
+// In a wide format "%s" is UTF-16 and "%S" narrow; "h" and "l" say it explicitly.
+FormatArg StringArg(const FormatSpec& s, std::va_list& ap) {
+  const void* text = va_arg(ap, const void*);
+  const FormatTextWidth width = TextWidth(s.length);
+  const bool narrow = width == FormatTextWidth::kNarrow || (width == FormatTextWidth::kDefault && s.conversion == 'S');
+  return narrow ? MakeFormatArg(static_cast<const char*>(text)) : MakeFormatArg(static_cast<const char16_t*>(text));
+}
+
+void CollectArg(const FormatSpec& s, std::va_list& ap, EventArgs& out) {
+  switch (s.kind) {
+    case FormatKind::kSigned:
+    case FormatKind::kUnsigned: out.Push(IntegerArg(s, ap)); break;
+    case FormatKind::kChar: out.Push(MakeFormatArg(va_arg(ap, int))); break;
+    case FormatKind::kString: out.Push(StringArg(s, ap)); break;
+    case FormatKind::kPointer:
+    case FormatKind::kCount: out.Push(MakeFormatArg(va_arg(ap, const void*))); break;
+    case FormatKind::kReal:
+      out.Push(s.length == FormatLength::kLongDouble ? MakeFormatArg(static_cast<double>(va_arg(ap, long double)))
+                                                     : MakeFormatArg(va_arg(ap, double)));
+      break;
+    case FormatKind::kPercent:
+    case FormatKind::kUnknown:
+    case FormatKind::kTruncated: break;  // no argument
+  }
+}
+
+}  // namespace
+
+void CollectEventArgs(std::u16string_view format, std::va_list& ap, EventArgs& out) {
+  for (std::size_t i = format.find(u'%'); i != std::u16string_view::npos; i = format.find(u'%', i)) {
+    const FormatSpec s = ParseFormatSpec(format.substr(i));
+    i += s.size;
+    if (s.width_from_arg) out.Push(MakeFormatArg(va_arg(ap, int)));
+    if (s.precision_from_arg) out.Push(MakeFormatArg(va_arg(ap, int)));
+    CollectArg(s, ap, out);
+  }
+}
+
+}  // namespace zr
 
 CPMemory CEventLogger::GetEventList() {
   CPMemory list;

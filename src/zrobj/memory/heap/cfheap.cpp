@@ -9,6 +9,7 @@
 #include <mutex>
 #include <new>
 
+#include "base/compiler.h"
 #include "platform/clock.h"
 #include "platform/dlgsvc.h"
 #include "platform/fault.h"
@@ -170,7 +171,7 @@ void CFHeap::ReleaseIdleBlocks(DWORD now) {
 // ---- allocation --------------------------------------------------------------------------------
 
 // Takes the first free slot of a block that has one.
-inline __attribute__((always_inline)) void* CFHeap::PopSlot(tagFHEAPBLOCK* block) {
+ZR_ALWAYS_INLINE void* CFHeap::PopSlot(tagFHEAPBLOCK* block) {
   const std::uintptr_t slot = Addr(block) + block->dwFreeList;
   block->dwFreeList = zr::SlotWord(slot, 1);
   zr::SetSlotWord(slot, 1, CFHEAP_ALLOCATED);
@@ -179,7 +180,7 @@ inline __attribute__((always_inline)) void* CFHeap::PopSlot(tagFHEAPBLOCK* block
 }
 
 // Puts an allocated slot back on its block's free list.
-inline __attribute__((always_inline)) void CFHeap::PushSlot(tagFHEAPBLOCK* block, std::uintptr_t slot) {
+ZR_ALWAYS_INLINE void CFHeap::PushSlot(tagFHEAPBLOCK* block, std::uintptr_t slot) {
   zr::SetSlotWord(slot, 1, block->dwFreeList);
   block->dwFreeList = static_cast<DWORD>(slot - Addr(block));
   ++block->dwFree;
@@ -196,7 +197,7 @@ void* CFHeap::Alloc() {
   return AllocLocked();
 }
 
-__attribute__((noinline)) void* CFHeap::AllocLocked() {
+ZR_NOINLINE void* CFHeap::AllocLocked() {
   zr::LightGuard guard(lock_);
   tagFHEAPBLOCK* block = first_;
   while (block && block->dwFree == 0) block = block->pNext;
@@ -221,7 +222,7 @@ __attribute__((noinline)) void* CFHeap::AllocLocked() {
 
 // The block of an allocated slot inside one of this pool's own blocks, read directly; null for
 // anything else (CheckSlot then looks again and says why).
-inline __attribute__((always_inline)) tagFHEAPBLOCK* CFHeap::OwnSlot(std::uintptr_t slot) {
+ZR_ALWAYS_INLINE tagFHEAPBLOCK* CFHeap::OwnSlot(std::uintptr_t slot) {
   const zr::RegionEntry entry = zr::LookupRegion(Ptr(slot));
   if (entry.owner != this) return nullptr;
   auto* block = static_cast<tagFHEAPBLOCK*>(entry.object);
@@ -229,13 +230,13 @@ inline __attribute__((always_inline)) tagFHEAPBLOCK* CFHeap::OwnSlot(std::uintpt
 }
 
 // True if a slot's two words at `slot` lie inside the slot area of `block` (any address may be asked).
-inline __attribute__((always_inline)) bool CFHeap::SlotInBlock(tagFHEAPBLOCK* block, std::uintptr_t slot) const {
+ZR_ALWAYS_INLINE bool CFHeap::SlotInBlock(tagFHEAPBLOCK* block, std::uintptr_t slot) const {
   const std::uintptr_t offset = slot - Addr(block);  // wraps above the region when below the block
   return offset >= zr::kBlockHeader && offset <= region_bytes_ - zr::kSlotHeader;
 }
 
 // True if `slot` lies inside `block`, one of this pool's own blocks, and is marked allocated there.
-inline __attribute__((always_inline)) bool CFHeap::SlotIsAllocatedIn(tagFHEAPBLOCK* block, std::uintptr_t slot) {
+ZR_ALWAYS_INLINE bool CFHeap::SlotIsAllocatedIn(tagFHEAPBLOCK* block, std::uintptr_t slot) {
   if (!SlotInBlock(block, slot)) return false;
   // Word by word: Alloc has just stored the next word alone, and a wider read could not take it from
   // the store buffer.
@@ -243,7 +244,7 @@ inline __attribute__((always_inline)) bool CFHeap::SlotIsAllocatedIn(tagFHEAPBLO
 }
 
 // The block of an allocated slot of this pool, or null after reporting why not (debug output on).
-__attribute__((noinline, cold)) tagFHEAPBLOCK* CFHeap::CheckSlot(std::uintptr_t slot) {
+ZR_NOINLINE ZR_COLD tagFHEAPBLOCK* CFHeap::CheckSlot(std::uintptr_t slot) {
   DWORD words[2] = {0, 0};
   tagFHEAPBLOCK* mine = nullptr;
   const zr::RegionEntry entry = zr::LookupRegion(Ptr(slot));
@@ -279,7 +280,7 @@ void CFHeap::Free(void* item) {
   FreeLocked(slot);
 }
 
-__attribute__((noinline)) void CFHeap::FreeLocked(std::uintptr_t slot) {
+ZR_NOINLINE void CFHeap::FreeLocked(std::uintptr_t slot) {
   tagFHEAPBLOCK* block = OwnSlot(slot);
   if (!block && !(block = CheckSlot(slot))) return;
   zr::LightGuard guard(lock_);

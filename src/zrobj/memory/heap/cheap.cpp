@@ -10,6 +10,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "base/compiler.h"
 #include "platform/dlgsvc.h"
 #include "platform/fault.h"
 #include "platform/platdiag.h"
@@ -94,14 +95,14 @@ inline void AddCounts(std::atomic<std::uint64_t>& counts, std::int32_t itemDelta
 
 // The private heap never faults; a failure where Windows would have raised (HEAP_GENERATE_EXCEPTIONS)
 // gets the report of the structured-exception guard.
-__attribute__((noinline, cold)) void ReportFailedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
+ZR_NOINLINE ZR_COLD void ReportFailedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
   if (HeapFailureRaises(heap, static_cast<DWORD>(heapFlags)))
     wPrintf(0, 0, u"\rHeapAlloc(%08X,%08X,%u) failed \r\n", Addr(heap), heapFlags, bytes);
 }
 
-inline __attribute__((always_inline)) void* GuardedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
+ZR_ALWAYS_INLINE void* GuardedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
   void* block = heapimpl::AllocBlock(heap, static_cast<DWORD>(heapFlags), bytes);
-  if (!block) ReportFailedAlloc(heap, heapFlags, bytes);
+  if (ZR_UNLIKELY(!block)) ReportFailedAlloc(heap, heapFlags, bytes);
   return block;
 }
 
@@ -109,7 +110,7 @@ inline __attribute__((always_inline)) void* GuardedAlloc(HANDLE heap, unsigned l
 
 class BlockReader {
  public:
-  __attribute__((always_inline)) BlockReader(HANDLE heap, std::uintptr_t heapBlock) {
+  ZR_ALWAYS_INLINE BlockReader(HANDLE heap, std::uintptr_t heapBlock) {
     owned_ = heapimpl::BlockOwned(heap, Ptr(heapBlock), &span_);
   }
   bool owned() const { return owned_; }
@@ -345,7 +346,7 @@ struct FrameWalk {
   std::uintptr_t returns[kTraceFrames];
 };
 
-__attribute__((no_sanitize("address", "thread"))) void WalkFrames(void* context) {
+ZR_NO_SANITIZE("address", "thread") void WalkFrames(void* context) {
   auto* walk = static_cast<FrameWalk*>(context);
   std::uintptr_t frame = walk->frame;
   for (int n = 0; n < kTraceFrames && frame && (frame & 7) == 0; ++n) {
@@ -508,7 +509,7 @@ int CHeap::SizeHeap(unsigned long maximumSize, unsigned long initialSize, unsign
 // ---- allocation --------------------------------------------------------------------------------
 
 // Writes the size word and the end signature of a new block and counts it; returns the data.
-inline __attribute__((always_inline)) void* CHeap::PlaceGuards(void* block, std::size_t lead, unsigned long size) {
+ZR_ALWAYS_INLINE void* CHeap::PlaceGuards(void* block, std::size_t lead, unsigned long size) {
   const auto sizeWord = static_cast<DWORD>(size + 8);
   const std::uintptr_t data = Addr(block) + lead;
   zr::WriteGuards(data, sizeWord, CHEAP_BLOCK_END);
@@ -536,15 +537,15 @@ void* CHeap::Alloc(unsigned long size, unsigned long heapFlags, const char* sour
 }
 
 // Alloc of a plain block that the thread's cache does not have.
-__attribute__((noinline)) void* CHeap::AllocPlain(HANDLE heap, unsigned long size, unsigned long heapFlags) {
+ZR_NOINLINE void* CHeap::AllocPlain(HANDLE heap, unsigned long size, unsigned long heapFlags) {
   void* block = size <= zr::kMaxRequest ? zr::GuardedAlloc(heap, heapFlags, size + zr::kPlainOverhead) : nullptr;
   if (!block) return AllocFailed(heap);
   return PlaceGuards(block, zr::kPlainLead, size);
 }
 
 // Alloc of a block in watch mode (or in plain mode when no watch heap exists).
-__attribute__((noinline)) void* CHeap::AllocNoted(HANDLE heap, unsigned long size, unsigned long heapFlags,
-                                                  const char* sourceFile, int line, unsigned long callerAddress) {
+ZR_NOINLINE void* CHeap::AllocNoted(HANDLE heap, unsigned long size, unsigned long heapFlags,
+                                    const char* sourceFile, int line, unsigned long callerAddress) {
   const bool watch = zr::IsWatching(flags_);
   const std::size_t lead = watch ? zr::kWatchLead : zr::kPlainLead;
   void* block = size <= zr::kMaxRequest ? zr::GuardedAlloc(heap, heapFlags, size + lead + zr::kEndBytes) : nullptr;
@@ -558,15 +559,15 @@ __attribute__((noinline)) void* CHeap::AllocNoted(HANDLE heap, unsigned long siz
   return PlaceGuards(block, lead, size);
 }
 
-__attribute__((noinline, cold)) void* CHeap::AllocFailed(HANDLE heap) {
+ZR_NOINLINE ZR_COLD void* CHeap::AllocFailed(HANDLE heap) {
   wPrintf(0, 0, u"\rFAILED: HeapAlloc(%hs,hHeap=%08X)\r\n", name_, Addr(heap));
   return nullptr;
 }
 
 // Not inlined, so that the trace starts at a frame of its own: by default the frame of this member,
 // whose first return address is in its caller; `frame` starts it further out.
-__attribute__((noinline)) void CHeap::RegisterWatch(tagWATCHINFO* record, DWORD sizeWord, const char* sourceFile,
-                                                    std::uintptr_t location, std::uintptr_t frame) {
+ZR_NOINLINE void CHeap::RegisterWatch(tagWATCHINFO* record, DWORD sizeWord, const char* sourceFile,
+                                      std::uintptr_t location, std::uintptr_t frame) {
   std::memset(static_cast<void*>(record), 0, sizeof *record);
   record->dwSignature = CHEAP_WATCH_SIGNATURE;
   record->hHeap = hHeap.load(std::memory_order_relaxed);
@@ -666,15 +667,15 @@ void* CHeap::Realloc(void* block, unsigned long size, unsigned long heapFlags, c
 
 // Clears the guards of a good block (so that a second Free finds neither a size word nor an end
 // signature) and gives it back to the private heap.
-inline __attribute__((always_inline)) int CHeap::Release(HANDLE heap, unsigned long heapFlags, std::uintptr_t data,
-                                                         std::size_t lead, DWORD sizeWord, const zr::HeapBlockSpan& span) {
+ZR_ALWAYS_INLINE int CHeap::Release(HANDLE heap, unsigned long heapFlags, std::uintptr_t data,
+                                    std::size_t lead, DWORD sizeWord, const zr::HeapBlockSpan& span) {
   zr::ClearGuards(data, sizeWord);
   return zr::heapimpl::FreeBlock(heap, static_cast<DWORD>(heapFlags), Ptr(data - lead), span);
 }
 
 // The common case, a plain block with intact guards and nothing to print, takes the short path; any
 // other goes through FreeNoted, which checks and reports everything.
-__attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) {
+ZR_NOINLINE int CHeap::Free(void* block, unsigned long heapFlags) {
   const HANDLE heap = hHeap.load(std::memory_order_acquire);
   if (!heap) return 0;
   zr::CountHeapEvent(zr::HeapCounter::kFree);
@@ -691,7 +692,7 @@ __attribute__((noinline)) int CHeap::Free(void* block, unsigned long heapFlags) 
 }
 
 // Free with every check and report; the warnings and the free trace name Free's caller.
-__attribute__((noinline)) int CHeap::FreeNoted(HANDLE heap, void* block, unsigned long heapFlags, Caller caller) {
+ZR_NOINLINE int CHeap::FreeNoted(HANDLE heap, void* block, unsigned long heapFlags, Caller caller) {
   const bool watch = zr::IsWatching(flags_);
   const std::uintptr_t data = Addr(block);
   const std::uintptr_t start = data - (watch ? zr::kWatchLead : zr::kPlainLead);

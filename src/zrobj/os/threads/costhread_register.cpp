@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 
+#include "base/byteorder.h"
 #include "platform/clock.h"
 #include "platform/crashio.h"
 #include "platform/dlgsvc.h"
@@ -142,12 +143,12 @@ std::size_t WriteDump(unsigned char* out, std::size_t capacity) {
     if (at + bytes > capacity) break;
     const DWORD chars = static_cast<DWORD>(Length(e.name));
     std::memset(out + at, 0, bytes);
-    std::memcpy(out + at, &e.thread_id, 4);
-    std::memcpy(out + at + 4, &chars, 4);
+    zr::StoreLE32(out + at, e.thread_id);
+    zr::StoreLE32(out + at + 4, chars);
     if (chars) std::memcpy(out + at + 8, e.name, chars * sizeof(WCHAR));
     at += bytes;
   }
-  std::memcpy(out, &count, 4);
+  zr::StoreLE32(out, count);
   return at;
 }
 
