@@ -6,7 +6,7 @@
 #include <random>
 #include <vector>
 
-#include "base/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "zrobj/zrrle.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "base/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "platform/files.h"
 #include "platform/procinfo.h"
 #include "platform/text.h"

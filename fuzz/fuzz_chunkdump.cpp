@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "base/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "fuzz/tool_command.h"
 #include "platform/files.h"
 #include "platform/text.h"

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "base/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "fuzz/tool_command.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrrle.h"

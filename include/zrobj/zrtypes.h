@@ -1,8 +1,11 @@
-// The fixed-width vocabulary of the library's interface (32-bit words, flags, UTF-16 text).
+// The fixed-width vocabulary of the library's interface (32-bit words, flags, UTF-16 text), and how
+// those words are stored in its files (little-endian).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+
+#include "zrobj/byteorder.h"
 
 using DWORD = std::uint32_t;   // 32-bit unsigned word
 using UINT = unsigned int;

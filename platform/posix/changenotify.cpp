@@ -19,7 +19,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "base/byteorder.h"
+#include "zrobj/zrtypes.h"
 #include "platform/text.h"
 
 namespace {

@@ -15,7 +15,7 @@
 #include <string>
 #include <thread>
 
-#include "base/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "platform/crashio.h"
 #include "platform/diag_capture.h"
 #include "platform/fault.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "base/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "platform/diag_capture.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrrle.h"

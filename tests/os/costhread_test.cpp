@@ -11,7 +11,7 @@
 #include <regex>
 #include <thread>
 
-#include "base/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "platform/diag_capture.h"
 #include "platform/privheap.h"
 #include "platform/clock.h"

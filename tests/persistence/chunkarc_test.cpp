@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "base/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "platform/clock.h"
 #include "platform/diag_capture.h"
 #include "platform/files.h"

@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/zrtool/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "tools/zrtool/text.h"
 #include "tools/zrtool/command.h"
 #include "tools/zrtool/demo.h"
@@ -92,7 +92,7 @@ Run ScanRun(const Bytes& data, std::size_t begin, std::size_t end) {
       run.reason = std::to_string(end - at) + " byte(s) left, too few for a chunk header";
       break;
     }
-    const Span span{at, LoadLE32(&data[at]), LoadLE32(&data[at + 4]), 0};
+    const Span span{at, zr::LoadLE32(&data[at]), zr::LoadLE32(&data[at + 4]), 0};
     if (!PlausibleId(span.id)) {
       run.reason = "id " + Hex32(span.id) + " is no hash id (bits 10-15 set)";
       break;

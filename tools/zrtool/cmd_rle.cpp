@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/zrtool/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "tools/zrtool/command.h"
 #include "zrobj/zrhash.h"
 #include "zrobj/zrrle.h"
@@ -132,11 +132,11 @@ int Compress(const std::string& in_path, const std::string& out_path, DWORD stri
   Header header{size, stride, std::max<DWORD>(1, kTargetChunk / stride) * stride};
   BYTE head[kHeaderSize];
   std::memcpy(head, kMagic, 4);
-  StoreLE32(head + 4, kVersion);
-  StoreLE32(head + 8, static_cast<DWORD>(size));
-  StoreLE32(head + 12, static_cast<DWORD>(size >> 32));
-  StoreLE32(head + 16, header.stride);
-  StoreLE32(head + 20, header.chunk_size);
+  zr::StoreLE32(head + 4, kVersion);
+  zr::StoreLE32(head + 8, static_cast<DWORD>(size));
+  zr::StoreLE32(head + 12, static_cast<DWORD>(size >> 32));
+  zr::StoreLE32(head + 16, header.stride);
+  zr::StoreLE32(head + 20, header.chunk_size);
   if (!out.Write(head, sizeof(head))) return Fail("cannot write " + out_path + ": " + Errno());
 
   std::vector<BYTE> chunk(header.chunk_size);
@@ -150,12 +150,12 @@ int Compress(const std::string& in_path, const std::string& out_path, DWORD stri
       const DWORD capacity = count + 16;  // always enough: incompressible data is stored as one literal
       if (!RLECompress(block.data() + 4, std::max<DWORD>(capacity, 17), chunk.data() + c, count, stride))
         return Fail("compression failed");
-      const DWORD block_size = LoadLE32(block.data() + 8);
-      StoreLE32(block.data(), block_size);
+      const DWORD block_size = zr::LoadLE32(block.data() + 8);
+      zr::StoreLE32(block.data(), block_size);
       if (!out.Write(block.data(), 4 + std::size_t{block_size})) return Fail("cannot write " + out_path + ": " + Errno());
     }
     BYTE crc[4];
-    StoreLE32(crc, GetCRC1615(chunk.data(), length));
+    zr::StoreLE32(crc, GetCRC1615(chunk.data(), length));
     if (!out.Write(crc, sizeof(crc))) return Fail("cannot write " + out_path + ": " + Errno());
     done += length;
     progress.Update(done);
@@ -171,11 +171,11 @@ bool ReadHeader(File& in, Header* header, std::string* error) {
   BYTE head[kHeaderSize];
   if (!in.ReadExactly(head, sizeof(head))) return Reject(error, "too short for a container header");
   if (std::memcmp(head, kMagic, 4) != 0) return Reject(error, "not an RLE container (bad magic)");
-  if (LoadLE32(head + 4) != kVersion)
-    return Reject(error, "unsupported container version " + std::to_string(LoadLE32(head + 4)));
-  header->original_size = LoadLE32(head + 8) | std::uint64_t{LoadLE32(head + 12)} << 32;
-  header->stride = LoadLE32(head + 16);
-  header->chunk_size = LoadLE32(head + 20);
+  if (zr::LoadLE32(head + 4) != kVersion)
+    return Reject(error, "unsupported container version " + std::to_string(zr::LoadLE32(head + 4)));
+  header->original_size = zr::LoadLE32(head + 8) | std::uint64_t{zr::LoadLE32(head + 12)} << 32;
+  header->stride = zr::LoadLE32(head + 16);
+  header->chunk_size = zr::LoadLE32(head + 20);
   if (header->stride < 1 || header->stride > kMaxStride)
     return Reject(error, "stride " + std::to_string(header->stride) + " is out of range");
   if (header->chunk_size == 0 || header->chunk_size > kMaxChunk || header->chunk_size % header->stride != 0)
@@ -189,14 +189,14 @@ bool ExpandChannel(File& in, BYTE* chunk, DWORD length, DWORD stride, DWORD c, s
   const DWORD count = ChannelCount(length, stride, c);
   BYTE word[4];
   if (!in.ReadExactly(word, 4)) return Reject(error, "truncated");
-  const DWORD block_size = LoadLE32(word);
+  const DWORD block_size = zr::LoadLE32(word);
   // A block never exceeds count + 16: incompressible data is stored as one literal.
   if (block_size < RLE_HEADER_SIZE || block_size > std::uint64_t{count} + 16)
     return Reject(error, "block length " + std::to_string(block_size) + " is impossible for " + std::to_string(count) +
                     " elements");
   if (!in.ReadExactly(block.data(), block_size)) return Reject(error, "truncated");
-  if (LoadLE32(block.data()) != count)
-    return Reject(error, "the block holds " + std::to_string(LoadLE32(block.data())) + " elements instead of " +
+  if (zr::LoadLE32(block.data()) != count)
+    return Reject(error, "the block holds " + std::to_string(zr::LoadLE32(block.data())) + " elements instead of " +
                     std::to_string(count));
   char reason[256] = "";
   if (!RLEDecompressChecked(chunk + c, c < length ? length - c : 0, block.data(), block_size, stride, reason, sizeof(reason)))
@@ -208,7 +208,7 @@ bool ExpandChannel(File& in, BYTE* chunk, DWORD length, DWORD stride, DWORD c, s
 bool VerifyChunk(File& in, const BYTE* chunk, DWORD length, std::string* error) {
   BYTE word[4];
   if (!in.ReadExactly(word, 4)) return Reject(error, "truncated");
-  const DWORD stored = LoadLE32(word);
+  const DWORD stored = zr::LoadLE32(word);
   const DWORD actual = GetCRC1615(chunk, length);
   if (stored == actual) return true;
   char text[96];

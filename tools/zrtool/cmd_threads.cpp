@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/zrtool/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "tools/zrtool/command.h"
 #include "tools/zrtool/demo.h"
 #include "tools/zrtool/text.h"
@@ -37,11 +37,11 @@ void PrintDump() {
     return;
   }
   const auto* bytes = static_cast<const unsigned char*>(block);
-  const DWORD count = LoadLE32(bytes);
+  const DWORD count = zr::LoadLE32(bytes);
   std::size_t at = 4;
   for (DWORD i = 0; i < count && at + 8 <= size; ++i) {
-    const DWORD id = LoadLE32(bytes + at);
-    const DWORD chars = LoadLE32(bytes + at + 4);
+    const DWORD id = zr::LoadLE32(bytes + at);
+    const DWORD chars = zr::LoadLE32(bytes + at + 4);
     const std::size_t entry = (8 + (static_cast<std::size_t>(chars) + 1) * 2 + 3) & ~std::size_t{3};
     if (at + entry > size) break;
     std::u16string name(chars, u'\0');

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <string>
 
-#include "base/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "platform/identity.h"
 #include "platform/text.h"
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "base/compiler.h"
 #include "platform/dlgsvc.h"
 #include "zrobj/zrdiag.h"

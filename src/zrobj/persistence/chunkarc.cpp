@@ -8,7 +8,7 @@
 #include <new>
 #include <type_traits>
 
-#include "base/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "platform/clock.h"
 #include "platform/dlgsvc.h"
 #include "platform/files.h"

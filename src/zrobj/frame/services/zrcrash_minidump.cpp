@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "base/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "platform/clock.h"
 #include "platform/crashio.h"
 #include "platform/fault.h"

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <new>
 
-#include "base/byteorder.h"
+#include "zrobj/byteorder.h"
 #include "platform/clock.h"
 #include "platform/crashio.h"
 #include "platform/dlgsvc.h"

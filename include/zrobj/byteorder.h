@@ -1,4 +1,5 @@
-// Little-endian loads and stores at any byte address, for the library's file formats and records.
+// Little-endian loads and stores at any byte address, for the library's file formats and records
+// and for the clients that read them.
 // Byte by byte, so they hold on any host and for unaligned addresses; compilers fold them into one access.
 #pragma once
 
