@@ -155,7 +155,7 @@ class Model {
 // Runs the script on `arc` and `model` alike. Each operation is a byte and an argument byte:
 // op & 3 = 0 opens a chunk (argument: the name, or unnamed past the last one), 1 closes a level
 // and all below it, 2 writes (op >> 2) * 256 + argument bytes and 3 writes (argument + 1) * 512
-// bytes (past the writer's 64 KiB buffer), both taken from the script's bytes that follow, round
+// bytes (up to 128 KiB), both taken from the script's bytes that follow, round
 // and round. A chunk holds either data or
 // sub-chunks, never both, and nothing is written outside a chunk.
 void RunScript(const Input& in, const std::vector<std::string>& names, CChunkArchive& arc, Model& model) {

@@ -43,16 +43,13 @@ class ZROBJ_API CZRArchive {
   // The level index of the opened chunk, or CHNK_INVALID. Reading hashes `name` as given (a null
   // name as the empty one, id 0); writing gives a null name the id CHNK_UNNAMED_ID.
   virtual unsigned int Chnk_Open(char* name, unsigned long access) = 0;
-  // Closes `level` and every deeper level; writing patches their sizes. 1, or 0 if not open.
+  // Closes `level` and every deeper level; writing patches their sizes at once. 1; 0 if not open
+  // or if a size could not be written (the levels are closed all the same).
   virtual int Chnk_Close(unsigned int level) = 0;
   virtual unsigned long Chnk_GetSize(unsigned int level) = 0;
   virtual unsigned long Chnk_Write(void* data, unsigned long count) = 0;
   virtual unsigned long Chnk_Read(void* data, unsigned long count) = 0;
 };
-
-namespace zr {
-struct ChunkWriteCache;  // the file variant's write-behind buffer (chunkarc.cpp)
-}
 
 // What both variants share: the stream (the archive's file), the levels after it and the five
 // chunk operations over them. Instantiated for CZRFile and CPMemoryFile only.
@@ -69,7 +66,7 @@ class ZROBJ_API CChunkArchiveT : public CZRArchive {
   unsigned long Chnk_Read(void* data, unsigned long count) override;
 
   DWORD GetLevelCount() const { return state_.dwLevels; }
-  DWORD GetFilePtr() const;  // the position as the chunk operations see it
+  DWORD GetFilePtr() const { return file_.GetFilePtr(); }
   // Bytes of the stream after the current position: all that a read can still deliver.
   DWORD GetBytesLeft();
 
@@ -77,14 +74,13 @@ class ZROBJ_API CChunkArchiveT : public CZRArchive {
   CChunkArchiveT() = default;
   CChunkArchiveT(const CChunkArchiveT&) = default;
   CChunkArchiveT& operator=(const CChunkArchiveT&) = default;
-  // Closes every open chunk through the virtual slot, then the stream; the stream's result.
+  // Closes every open chunk through the virtual slot, then the stream; the stream's result, or 0
+  // when a chunk's size could not be written.
   int CloseAll();
   void Reset();  // level count and spare word to 0
 
   Stream file_;
   tagCHNKSTATE state_;
-  // The file variant's write-behind buffer (made on the first write); always null for memory.
-  zr::ChunkWriteCache* cache_ = nullptr;
 };
 
 extern template class ZROBJ_API CChunkArchiveT<CZRFile>;
@@ -100,7 +96,7 @@ class ZROBJ_API CChunkArchive : public CChunkArchiveT<CZRFile> {
   // Opens the file exclusively, retrying every 5 ms while another holder keeps it busy. 0 on
   // success, CHNK_OPEN_TIMEOUT (258) when still busy after `timeout` ms, 0xFFFFFFFF otherwise.
   unsigned long Open(const WCHAR* path, DWORD access, DWORD creation, DWORD timeout);
-  int Close() { return CloseAll(); }  // the file's close result
+  int Close() { return CloseAll(); }  // the file's close result (0 if a size patch failed)
   int Delete();                       // CZRFile::Delete
   int SetEOF();  // truncates at the current position; CZRFile::SetEOF's result (always 0)
   // Reading: positions the file at the next sub-chunk called `name` inside the innermost chunk (a

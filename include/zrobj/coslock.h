@@ -27,7 +27,9 @@ class ZROBJ_API COSCriticalSection {
   COSCriticalSection();
   // Initialises the lock unless `noInit` is non-zero (then Init must be called before use).
   explicit COSCriticalSection(int noInit);
-  explicit COSCriticalSection(DWORD spinCount);
+  // With a spin count: the stated type (unsigned long) and the 32-bit word both select this form.
+  explicit COSCriticalSection(unsigned long spinCount);
+  explicit COSCriticalSection(DWORD spinCount) : COSCriticalSection(static_cast<unsigned long>(spinCount)) {}
   ~COSCriticalSection();
   COSCriticalSection(const COSCriticalSection&) = delete;
   COSCriticalSection& operator=(const COSCriticalSection&) = delete;

@@ -62,8 +62,9 @@ class ZROBJ_API CZRFile {
   int FlushCache();
   int SetEOF(DWORD position);  // always 0
 
-  // Byte-range locks; a length of 0 means the whole file. A time-out of 0xFFFFFFFF waits without
-  // limit and does not count the lock.
+  // Byte-range locks; a length of 0 means the whole file, from `offset` to the end of the 32-bit
+  // range (lock and unlock name the same range however the file grows). A time-out of 0xFFFFFFFF
+  // waits without limit and does not count the lock.
   int WaitFileLock(DWORD offset, DWORD length, DWORD timeout);
   int FileLock(DWORD offset, DWORD length);
   int FileUnlock(DWORD offset, DWORD length);
@@ -146,7 +147,8 @@ class ZROBJ_API CZRFile {
   bool IsReadable() const { return (access_ & 0x80000000u) != 0; }
   bool SeekTo(long long target);
   DWORD WriteDirect(const void* data, DWORD count);
-  bool ResolveLockLength(DWORD* length);
+  static UINT64 LockLength(DWORD offset, DWORD length);
+  bool HasBytesToLock(DWORD length);
   void RemoveView();
   void* MapOpenFile(bool writable, DWORD offset, DWORD size, DWORD mapFlags);
   template <class Fn>

@@ -2,6 +2,10 @@
 // dumps, leak reports, the registry and two threads on one heap.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <map>
@@ -228,9 +232,8 @@ TEST(CHeap, SettingsAreReadForHeapsAndForEachHeap) {
 }
 
 TEST(CHeap, SettingsFromTheProfileFile) {
-  // Needs the real settings store behind ZROBJ_GetProfileInt (skips while it is a placeholder).
   ZROBJ_WriteProfileInt("ProfileWatched", "Watch", 1);
-  if (ZROBJ_GetProfileInt("ProfileWatched", "Watch", 0, 0) != 1) GTEST_SKIP() << "settings store not available";
+  ASSERT_EQ(ZROBJ_GetProfileInt("ProfileWatched", "Watch", 0, 0), 1);
   CHeap heap("ProfileWatched", 0, 0, 0, 1);
   EXPECT_TRUE(heap.GetHeapFlags() & CHEAP_WATCH);
   ZROBJ_WriteProfileInt("ProfileWatched", "Watch", 0);
@@ -536,6 +539,34 @@ TEST(CHeap, RegistryListsUpTo256AndStoresWatchConfig) {
   EXPECT_EQ(list[before + 1], third);
 }
 
+// Storing the watch configuration writes each setting outside the registry lock: a settings writer
+// that allocates from a watched heap (which interns names under that lock) goes through.
+CHeap* g_watched = nullptr;
+int AllocatingWrite(const char* section, const char* key, int value) {
+  g_watched->Free(g_watched->Alloc(16, 0, HERE), 0);
+  return FakeSettings::Write(section, key, value);
+}
+
+TEST(CHeap, StoreWatchConfigWritesOutsideTheRegistryLock) {
+  FakeSettings settings;
+  FakeSettings::values = {{"WatchedWriter/Watch", 1}};
+  CHeap watched("WatchedWriter", 0, 0, 0, 1);
+  ASSERT_TRUE(watched.GetHeapFlags() & CHEAP_WATCH);
+  g_watched = &watched;
+  zr::SetHeapSettings({&FakeSettings::Get, &AllocatingWrite});
+  auto stored = std::async(std::launch::async, [] { return CHeap::StoreWatchConfig(); });
+  if (stored.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+    std::fprintf(stderr, "CHeap::StoreWatchConfig deadlocked\n");
+    std::_Exit(1);  // the stuck thread holds the registry lock: nothing after this could run
+  }
+  EXPECT_EQ(stored.get(), 1);
+  EXPECT_NE(std::find(FakeSettings::writes.begin(), FakeSettings::writes.end(), "WatchedWriter/Watch=0"),
+            FakeSettings::writes.end());
+  unsigned int items = 99;
+  watched.GetHeapState(items);
+  EXPECT_EQ(items, 0u);
+}
+
 TEST(CHeap, CountsStayExactWhenOtherThreadsFree) {
   FakeSettings settings;
   zrtest::ScopedQuietBeep quiet_beep;
@@ -638,6 +669,54 @@ TEST(CHeap, TwoThreadsOnOneHeap) {
   unsigned int items = 1;
   EXPECT_EQ(heap.GetHeapState(items), 0u);
   EXPECT_EQ(items, 0u);
+}
+
+// A sink that appends every message to a file as it comes, for output written while the process
+// ends (static destructors run after every scoped capture is gone).
+class FileSink : public zr::DiagSink {
+ public:
+  explicit FileSink(const std::string& path) : file_(std::fopen(path.c_str(), "wb")) {}
+  void Write(unsigned, unsigned, std::u16string_view text) override {
+    if (!file_) return;
+    const std::string utf8 = zr::Utf16ToUtf8(std::u16string(text));
+    std::fwrite(utf8.data(), 1, utf8.size(), file_);
+    std::fflush(file_);
+  }
+
+ private:
+  std::FILE* file_;
+};
+
+// What the library prints while a process with `debug` output ends normally.
+std::string OutputAtExit(DWORD debug, const std::string& path) {
+  const auto result = zrtest::RunChild([&] {
+    alignas(FileSink) static unsigned char storage[sizeof(FileSink)];  // outlives every destructor
+    zr::DiagFilter all = zr::GetDiagFilter();
+    all.channel_mask = 0xFFFFFFFFu;
+    all.max_level = 0xFFFFFFFFu;
+    zr::SetDiagFilter(all);
+    zr::SetDiagSink(new (storage) FileSink(path));
+    SetDebugMode(debug);
+    std::exit(0);
+    return 0;
+  });
+  EXPECT_TRUE(result.exited && result.exit_code == 0) << result.exit_code << " " << result.signal;
+  return zrtest::ReadFile(path);
+}
+
+// The performance counters are dumped when the library unloads; only their heading needs debug output.
+TEST(CHeap, PerformanceCountersAtUnload) {
+  zrtest::TempDir dir;
+  for (const DWORD debug : {DWORD{0}, DWORD{1}}) {
+    SCOPED_TRACE(debug);
+    const std::string text = OutputAtExit(debug, dir.File("exit" + std::to_string(debug) + ".txt"));
+    EXPECT_EQ(text.find("\rHeap::Performance\r\n") != std::string::npos, debug != 0);
+    std::size_t at = 0;
+    for (const char* name : {"Alloc", "Realloc", "Free", "FAlloc", "FFree"}) {
+      at = text.find("\r" + std::string(name) + ": ", at);
+      ASSERT_NE(at, std::string::npos) << name;
+    }
+  }
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "platform/diag_capture.h"
@@ -73,6 +74,26 @@ TEST(COSCriticalSection, RecursionOwnerAndTryEnter) {
     s->Enter();
     EXPECT_EQ(s->GetLockCnt(), 1u);
     s->Leave();
+  }
+}
+
+// The spin-count form takes its stated type as well as the 32-bit word; the int form stays the
+// "no init" switch.
+static_assert(std::is_constructible_v<COSCriticalSection, unsigned long>);
+static_assert(std::is_constructible_v<COSCriticalSection, DWORD>);
+static_assert(std::is_constructible_v<COSCriticalSection, int>);
+
+TEST(COSCriticalSection, SpinCountAsUnsignedLong) {
+  const unsigned long spin = 4000;
+  COSCriticalSection cs(spin);
+  COSCriticalSection wide(0x1FFFFFFFFul);  // more than 32 bits of spins: clamped
+  for (COSCriticalSection* s : {&cs, &wide}) {
+    s->Enter();
+    EXPECT_TRUE(s->TryEnter());
+    EXPECT_EQ(s->GetLockCnt(), 2u);
+    s->Leave();
+    s->Leave();
+    EXPECT_EQ(s->GetLockCnt(), 0u);
   }
 }
 

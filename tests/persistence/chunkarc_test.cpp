@@ -2,6 +2,7 @@
 // busy-file time-out, CPMemoryFile growth and seeking, the memory variant and CPMemory persistence.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -181,46 +182,159 @@ TEST_F(FileArchiveTest, ClosingSeveralLevelsPatchesAllAndWarns) {
   EXPECT_EQ(zrtest::ReadFile(path), Chunk("P", Chunk("Q", Chunk("R", "abc"))) + Chunk("S", ""));
 }
 
-// Writes reach the file through a 64 KiB write-behind buffer: a short system write shows when the
-// buffer is written out (here: closing the top-level chunk) and refuses the next chunk header.
-TEST_F(FileArchiveTest, ShortWriteRefusesTheNextHeader) {
-  OpenNew();
-  ASSERT_EQ(arc.Chnk_Open(N("A"), kWrite), 0u);
-  Write("data");
-  const zr::FileWriteHook previous = zr::SetFileWriteHook([](zr::FileHandle, DWORD count) { return count / 2; });
-  DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
-  EXPECT_EQ(arc.Chnk_Close(0), 1);
-  EXPECT_EQ(arc.Chnk_Open(N("B"), kWrite), CHNK_INVALID);
-  zr::SetFileWriteHook(previous);
-  EXPECT_EQ(arc.GetLevelCount(), 0u);
-  EXPECT_EQ(capture.Text(), "\rCChunkArchive::OpenChunk denied: Error writing chunk header\r\n");
-  ASSERT_EQ(capture.Entries().size(), 1u);
-  EXPECT_EQ(capture.Entries()[0].level, 4u);
-  EXPECT_EQ(zrtest::ReadFile(path), Chunk("A", "data").substr(0, 6));
-}
+// ---- Writing through: every call's writes, and their failure, happen at that call ----
 
-TEST_F(FileArchiveTest, TopLevelChunksReachTheFileWhenClosed) {
+// A file-size limit as a full disk gives it: a system write stops at `g_limit` bytes of file.
+DWORD g_limit = 0;
+DWORD LimitedWrite(zr::FileHandle file, DWORD count) {
+  UINT64 at = 0;
+  if (!zr::SetFilePointer(file, 0, zr::kFileCurrent, &at)) return 0;
+  return at >= g_limit ? 0 : static_cast<DWORD>(std::min<UINT64>(count, g_limit - at));
+}
+DWORD RefuseWrite(zr::FileHandle, DWORD) { return 0; }
+
+// Sets a write hook for its lifetime.
+class ScopedWriteHook {
+ public:
+  explicit ScopedWriteHook(zr::FileWriteHook hook) : previous_(zr::SetFileWriteHook(hook)) {}
+  ~ScopedWriteHook() { zr::SetFileWriteHook(previous_); }
+
+ private:
+  zr::FileWriteHook previous_;
+};
+
+// An archive whose derived class moves its file's position, as a writer may.
+class SeekingArchive : public CChunkArchive {
+ public:
+  int Seek(LONG offset, DWORD method) { return file_.SetFilePtr(offset, method); }
+};
+
+TEST_F(FileArchiveTest, EveryCallReachesTheFileAtOnce) {
   OpenNew();
   const UINT64 writes = zr::GetFileWriteCount();
   ASSERT_EQ(arc.Chnk_Open(N("root"), kWrite), 0u);
-  std::string items;
-  for (int i = 0; i < 1000; ++i) {
-    ASSERT_EQ(arc.Chnk_Open(N("item"), kWrite), 1u);
-    Write("0123456789");
-    ASSERT_EQ(arc.Chnk_Close(1), 1);
-    items += Chunk("item", "0123456789");
-  }
-  EXPECT_EQ(zr::GetFileWriteCount(), writes);  // all of it still pending
+  EXPECT_EQ(zrtest::ReadFile(path), LE32(GetHashID("root")) + LE32(0));
+  ASSERT_EQ(arc.Chnk_Open(N("item"), kWrite), 1u);
+  Write("0123456789");
+  EXPECT_EQ(zrtest::ReadFile(path), LE32(GetHashID("root")) + LE32(0) + LE32(GetHashID("item")) + LE32(0) + "0123456789");
+  EXPECT_EQ(zr::GetFileWriteCount(), writes + 3);  // two headers and the data
+  ASSERT_EQ(arc.Chnk_Close(1), 1);
+  EXPECT_EQ(zr::GetFileWriteCount(), writes + 4);  // one size patch
+  EXPECT_EQ(zrtest::ReadFile(path), LE32(GetHashID("root")) + LE32(0) + Chunk("item", "0123456789"));
   ASSERT_EQ(arc.Chnk_Close(0), 1);
-  EXPECT_EQ(zr::GetFileWriteCount(), writes + 1);  // one system write for 1001 chunks
-  EXPECT_EQ(zrtest::ReadFile(path), Chunk("root", items));
-  EXPECT_EQ(arc.GetFilePtr(), 8u + items.size());
+  EXPECT_EQ(zrtest::ReadFile(path), Chunk("root", Chunk("item", "0123456789")));
+  EXPECT_EQ(arc.GetFilePtr(), 26u);
+}
+
+// With the file cut at every byte of the writing below, each call reports what reached the file:
+// the first call whose bytes do not fit fails, nothing is reported written that is not on disk, and
+// the sizes patched on close are those of the bytes written.
+TEST_F(FileArchiveTest, FileLimitAtEveryByte) {
+  const std::string full = Chunk("A", "12345" + Chunk("B", "abc") + "xy");
+  ASSERT_EQ(full.size(), 26u);
+  for (DWORD limit = 0; limit <= full.size(); ++limit) {
+    SCOPED_TRACE("limit " + std::to_string(limit));
+    CChunkArchive archive;
+    ASSERT_EQ(archive.Open(W(path).c_str(), kWrite, zr::kCreateAlways, 0), 0ul);
+    g_limit = limit;
+    ScopedWriteHook hook(LimitedWrite);
+    DebugMode debug(1);
+    zr::ScopedDiagCapture capture;
+    const auto on_disk = [&] { return static_cast<DWORD>(zrtest::ReadFile(path).size()); };
+    const auto header_cut = [&](DWORD end) {
+      return end > limit ? "\rCChunkArchive::OpenChunk denied: Error writing chunk header\r\n" : "";
+    };
+
+    EXPECT_EQ(archive.Chnk_Open(N("A"), kWrite), limit >= 8 ? 0u : CHNK_INVALID);
+    EXPECT_EQ(capture.Text(), header_cut(8));
+    EXPECT_EQ(on_disk(), std::min<DWORD>(limit, 8));
+    EXPECT_EQ(archive.Chnk_Write(N("12345"), 5), limit >= 8 ? std::min<DWORD>(limit - 8, 5) : 0ul);
+    EXPECT_EQ(on_disk(), std::min<DWORD>(limit, 13));
+    capture.Clear();
+    EXPECT_EQ(archive.Chnk_Open(N("B"), kWrite), limit >= 21 ? 1u : CHNK_INVALID);
+    if (limit >= 8) {
+      EXPECT_EQ(capture.Text(), header_cut(21));
+    }
+    EXPECT_EQ(on_disk(), std::min<DWORD>(limit, 21));
+    EXPECT_EQ(archive.Chnk_Write(N("abc"), 3), limit >= 21 ? std::min<DWORD>(limit - 21, 3) : 0ul);
+    EXPECT_EQ(on_disk(), std::min<DWORD>(limit, 24));
+    EXPECT_EQ(archive.Chnk_Close(1), limit >= 21 ? 1 : 0);
+    EXPECT_EQ(archive.Chnk_Write(N("xy"), 2), limit >= 24 ? std::min<DWORD>(limit - 24, 2) : 0ul);
+    EXPECT_EQ(archive.Close(), 1);
+
+    const std::string written = zrtest::ReadFile(path);
+    ASSERT_EQ(written.size(), limit);
+    if (limit >= 8) {
+      EXPECT_EQ(written.substr(0, 8), LE32(GetHashID("A")) + LE32(limit - 8));
+    }
+    if (limit >= 21) {
+      EXPECT_EQ(written.substr(13, 8), LE32(GetHashID("B")) + LE32(std::min<DWORD>(limit, 24) - 21));
+    }
+    if (limit == full.size()) {
+      EXPECT_EQ(written, full);
+    }
+  }
+}
+
+// A size that does not reach the file is reported by the close that wrote it.
+TEST_F(FileArchiveTest, FailedSizePatchIsReported) {
+  OpenNew();
+  ASSERT_EQ(arc.Chnk_Open(N("A"), kWrite), 0u);
+  Write("data");
+  {
+    ScopedWriteHook hook(RefuseWrite);
+    EXPECT_EQ(arc.Chnk_Close(0), 0);
+  }
+  EXPECT_EQ(arc.GetLevelCount(), 0u);  // closed all the same
+  ASSERT_EQ(arc.Chnk_Open(N("B"), kWrite), 0u);
+  {
+    ScopedWriteHook hook(RefuseWrite);
+    EXPECT_EQ(arc.Close(), 0);
+  }
+  EXPECT_EQ(zrtest::ReadFile(path), LE32(GetHashID("A")) + LE32(0) + "data" + LE32(GetHashID("B")) + LE32(0));
+}
+
+// A writer that moves back inside its chunk before closing it shortens the chunk; the bytes after
+// the position stay in the file.
+TEST_F(FileArchiveTest, SeekBackShortensTheChunk) {
+  SeekingArchive archive;
+  ASSERT_EQ(archive.Open(W(path).c_str(), kWrite, zr::kCreateAlways, 0), 0ul);
+  ASSERT_EQ(archive.Chnk_Open(N("A"), kWrite), 0u);
+  ASSERT_EQ(archive.Chnk_Write(N("\x01\x02\x03\x04\x05"), 5), 5ul);
+  ASSERT_EQ(archive.Seek(-3, zr::kFileCurrent), 1);
+  EXPECT_EQ(archive.GetFilePtr(), 10u);
+  ASSERT_EQ(archive.Chnk_Close(0), 1);
+  EXPECT_EQ(archive.GetFilePtr(), 10u);
+  ASSERT_EQ(archive.Close(), 1);
+  EXPECT_EQ(zrtest::ReadFile(path), Chunk("A", "\x01\x02") + "\x03\x04\x05");
+}
+
+// A seek forward takes effect at once too: the next chunk starts where the writer moved to.
+TEST_F(FileArchiveTest, SeekForwardPlacesTheNextChunk) {
+  SeekingArchive archive;
+  ASSERT_EQ(archive.Open(W(path).c_str(), kWrite, zr::kCreateAlways, 0), 0ul);
+  ASSERT_EQ(archive.Chnk_Open(N("A"), kWrite), 0u);
+  ASSERT_EQ(archive.Chnk_Close(0), 1);
+  ASSERT_EQ(archive.Seek(12, zr::kFileBegin), 1);
+  ASSERT_EQ(archive.Chnk_Open(N("B"), kWrite), 0u);
+  ASSERT_EQ(archive.Chnk_Write(N("z"), 1), 1ul);
+  ASSERT_EQ(archive.Close(), 1);
+  EXPECT_EQ(zrtest::ReadFile(path), Chunk("A", "") + std::string(4, '\0') + Chunk("B", "z"));
+}
+
+// Opening an archive that is already open fails and loses nothing written before.
+TEST_F(FileArchiveTest, OpenWhileOpenKeepsTheWrittenBytes) {
+  OpenNew();
+  ASSERT_EQ(arc.Chnk_Open(N("A"), kWrite), 0u);
+  Write("abc");
+  EXPECT_EQ(arc.Open(W(path).c_str(), kWrite, zr::kCreateAlways, 0), 0xFFFFFFFFul);
+  EXPECT_EQ(arc.Close(), 1);
+  EXPECT_EQ(zrtest::ReadFile(path), LE32(GetHashID("A")) + LE32(0) + "abc");  // Open reset the levels
 }
 
 TEST_F(FileArchiveTest, PatchesReachHeadersAlreadyWritten) {
   OpenNew();
-  const std::string big(100000, 'b');  // larger than the buffer: written directly
+  const std::string big(100000, 'b');
   std::string expected_inner;
   ASSERT_EQ(arc.Chnk_Open(N("root"), kWrite), 0u);
   for (int i = 0; i < 5000; ++i) {

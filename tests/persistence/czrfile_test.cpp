@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,6 +19,7 @@
 #include "platform/files.h"
 #include "platform/text.h"
 #include "test_support.h"
+#include "zrobj/cheap.h"
 #include "zrobj/czrfile.h"
 #include "zrobj/zrdiag.h"
 
@@ -578,6 +580,80 @@ TEST(CZRFile, ThreadLockAccessHoldsOffOpenAndClose) {
   other.join();
   EXPECT_TRUE(opened.load());
   EXPECT_EQ(file.GetStatus(), CZRFile::kStatusReady);
+}
+
+// A lock of the whole file and its unlock name the same range, also when writes grew the file in
+// between (through the cache or directly).
+TEST(CZRFile, WholeFileLockAndUnlockNameTheSameRange) {
+  zrtest::TempDir dir;
+  const std::string path = dir.File("whole.bin");
+  ASSERT_TRUE(zrtest::WriteFile(path, Pattern(10)));
+  for (const DWORD cache : {DWORD{0}, DWORD{4096}}) {
+    SCOPED_TRACE(cache);
+    CZRFile file(W(path).c_str());
+    ASSERT_EQ(file.Open(kRW, 0, zr::kOpenExisting, 0, cache), 0u);
+    ASSERT_EQ(file.SetFilePtr(0, zr::kFileEnd), 1);
+    ASSERT_EQ(file.FileLock(0, 0), 1);
+    const std::string more = Pattern(100);
+    ASSERT_EQ(file.Write(more.data(), 100), 100u);
+    EXPECT_EQ(file.FileUnlock(0, 0), 1);
+    EXPECT_EQ(file.FileUnlock(0, 0), 0);  // the count went back to 0
+    EXPECT_EQ(file.FileLock(5, 0), 1);    // nothing of the range stayed locked
+    EXPECT_EQ(file.FileUnlock(5, 0), 1);
+    zr::ScopedDiagCapture capture;
+    zrtest::DebugMode debug(1);
+    EXPECT_EQ(file.Close(), 1);
+    EXPECT_EQ(capture.Text().find("Attempt to close file while locked"), std::string::npos);
+  }
+}
+
+// The write cache is a block of a named heap, counted while the file is open.
+TEST(CZRFile, WriteCacheLivesInANamedHeap) {
+  zrtest::TempDir dir;
+  CHeap* pool = zr::GetLibraryHeap("MemPool");
+  ASSERT_NE(pool, nullptr);
+  unsigned int items_before = 0;
+  const unsigned long bytes_before = pool->GetHeapState(items_before);
+  CZRFile file(W(dir.File("cached.bin")).c_str());
+  ASSERT_EQ(file.Open(kRW, 0, zr::kCreateAlways, 0, 4096), 0u);
+  unsigned int items = 0;
+  EXPECT_EQ(pool->GetHeapState(items), bytes_before + 4096 + 8);
+  EXPECT_EQ(items, items_before + 1);
+  EXPECT_EQ(file.Close(), 1);
+  EXPECT_EQ(pool->GetHeapState(items), bytes_before);
+  EXPECT_EQ(items, items_before);
+}
+
+// Open (by path and by the stored name), Delete, Move and Copy on one thread against Close on
+// another: each sees the file either open or closed, never halfway.
+TEST(CZRFile, OperationsByNameAgainstCloseOnAnotherThread) {
+  zrtest::TempDir dir;
+  const std::u16string path = W(dir.File("raced.bin"));
+  const std::u16string moved = W(dir.File("moved.bin"));
+  const std::u16string copy = W(dir.File("copy.bin"));
+  CZRFile file;
+  constexpr int kRounds = 200;
+  std::latch start(2);
+  std::thread closer([&] {
+    start.arrive_and_wait();
+    for (int i = 0; i < kRounds; ++i) EXPECT_NE(file.Close(), 0);
+  });
+  start.arrive_and_wait();
+  for (int i = 0; i < kRounds; ++i) {
+    const unsigned int by_path = file.Open(path.c_str(), kRW, 0, zr::kOpenAlways, 0, 64);
+    EXPECT_TRUE(by_path == CZRFile::kOpened || by_path == CZRFile::kAlreadyOpen) << by_path;
+    const unsigned int stored = file.Open(kRW, 0, zr::kOpenAlways, 0, 64);
+    EXPECT_TRUE(stored == CZRFile::kOpened || stored == CZRFile::kAlreadyOpen) << stored;
+    const int copied = file.Copy(copy.c_str(), FALSE);
+    EXPECT_TRUE(copied == 0 || copied == 1);
+    if (file.Move(moved.c_str())) {
+      EXPECT_EQ(file.Move(path.c_str()), 1);  // nothing else renames it
+    }
+    EXPECT_NE(file.Delete(), 0);
+  }
+  closer.join();
+  EXPECT_EQ(file.Close(), 1);
+  EXPECT_EQ(file.GetStatus(), CZRFile::kStatusNeverOpened);
 }
 
 TEST(CZRFile, TimesAndAttributes) {

@@ -8,6 +8,7 @@
 
 #include "platform/dlgsvc.h"
 #include "platform/fault.h"
+#include "platform/privheap.h"
 #include "zrobj/cheap.h"
 #include "zrobj/coslock.h"
 #include "zrobj/zrdiag.h"
@@ -47,10 +48,18 @@ std::atomic_ref<std::int32_t> RefOf(tagMEMHEADER* header) { return std::atomic_r
 
 void* DataOf(tagMEMHEADER* header) { return reinterpret_cast<char*>(header) + kHeaderSize; }
 
-// Reads a header the handle has not checked yet. With debug output on the read is guarded so that
-// a damaged handle is reported; otherwise it is a plain copy, keeping a handle copy at one atomic.
+// True when n bytes at `at` lie in memory of a private heap or pool: the address map names an owner
+// for the units of both ends, so the bytes can be read without a fault.
+bool InHeapMemory(const void* at, std::size_t n) {
+  const auto* bytes = static_cast<const char*>(at);
+  return zr::LookupRegion(bytes).owner != nullptr && zr::LookupRegion(bytes + n - 1).owner != nullptr;
+}
+
+// Reads a header the handle has not checked yet, so that a damaged handle is reported rather than
+// followed: directly when the address map places it in heap memory (the common case, kept at one
+// atomic load), otherwise through a probed read that cannot fault.
 bool ReadHeader(const tagMEMHEADER* header, tagMEMHEADER* copy) {
-  if (IsDebugOn()) return zr::ProbeRead(header, copy, sizeof *copy);
+  if (!InHeapMemory(header, sizeof *copy)) return zr::ProbeRead(header, copy, sizeof *copy);
   // Field by field: other handles of the block change the count concurrently, atomically.
   copy->dwSignature = header->dwSignature;
   copy->dwClassID = header->dwClassID;

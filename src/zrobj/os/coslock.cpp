@@ -1,5 +1,6 @@
 // The library's locks: COSCriticalSection with its contention report, CSharedCriticalSection,
 // COSRWInterlock (writer preference, 32 reader slots, upgrade, reads inside a write) and the guards.
+#include <algorithm>
 #include <new>
 #include <optional>
 #include <string>
@@ -91,9 +92,10 @@ COSCriticalSection::COSCriticalSection(int noInit) {
   if (!noInit) InitializeCriticalSection(In<CRITICAL_SECTION>(m_section));
 }
 
-COSCriticalSection::COSCriticalSection(DWORD spinCount) {
+COSCriticalSection::COSCriticalSection(unsigned long spinCount) {
   new (m_section.bytes) CRITICAL_SECTION;
-  InitializeCriticalSectionAndSpinCount(In<CRITICAL_SECTION>(m_section), spinCount);
+  InitializeCriticalSectionAndSpinCount(In<CRITICAL_SECTION>(m_section), 
+                                        static_cast<DWORD>(std::min<unsigned long>(spinCount, 0xFFFFFFFFul)));
 }
 
 COSCriticalSection::~COSCriticalSection() {

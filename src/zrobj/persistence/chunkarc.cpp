@@ -4,9 +4,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
-#include <new>
-#include <type_traits>
 
 #include "zrobj/byteorder.h"
 #include "platform/clock.h"
@@ -31,120 +28,6 @@ bool SeekTo(Stream& stream, UINT64 position) {
          stream.SetFilePtr(static_cast<LONG>(position - kMaxOffset), zr::kFileCurrent);
 }
 
-}  // namespace
-
-namespace zr {
-
-// Bytes [start, start + fill) of the file, written by the archive but not yet by the file; while
-// any are pending the chunk position is `position`, inside them or at their end, and the file's
-// own position is `start`.
-struct ChunkWriteCache {
-  static constexpr DWORD kCapacity = 64 * 1024;
-  DWORD start = 0;
-  DWORD fill = 0;
-  DWORD position = 0;
-  BYTE bytes[kCapacity];
-};
-
-}  // namespace zr
-
-namespace {
-
-using zr::ChunkWriteCache;
-
-DWORD PositionOf(const CZRFile& file, const ChunkWriteCache* cache) {
-  return cache && cache->fill ? cache->position : file.GetFilePtr();
-}
-
-// The archive's file seen through its write-behind buffer. The file is opened without a cache of
-// its own, and each header, data block and size patch would otherwise be a system call (five per
-// small chunk); here they land in the buffer while they fall inside it, size patches included,
-// and the file receives one write per 64 KiB. Anything that leaves the buffer (a read, a seek
-// outside it, closing a top-level chunk, closing or truncating the archive) writes it out first.
-// A short write leaves the file in its failed state, so the next write is refused as the file
-// itself would refuse it (the next chunk header then reports "Error writing chunk header").
-class BufferedFile {
- public:
-  BufferedFile(CZRFile& file, ChunkWriteCache*& cache) : file_(file), cache_(cache) {}
-
-  DWORD GetAccess() const { return file_.GetAccess(); }
-  DWORD GetFilePtr() const { return PositionOf(file_, cache_); }
-
-  int SetFilePtr(LONG offset, DWORD method) {
-    if (Pending() && (method == zr::kFileBegin || method == zr::kFileCurrent)) {
-      const INT64 target = (method == zr::kFileCurrent ? INT64{cache_->position} : 0) + offset;
-      if (target >= cache_->start && target <= INT64{cache_->start} + cache_->fill) {
-        cache_->position = static_cast<DWORD>(target);
-        return 1;
-      }
-    }
-    return Flush() ? file_.SetFilePtr(offset, method) : 0;
-  }
-
-  DWORD Write(const void* data, DWORD count) {
-    if (count == 0 || count > ChunkWriteCache::kCapacity || !Buffering()) {
-      return Flush() ? file_.Write(data, count) : 0;
-    }
-    const DWORD at = GetFilePtr();
-    if (UINT64{at} + count > kMaxCount) return 0;  // beyond 32 bits, as the file refuses
-    if (!Fits(at, count)) {
-      if (!Flush()) return 0;
-      cache_->start = at;  // a new run of pending bytes, starting here
-      cache_->fill = 0;
-    }
-    std::memcpy(cache_->bytes + (at - cache_->start), data, count);
-    cache_->fill = std::max(cache_->fill, at - cache_->start + count);
-    cache_->position = at + count;
-    return count;
-  }
-
-  DWORD Read(void* data, DWORD count) { return Flush() ? file_.Read(data, count) : 0; }
-
-  // Writes the pending bytes and leaves the file at the chunk position; false on a short write.
-  bool Flush() {
-    if (!Pending()) return true;
-    const DWORD fill = cache_->fill;
-    cache_->fill = 0;
-    if (file_.Write(cache_->bytes, fill) != fill) return false;
-    return file_.GetFilePtr() == cache_->position || SeekTo(file_, cache_->position);
-  }
-
-  int Close() {
-    const bool flushed = Flush();
-    const int closed = file_.Close();
-    return flushed ? closed : 0;
-  }
-
-  void Discard() {
-    if (cache_) cache_->fill = 0;
-  }
-
- private:
-  bool Pending() const { return cache_ && cache_->fill != 0; }
-  bool Fits(DWORD at, DWORD count) const {
-    return Pending() && at >= cache_->start && at - cache_->start <= cache_->fill &&
-           at - cache_->start + count <= ChunkWriteCache::kCapacity;
-  }
-  // Only a healthy, writable, unmapped file is buffered; the buffer is made on first use.
-  bool Buffering() {
-    if (file_.GetStatus() != CZRFile::kStatusReady || !(file_.GetAccess() & CHNK_ACCESS_WRITE) ||
-        file_.GetViewAddress() != nullptr)
-      return false;
-    if (!cache_) cache_ = new (std::nothrow) ChunkWriteCache();
-    return cache_ != nullptr;
-  }
-
-  CZRFile& file_;
-  ChunkWriteCache*& cache_;
-};
-
-BufferedFile StreamOf(CZRFile& file, ChunkWriteCache*& cache) { return BufferedFile(file, cache); }
-CPMemoryFile& StreamOf(CPMemoryFile& file, ChunkWriteCache*&) { return file; }
-
-// Closing a top-level chunk puts it on disk.
-void Settle(BufferedFile& file) { file.Flush(); }
-void Settle(CPMemoryFile&) {}
-
 // The rules in which the variants differ, by stream.
 template <class Stream>
 struct ChunkRules;
@@ -152,7 +35,7 @@ struct ChunkRules;
 // The file variant: closing a chunk brings the parents' done counters up to the position, and a
 // read delivers at least what remains of the chunk.
 template <>
-struct ChunkRules<BufferedFile> {
+struct ChunkRules<CZRFile> {
   static constexpr const char16_t* kClass = u"CChunkArchive";
   static constexpr const char16_t* kMultipleClose = u"\rCChunkArchive::Chnk_Close: Multiple close detected!";
   static constexpr bool kParentsFollowClose = true;
@@ -174,13 +57,14 @@ DWORD ReadingId(const char* name) { return GetHashID(name ? name : ""); }
 DWORD WritingId(const char* name) { return name ? GetHashID(name) : CHNK_UNNAMED_ID; }
 
 // The chunk operations over `Stream`, which offers GetAccess, GetFilePtr, SetFilePtr(offset,
-// method), Write and Read with the file object's meanings.
+// method), Write and Read with the file object's meanings. Every call reaches the stream at once:
+// the archive holds nothing back, so each result is that of the call's own writes.
 template <class Stream>
 class ChunkCore {
-  using Rules = ChunkRules<std::remove_cvref_t<Stream>>;
+  using Rules = ChunkRules<Stream>;
 
  public:
-  ChunkCore(Stream stream, tagCHNKSTATE& state) : stream_(stream), state_(state) {}
+  ChunkCore(Stream& stream, tagCHNKSTATE& state) : stream_(stream), state_(state) {}
 
   unsigned int Open(const char* name, unsigned long access) {
     const DWORD desired = static_cast<DWORD>(access) & CHNK_ACCESS_MASK;
@@ -199,8 +83,9 @@ class ChunkCore {
   int Close(unsigned int level, std::uintptr_t caller) {
     if (stream_.GetAccess() == 0 || level >= state_.dwLevels) return 0;
     const DWORD position = stream_.GetFilePtr();
+    bool patched = true;
     if (state_.dwChunkAccess == CHNK_ACCESS_WRITE) {
-      PatchSizes(level, position, caller);
+      patched = PatchSizes(level, position, caller);
     } else {
       const tagCHNKLEVEL& closing = state_.levels[level];
       const UINT64 end = UINT64{closing.dwHeaderPos} + closing.dwSize + kHeaderSize;
@@ -208,8 +93,7 @@ class ChunkCore {
     }
     state_.dwLevels = level;
     if (Rules::kParentsFollowClose) SetDoneFrom(stream_.GetFilePtr());
-    if (level == 0) Settle(stream_);
-    return 1;
+    return patched ? 1 : 0;  // the levels are closed either way
   }
 
   unsigned long GetSize(unsigned int level) const {
@@ -324,24 +208,26 @@ class ChunkCore {
   }
 
   // Sizes are measured from the current position, for the closing level and every deeper one.
-  void PatchSizes(unsigned int level, DWORD position, std::uintptr_t caller) {
+  // False when a size did not reach the stream or the position could not be restored.
+  bool PatchSizes(unsigned int level, DWORD position, std::uintptr_t caller) {
     if (IsDebugOn() && state_.dwLevels - level > 1) WarningMsg(Rules::kMultipleClose, caller, ZR_CURRENT_FRAME());
+    bool patched = true;
     for (DWORD i = level; i < state_.dwLevels; ++i) {
       BYTE size[4];
       zr::StoreLE32(size, position - state_.levels[i].dwHeaderPos - kHeaderSize);
-      Seek(UINT64{state_.levels[i].dwHeaderPos} + 4);
-      stream_.Write(size, sizeof size);
+      patched = Seek(UINT64{state_.levels[i].dwHeaderPos} + 4) && stream_.Write(size, sizeof size) == sizeof size &&
+                patched;
     }
-    Seek(position);
+    return Seek(position) && patched;
   }
 
-  Stream stream_;
+  Stream& stream_;
   tagCHNKSTATE& state_;
 };
 
-template <class Stored>
-auto CoreOf(Stored& file, tagCHNKSTATE& state, ChunkWriteCache*& cache) {
-  return ChunkCore<decltype(StreamOf(file, cache))>(StreamOf(file, cache), state);
+template <class Stream>
+ChunkCore<Stream> CoreOf(Stream& file, tagCHNKSTATE& state) {
+  return ChunkCore<Stream>(file, state);
 }
 
 }  // namespace
@@ -352,33 +238,27 @@ CZRArchive::~CZRArchive() = default;
 
 template <class Stream>
 unsigned int CChunkArchiveT<Stream>::Chnk_Open(char* name, unsigned long access) {
-  return CoreOf(file_, state_, cache_).Open(name, access);
+  return CoreOf(file_, state_).Open(name, access);
 }
 
 template <class Stream>
 int CChunkArchiveT<Stream>::Chnk_Close(unsigned int level) {
-  return CoreOf(file_, state_, cache_).Close(level, ZR_CALLER_ADDRESS());
+  return CoreOf(file_, state_).Close(level, ZR_CALLER_ADDRESS());
 }
 
 template <class Stream>
 unsigned long CChunkArchiveT<Stream>::Chnk_GetSize(unsigned int level) {
-  return CoreOf(file_, state_, cache_).GetSize(level);
+  return CoreOf(file_, state_).GetSize(level);
 }
 
 template <class Stream>
 unsigned long CChunkArchiveT<Stream>::Chnk_Write(void* data, unsigned long count) {
-  return CoreOf(file_, state_, cache_).Write(data, count);
+  return CoreOf(file_, state_).Write(data, count);
 }
 
 template <class Stream>
 unsigned long CChunkArchiveT<Stream>::Chnk_Read(void* data, unsigned long count) {
-  return CoreOf(file_, state_, cache_).Read(data, count);
-}
-
-template <class Stream>
-DWORD CChunkArchiveT<Stream>::GetFilePtr() const {
-  if constexpr (std::is_same_v<Stream, CZRFile>) return PositionOf(file_, cache_);
-  return file_.GetFilePtr();
+  return CoreOf(file_, state_).Read(data, count);
 }
 
 template <class Stream>
@@ -390,8 +270,9 @@ DWORD CChunkArchiveT<Stream>::GetBytesLeft() {
 
 template <class Stream>
 int CChunkArchiveT<Stream>::CloseAll() {
-  if (state_.dwLevels != 0) Chnk_Close(0);
-  return StreamOf(file_, cache_).Close();
+  const int patched = state_.dwLevels != 0 ? Chnk_Close(0) : 1;
+  const int closed = file_.Close();
+  return patched ? closed : 0;
 }
 
 template <class Stream>
@@ -405,14 +286,10 @@ template class CChunkArchiveT<CPMemoryFile>;
 
 // ---- CChunkArchive ----
 
-CChunkArchive::~CChunkArchive() {
-  Close();
-  delete cache_;
-}
+CChunkArchive::~CChunkArchive() { Close(); }
 
 unsigned long CChunkArchive::Open(const WCHAR* path, DWORD access, DWORD creation, DWORD timeout) {
   Reset();
-  StreamOf(file_, cache_).Discard();
   const DWORD start = GetTickCount();
   for (;;) {
     const unsigned int result = file_.Open(path, access, 0, creation, zr::kFileFlagSequentialScan, 0);
@@ -423,17 +300,11 @@ unsigned long CChunkArchive::Open(const WCHAR* path, DWORD access, DWORD creatio
   }
 }
 
-int CChunkArchive::Delete() {
-  StreamOf(file_, cache_).Discard();
-  return file_.Delete();
-}
+int CChunkArchive::Delete() { return file_.Delete(); }
 
-int CChunkArchive::SetEOF() {
-  StreamOf(file_, cache_).Flush();
-  return file_.SetEOF(file_.GetFilePtr());
-}
+int CChunkArchive::SetEOF() { return file_.SetEOF(file_.GetFilePtr()); }
 
-int CChunkArchive::Chnk_Find(char* name) { return CoreOf(file_, state_, cache_).Find(name); }
+int CChunkArchive::Chnk_Find(char* name) { return CoreOf(file_, state_).Find(name); }
 
 // ---- CMemChunkArchive ----
 

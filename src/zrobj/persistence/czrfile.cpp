@@ -3,13 +3,13 @@
 #include "zrobj/czrfile.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 
 #include "platform/clock.h"
 #include "platform/dlgsvc.h"
 #include "platform/files.h"
 #include "platform/text.h"
+#include "zrobj/cheap.h"
 #include "zrobj/zrdiag.h"
 
 namespace {
@@ -29,6 +29,14 @@ UINT64 FromFileTime(const FILETIME& time) {
 }
 FILETIME ToFileTime(UINT64 value) {
   return FILETIME{static_cast<DWORD>(value), static_cast<DWORD>(value >> 32)};
+}
+
+constexpr const char* kSourceFile = "src/zrobj/czrfile";
+
+// The write cache lives in a named heap, so leak reports and dumps see it.
+CHeap* CacheHeap() {
+  static CHeap* const heap = zr::GetLibraryHeap("MemPool");
+  return heap;
 }
 
 bool CreatesFiles(DWORD creation) { return creation == zr::kCreateAlways || creation == zr::kOpenAlways; }
@@ -85,9 +93,10 @@ bool CZRFile::StoreName(const WCHAR* path) {
 
 // --- Opening and closing ------------------------------------------------------------------------------
 
+// Open, close and the operations by name look at the handle and the name only inside the section, so
+// that a Close on another thread cannot change them halfway.
 unsigned int CZRFile::Open(const WCHAR* path, DWORD access, DWORD share, DWORD creation, DWORD flags,
                            DWORD cacheSize) {
-  if (IsOpen()) return kAlreadyOpen;
   COSAutoLock guard(&section_);
   if (IsOpen()) return kAlreadyOpen;
   if (!StoreName(path)) return kOpenFailed;
@@ -99,10 +108,9 @@ unsigned int CZRFile::Open(DWORD access, DWORD share, DWORD creation, DWORD flag
 }
 
 unsigned int CZRFile::OpenStored(DWORD access, DWORD share, DWORD creation, DWORD flags, DWORD cacheSize) {
-  if (IsOpen()) return kAlreadyOpen;
-  if (name_[0] == 0) return kNoName;
   COSAutoLock guard(&section_);
   if (IsOpen()) return kAlreadyOpen;
+  if (name_[0] == 0) return kNoName;
   zr::FileHandle file = zr::CreateFileW(name_, access, share, creation, flags);
   if (file == zr::kInvalidFile) {
     const DWORD error = zr::GetLastFileError();
@@ -126,7 +134,7 @@ unsigned int CZRFile::OpenStored(DWORD access, DWORD share, DWORD creation, DWOR
   status_ = kStatusReady;
   position_ = 0;
   if (cacheSize != 0 && share == 0 && IsWritable()) {
-    cache_ = static_cast<BYTE*>(std::malloc(cacheSize));
+    cache_ = static_cast<BYTE*>(CacheHeap()->Alloc(cacheSize, 0, kSourceFile, __LINE__, ZR_CALLER_ADDRESS()));
     cache_capacity_ = cache_ ? cacheSize : 0;
   }
   cache_offset_ = 0;
@@ -135,6 +143,7 @@ unsigned int CZRFile::OpenStored(DWORD access, DWORD share, DWORD creation, DWOR
 }
 
 int CZRFile::Close() {
+  COSAutoLock guard(&section_);
   if (!IsOpen()) return 1;
   if (lock_count_ != 0) {
     if (IsDebugOn()) {
@@ -142,11 +151,9 @@ int CZRFile::Close() {
     }
     WarningMsg(u"CLOSE HISTORY", ZR_CALLER_ADDRESS(), ZR_CURRENT_FRAME());
   }
-  COSAutoLock guard(&section_);
-  if (!IsOpen()) return 1;
   RemoveView();
   if (IsWritable()) FlushCache();
-  std::free(cache_);
+  if (cache_) CacheHeap()->Free(cache_, 0);
   const BOOL closed = zr::CloseFile(AsFile(file_));
   Reset();
   return closed;
@@ -262,21 +269,26 @@ int CZRFile::SetEOF(DWORD position) {
 
 // --- Byte-range locks ----------------------------------------------------------------------------------
 
-// Turns a length of 0 into the file's present size; an empty file has nothing to lock.
-bool CZRFile::ResolveLockLength(DWORD* length) {
-  if (*length != 0) return true;
+// A length of 0 is the whole file: from the offset to the end of the 32-bit range, so that it covers
+// the file as it grows and a lock and its unlock name the same range whatever was written between.
+UINT64 CZRFile::LockLength(DWORD offset, DWORD length) {
+  return length != 0 ? length : kMaxFileSize + 1 - offset;
+}
+
+// Locking the whole of an empty file (cached bytes count) is refused with a report.
+bool CZRFile::HasBytesToLock(DWORD length) {
+  if (length != 0) return true;
   UINT64 size = 0;
   zr::GetFileSize(AsFile(file_), &size);
-  *length = static_cast<DWORD>(std::min(size, kMaxFileSize));
-  if (*length != 0) return true;
+  if (size != 0 || size_ != 0) return true;
   wPrintf(3, 3, u"\rCZRFile %s: Attempt to lock 0 bytes\r\n", name_);
   return false;
 }
 
 int CZRFile::WaitFileLock(DWORD offset, DWORD length, DWORD timeout) {
-  if (!IsOpen() || !ResolveLockLength(&length)) return 0;
+  if (!IsOpen() || !HasBytesToLock(length)) return 0;
   const DWORD start = GetTickCount();
-  while (!zr::LockFile(AsFile(file_), offset, length)) {
+  while (!zr::LockFile(AsFile(file_), offset, LockLength(offset, length))) {
     // Only a lock held by someone else is worth waiting for.
     if (zr::GetLastFileError() != zr::kErrorLockViolation) return 0;
     if (timeout != kInfinite && GetTickCount() - start >= timeout) return 0;
@@ -288,8 +300,8 @@ int CZRFile::WaitFileLock(DWORD offset, DWORD length, DWORD timeout) {
 }
 
 int CZRFile::FileLock(DWORD offset, DWORD length) {
-  if (!IsOpen() || !ResolveLockLength(&length)) return 0;
-  if (!zr::LockFile(AsFile(file_), offset, length)) return 0;
+  if (!IsOpen() || !HasBytesToLock(length)) return 0;
+  if (!zr::LockFile(AsFile(file_), offset, LockLength(offset, length))) return 0;
   ++lock_count_;
   return 1;
 }
@@ -301,8 +313,7 @@ int CZRFile::FileUnlock(DWORD offset, DWORD length) {
     return 0;
   }
   if (!IsOpen()) return 0;
-  if (length == 0) length = size_;
-  if (!zr::UnlockFile(AsFile(file_), offset, length)) return 0;
+  if (!zr::UnlockFile(AsFile(file_), offset, LockLength(offset, length))) return 0;
   --lock_count_;
   return 1;
 }
@@ -310,8 +321,8 @@ int CZRFile::FileUnlock(DWORD offset, DWORD length) {
 // --- By name ---------------------------------------------------------------------------------------------
 
 int CZRFile::Delete() {
-  if (name_[0] == 0) return 0;
   COSAutoLock guard(&section_);
+  if (name_[0] == 0) return 0;
   if (IsOpen()) Close();
   return zr::DeleteFileW(name_);
 }
@@ -323,8 +334,8 @@ int CZRFile::Name(const WCHAR* newPath) {
 }
 
 int CZRFile::Move(const WCHAR* newPath) {
-  if (name_[0] == 0 || zr::WStrLen(newPath) == 0) return 0;
   COSAutoLock guard(&section_);
+  if (name_[0] == 0 || zr::WStrLen(newPath) == 0) return 0;
   if (IsOpen() || zr::WStrLen(newPath) >= ZR_MAX_PATH) return 0;
   if (!zr::MoveFileW(name_, newPath)) return 0;
   StoreName(newPath);
@@ -332,8 +343,8 @@ int CZRFile::Move(const WCHAR* newPath) {
 }
 
 int CZRFile::Copy(const WCHAR* targetPath, BOOL failIfExists) {
-  if (name_[0] == 0 || zr::WStrLen(targetPath) == 0) return 0;
   COSAutoLock guard(&section_);
+  if (name_[0] == 0 || zr::WStrLen(targetPath) == 0) return 0;
   if (IsOpen()) return 0;
   return zr::CopyFileW(name_, targetPath, failIfExists) ? 1 : 0;
 }

@@ -6,6 +6,7 @@
 #include "zrobj/cheap.h"
 
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -388,9 +389,9 @@ struct LibraryHeaps {
       {"CPHItemPool", 0, 0x10000, 0, 0}, {"PropertyPool", 0, 0x10000, 0, 0}, {"DIBPool", 0, 0x10000, 0, 0},
       {"CZRRTObjectHeap", 0, 0x80000, 0, 0}, {"PrjHeap", 0, 32768, 0, 0},
   };
+  // The counters are always dumped; only their heading depends on debug output.
   ~LibraryHeaps() {
-    if (!IsDebugOn()) return;
-    wPrintf(3, 9, u"\rHeap::Performance\r\n");
+    if (IsDebugOn()) wPrintf(3, 9, u"\rHeap::Performance\r\n");
     for (int c = 0; c < kHeapCounterCount; ++c) {
       const auto counter = static_cast<HeapCounter>(c);
       wPrintf(3, 9, u"\r%hs: %u\r\n", HeapCounterName(counter), GetHeapCounter(counter));
@@ -874,14 +875,27 @@ unsigned long CHeap::GetHeapState(unsigned int& items) {
 
 int CHeap::GetHeapList(CHeap** list, int max) { return zr::World().registry.Copy(list, max); }
 
+// The settings are copied under the registry lock and written outside it: a settings hook or sink
+// may allocate from a watched heap, which takes that lock to intern names.
 int CHeap::StoreWatchConfig() {
-  bool any = false;
+  struct WatchSetting {
+    char name[sizeof(CHeap::name_)];
+    bool next;
+  };
+  static constexpr int kMax = zr::HeapRegistry<CHeap>::kCapacity;
+  auto settings = std::make_unique<WatchSetting[]>(kMax);
+  int count = 0;
   zr::World().registry.ForEach([&](CHeap* heap) {
-    const bool next = (heap->flags_.load(std::memory_order_relaxed) & CHEAP_WATCH_NEXT) != 0;
-    zr::WriteSetting(heap->name_, "Watch", next ? 1 : 0);
-    any = any || next;
-    return true;
+    WatchSetting& setting = settings[count++];
+    std::memcpy(setting.name, heap->name_, sizeof setting.name);
+    setting.next = (heap->flags_.load(std::memory_order_relaxed) & CHEAP_WATCH_NEXT) != 0;
+    return count < kMax;
   });
+  bool any = false;
+  for (int i = 0; i < count; ++i) {
+    zr::WriteSetting(settings[i].name, "Watch", settings[i].next ? 1 : 0);
+    any = any || settings[i].next;
+  }
   if (!any) zr::WriteSetting("Heaps", "Watch", 0);
   return 1;
 }
