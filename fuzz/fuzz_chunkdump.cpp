@@ -26,6 +26,8 @@
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrhash.h"
 
+namespace os = zr::os;
+
 namespace {
 
 constexpr std::size_t kHeaderSize = 8;
@@ -221,14 +223,14 @@ void RunBuilt(const Input& in, const std::string& path) {
   const std::vector<std::string> names = SplitNames(in.names);
   Model model;
   {
-    const std::u16string wide = zr::Utf8ToUtf16(path);
+    const std::u16string wide = os::Utf8ToUtf16(path);
     CChunkArchive arc;
-    Check(arc.Open(wide.c_str(), CHNK_ACCESS_WRITE, zr::kCreateAlways, 1000) == 0);
+    Check(arc.Open(wide.c_str(), CHNK_ACCESS_WRITE, os::kCreateAlways, 1000) == 0);
     RunScript(in, names, arc, model);
     Check(arc.Close() != 0);
     model.Close(0);
   }
-  Check(ReadFile(path) == model.bytes());
+  Check(os::ReadFile(path) == model.bytes());
   Check(Dump(path, in) == 0);
   if (!in.cut) return;
   const std::size_t cut = in.cut_point % (model.size() + 1);

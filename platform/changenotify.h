@@ -7,6 +7,8 @@
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
+namespace zr::os {
+
 #ifndef INVALID_HANDLE_VALUE
 #define INVALID_HANDLE_VALUE (reinterpret_cast<HANDLE>(~std::uintptr_t{0}))
 #endif
@@ -19,10 +21,8 @@ ZROBJ_API HANDLE FindFirstChangeNotificationW(const WCHAR* path, BOOL watchSubtr
 ZROBJ_API BOOL FindNextChangeNotification(HANDLE handle);
 ZROBJ_API BOOL FindCloseChangeNotification(HANDLE handle);
 
-namespace zr {
-
 // Fills `out` with the entry of the file `path` names; false (and `out` untouched) when it does not
 // exist. Attributes come from the "user.zrobj.attributes" extended attribute, else from the mode.
 ZROBJ_API bool GetFindData(const WCHAR* path, tagZRFINDDATA* out);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -3,7 +3,8 @@
 
 #include <cstring>
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 struct Spec {
@@ -264,4 +265,4 @@ std::size_t Utf8ToUtf16Fixed(std::string_view text, char16_t* out, std::size_t c
   return n;
 }
 
-}  // namespace zr
+}  // namespace zr::os

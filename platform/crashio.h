@@ -9,7 +9,7 @@
 #include "platform/wformat.h"
 #include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 // Formats narrow (UTF-8) text into a caller's buffer, cutting what does not fit. The printf dialect of
 // the library's messages: flags "-0+ #", width and precision (also "*"), the size prefixes h, hh, l,
@@ -76,4 +76,4 @@ ZROBJ_API std::size_t Utf8ToUtf16Fixed(std::string_view text, char16_t* out, std
 // or -1 when the file cannot be opened.
 ZROBJ_API long ReadSmallFile(const char* path, char* buffer, std::size_t capacity);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -10,6 +10,8 @@
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
+namespace zr::os {
+
 inline constexpr UINT MB_OK = 0x00;
 inline constexpr UINT MB_ICONSTOP = 0x10;
 inline constexpr int IDOK = 1;
@@ -30,8 +32,6 @@ ZROBJ_API void DebugBreak();
 // No common controls exist: does nothing.
 ZROBJ_API void InitCommonControls();
 
-namespace zr {
-
 // Empty members use the defaults above.
 struct DesktopHandlers {
   std::function<int(HWND owner, std::u16string_view text, std::u16string_view caption, UINT style)> message_box;
@@ -48,4 +48,4 @@ ZROBJ_API DesktopHandlers SetDesktopHandlers(DesktopHandlers handlers);
 // True when a tracer (debugger) is attached to this process.
 ZROBJ_API bool IsDebuggerAttached();
 
-}  // namespace zr
+}  // namespace zr::os

@@ -8,7 +8,7 @@
 #include "platform/wformat.h"
 #include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 // Receives every formatted message that passes the filter, one call per wPrintf.
 class ZROBJ_API DiagSink {
@@ -43,14 +43,14 @@ ZROBJ_API void ConfigureDiagFromEnvironment();
 // environment on top. Called once at load.
 ZROBJ_API void ConfigureDiag();
 
-}  // namespace zr
-
-ZROBJ_API void wPrintfV(unsigned channel, unsigned level, std::u16string_view format, const zr::FormatArg* args,
+ZROBJ_API void wPrintfV(unsigned channel, unsigned level, std::u16string_view format, const FormatArg* args,
                         std::size_t count);
 ZROBJ_API int Is_wPrintf_Active(unsigned channel);
 
 template <class... Args>
 void wPrintf(unsigned channel, unsigned level, const char16_t* format, const Args&... args) {
-  const zr::FormatArg list[] = {zr::MakeFormatArg(args)..., zr::FormatArg{zr::FormatArg::Kind::kPointer}};
+  const FormatArg list[] = {MakeFormatArg(args)..., FormatArg{FormatArg::Kind::kPointer}};
   wPrintfV(channel, level, format ? std::u16string_view(format) : std::u16string_view(), list, sizeof...(Args));
 }
+
+}  // namespace zr::os

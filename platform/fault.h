@@ -7,7 +7,7 @@
 
 #include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 // Copies n bytes from `address` into `out`; false when any of it cannot be read (no signal raised).
 ZROBJ_API bool ProbeRead(const void* address, void* out, std::size_t n);
@@ -92,4 +92,4 @@ ZROBJ_API void CaptureCurrentContext();
 // Raises a breakpoint only when a debugger is attached to the process.
 ZROBJ_API void BreakIntoDebugger();
 
-}  // namespace zr
+}  // namespace zr::os

@@ -5,10 +5,11 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/lasterror.h"
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
-namespace zr {
+namespace zr::os {
 
 // --- Access, sharing, creation and flag words (the Windows values) --------------------------------
 inline constexpr DWORD kGenericRead = 0x80000000u;
@@ -84,8 +85,7 @@ inline constexpr DWORD kErrorFilenameTooLong = 206;
 inline constexpr DWORD kErrorFileInvalid = 1006;
 inline constexpr DWORD kErrorMappedAlignment = 1132;
 
-// The error of the last failed call of this layer on the calling thread (0 after a success).
-ZROBJ_API DWORD GetLastFileError();
+// Failures set the last error (platform/lasterror.h) to one of these; successes set it to 0.
 
 // --- Handles ----------------------------------------------------------------------------------------
 struct PlatformFile;
@@ -174,4 +174,4 @@ ZROBJ_API UINT64 GetFileWriteCount();
 using FileWriteHook = DWORD (*)(FileHandle file, DWORD count);
 ZROBJ_API FileWriteHook SetFileWriteHook(FileWriteHook hook);
 
-}  // namespace zr
+}  // namespace zr::os

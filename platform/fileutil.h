@@ -6,6 +6,8 @@
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
+namespace zr::os {
+
 // Normalises `path` in place: '\' and '/' become `separator`, runs of separators collapse to one,
 // and a non-empty path ends in a separator. FALSE (path unchanged) when the result would need more
 // than `capacity` characters with the terminator, or on null arguments.
@@ -24,7 +26,7 @@ ZROBJ_API WCHAR* FU_FindExtension(const WCHAR* path);
 // of the names (file name only) into `found`. FALSE when nothing matches or it does not fit.
 ZROBJ_API BOOL FU_GetFirstMatch(const WCHAR* pattern, WCHAR* found, UINT capacity);
 
-namespace zr {
 // The wildcard test of FU_GetFirstMatch, for one name.
 ZROBJ_API bool WildcardMatch(std::u16string_view pattern, std::u16string_view name);
-}  // namespace zr
+
+}  // namespace zr::os

@@ -6,7 +6,7 @@
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
-namespace zr {
+namespace zr::os {
 
 inline constexpr DWORD kMaxComputerNameLength = 15;  // characters, without the terminator
 
@@ -36,4 +36,4 @@ ZROBJ_API std::string StoredComputerNamePath();
 // user, else $USER. Same buffer and length contract as QueryComputerName; not upper-cased or cut.
 ZROBJ_API bool QueryUserName(WCHAR* buffer, DWORD* length);
 
-}  // namespace zr
+}  // namespace zr::os

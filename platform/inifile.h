@@ -10,7 +10,7 @@
 
 #include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 // How a file looks to a reader. An unreadable file (a directory, no permission, too large) reads as
 // empty and is never overwritten.
@@ -49,4 +49,4 @@ ZROBJ_API std::string_view IniTrimName(std::string_view name);
 // Removes the cached parse of every file, so the next read goes to the disk (tests).
 ZROBJ_API void IniDropCache();
 
-}  // namespace zr
+}  // namespace zr::os

@@ -5,8 +5,9 @@
 #include <string>
 
 #include "zrobj/export.h"
-#include "zrobj/zrobj.h"
 #include "zrobj/zrtypes.h"
+
+namespace zr::os {
 
 // Page size, processor count and the Windows allocation granularity (65536).
 ZROBJ_API void GetSystemInfo(SYSTEM_INFO* info);
@@ -15,8 +16,6 @@ ZROBJ_API void GetSystemInfo(SYSTEM_INFO* info);
 // characters copied; when the buffer is too small the name is cut, terminated, and `size` is
 // returned; 0 when the module is unknown.
 ZROBJ_API DWORD GetModuleFileNameW(HMODULE module, WCHAR* buffer, DWORD size);
-
-namespace zr {
 
 // The module whose mapping contains `address`; null when none does.
 ZROBJ_API HMODULE ModuleFromAddress(const void* address);
@@ -27,4 +26,4 @@ ZROBJ_API std::string ModuleFileNameFromAddress(std::uintptr_t address);
 // The absolute file name of the main executable, UTF-8.
 ZROBJ_API std::string MainExecutableFileName();
 
-}  // namespace zr
+}  // namespace zr::os

@@ -7,7 +7,7 @@
 
 #include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 struct ModuleSegment {
   std::uintptr_t start = 0;
@@ -67,4 +67,4 @@ ZROBJ_API int ForEachMemoryRegion(RegionVisitor visit, void* context);
 // of the program's data).
 ZROBJ_API bool IsSanitizerShadow(std::uintptr_t start, std::uintptr_t end);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -8,7 +8,7 @@
 
 #include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 // OS id of the calling thread (gettid); signal-safe.
 ZROBJ_API std::uint32_t CurrentOsThreadId();
@@ -53,4 +53,4 @@ ZROBJ_API CivilTime FileTimeToCivil(std::uint64_t file_time);
 ZROBJ_API void GetUserLogonName(char* buffer, std::size_t capacity);
 ZROBJ_API void GetComputerNameText(char* buffer, std::size_t capacity);
 
-}  // namespace zr
+}  // namespace zr::os

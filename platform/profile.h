@@ -6,6 +6,8 @@
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
+namespace zr::os {
+
 // Copies the Windows directory (no trailing separator) into `buffer`. Returns its length, or the
 // size needed including the terminator when `size` is too small (buffer untouched), 0 on failure.
 ZROBJ_API UINT GetWindowsDirectoryW(WCHAR* buffer, UINT size);
@@ -21,8 +23,6 @@ ZROBJ_API DWORD GetPrivateProfileStringA(const char* section, const char* key, c
 ZROBJ_API BOOL WritePrivateProfileStringA(const char* section, const char* key, const char* value,
                                           const char* fileName);
 
-namespace zr {
-
 // $ZROBJ_HOME, else $XDG_CONFIG_HOME/zrobj, else ~/.config/zrobj; read from the environment at
 // each call. The directory is created by the first write into it.
 ZROBJ_API std::string WindowsDirectory();
@@ -34,4 +34,4 @@ ZROBJ_API void SetWindowsDirectoryForProcess(const std::string& directory);
 // `fileName` resolved like the profile functions do: in the Windows directory unless it has a '/'.
 ZROBJ_API std::string ProfileFilePath(const char* fileName);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -2,24 +2,18 @@
 // "HKCR.INI" of the Windows directory (one section per key path, one entry per value).
 #pragma once
 
+#include "platform/lasterror.h"
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
+
+namespace zr::os {
 
 struct ZrRegKey;
 using HKEY = ZrRegKey*;
 using REGSAM = DWORD;
 
-namespace zr {
 ZROBJ_API HKEY RegClassesRoot();
-}
-#define HKEY_CLASSES_ROOT (::zr::RegClassesRoot())
-
-inline constexpr LONG ERROR_SUCCESS = 0;
-inline constexpr LONG ERROR_FILE_NOT_FOUND = 2;
-inline constexpr LONG ERROR_ACCESS_DENIED = 5;
-inline constexpr LONG ERROR_INVALID_HANDLE = 6;
-inline constexpr LONG ERROR_INVALID_PARAMETER = 87;
-inline constexpr LONG ERROR_MORE_DATA = 234;
+#define HKEY_CLASSES_ROOT (::zr::os::RegClassesRoot())
 
 inline constexpr REGSAM KEY_READ = 0x20019;
 inline constexpr REGSAM KEY_WRITE = 0x20006;
@@ -42,3 +36,5 @@ ZROBJ_API LONG RegQueryValueExW(HKEY key, const WCHAR* valueName, DWORD* reserve
 ZROBJ_API LONG RegCloseKey(HKEY key);
 // Deletes a key with all its subkeys and values.
 ZROBJ_API LONG RegDeleteTreeW(HKEY parent, const WCHAR* subKey);
+
+}  // namespace zr::os

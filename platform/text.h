@@ -6,7 +6,7 @@
 
 #include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 // Invalid sequences become U+FFFD; a lone surrogate never produces invalid UTF-8.
 ZROBJ_API std::u16string Utf8ToUtf16(std::string_view text);
@@ -24,4 +24,4 @@ inline std::size_t WStrLen(const char16_t* s) {
 // Copies at most `capacity`-1 units and always terminates (when capacity > 0); returns units copied.
 ZROBJ_API std::size_t WStrCopy(char16_t* dst, std::size_t capacity, std::u16string_view src);
 
-}  // namespace zr
+}  // namespace zr::os

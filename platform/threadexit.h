@@ -3,7 +3,7 @@
 
 #include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 using ThreadExitFn = void (*)();
 
@@ -18,4 +18,4 @@ ZROBJ_API void RunThreadExitNow();
 // Stops every pending thread-exit callback (library unload); arming works again afterwards.
 ZROBJ_API void DisarmThreadExit();
 
-}  // namespace zr
+}  // namespace zr::os

@@ -2,9 +2,10 @@
 // suspension that really parks the thread, termination, priorities, exit codes, and fork hooks.
 #pragma once
 
-#include "zrobj/coswait.h"
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
+
+namespace zr::os {
 
 #ifndef CREATE_SUSPENDED
 #define CREATE_SUSPENDED 0x4u
@@ -45,12 +46,10 @@ ZROBJ_API DWORD GetThreadId(HANDLE thread);
 ZROBJ_API int GetThreadPriority(HANDLE thread);
 ZROBJ_API BOOL SetThreadPriority(HANDLE thread, int priority);
 
-namespace zr {
-
 // Process forks: `prepare` runs in the forking thread before the fork, `parent` after it in the
 // parent, `child` in the (single-threaded) child with the thread id the forking thread had.
 using ForkFn = void (*)();
 using ForkChildFn = void (*)(DWORD parent_thread_id);
 ZROBJ_API bool AddForkHandlers(ForkFn prepare, ForkFn parent, ForkChildFn child);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -6,7 +6,7 @@
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
-namespace zr {
+namespace zr::os {
 
 // All in 100 ns units: `creation` as a file time, `kernel` and `user` as durations.
 struct ThreadTimes {
@@ -17,4 +17,4 @@ struct ThreadTimes {
 // False when the thread is not (or no longer) a thread of this process.
 ZROBJ_API bool GetThreadTimesById(DWORD threadId, ThreadTimes* times);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -1,14 +1,16 @@
-// Waitable kernel objects: handles, events, semaphores, waits on one or several objects, the last
-// error, thread ids and critical sections, all built on 32-bit futex words. Named objects live in a
+// Waitable kernel objects: handles, events, semaphores, waits on one or several objects, thread
+// ids and critical sections, all built on 32-bit futex words. Named objects live in a
 // shared-memory segment keyed by their name, so other processes open the same object.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
-#include "zrobj/coswait.h"
+#include "platform/lasterror.h"
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
+
+namespace zr::os {
 
 // Windows values, defined the way the system headers define them so that every family can share them.
 #ifndef SYNCHRONIZE
@@ -22,41 +24,8 @@
 #define DUPLICATE_CLOSE_SOURCE 0x1u
 #define DUPLICATE_SAME_ACCESS 0x2u
 #endif
-#ifndef ERROR_SUCCESS
-#define ERROR_SUCCESS 0u
-#endif
-#ifndef ERROR_FILE_NOT_FOUND
-#define ERROR_FILE_NOT_FOUND 2u
-#endif
-#ifndef ERROR_ACCESS_DENIED
-#define ERROR_ACCESS_DENIED 5u
-#endif
-#ifndef ERROR_INVALID_HANDLE
-#define ERROR_INVALID_HANDLE 6u
-#endif
-#ifndef ERROR_NOT_ENOUGH_MEMORY
-#define ERROR_NOT_ENOUGH_MEMORY 8u
-#endif
-#ifndef ERROR_INVALID_PARAMETER
-#define ERROR_INVALID_PARAMETER 87u
-#endif
-#ifndef ERROR_INVALID_NAME
-#define ERROR_INVALID_NAME 123u
-#endif
-#ifndef ERROR_ALREADY_EXISTS
-#define ERROR_ALREADY_EXISTS 183u
-#endif
-#ifndef ERROR_FILENAME_EXCED_RANGE
-#define ERROR_FILENAME_EXCED_RANGE 206u
-#endif
-#ifndef ERROR_TOO_MANY_POSTS
-#define ERROR_TOO_MANY_POSTS 298u
-#endif
+// ---- Identities ----
 
-// ---- Last error and identities ----
-
-ZROBJ_API DWORD GetLastError();
-ZROBJ_API void SetLastError(DWORD error);
 // Thread ids are the kernel's gettid() values (cached per thread, renewed in a forked child).
 ZROBJ_API DWORD GetCurrentThreadId();
 ZROBJ_API DWORD GetCurrentProcessId();
@@ -117,8 +86,6 @@ ZROBJ_API void EnterCriticalSection(CRITICAL_SECTION* section);
 ZROBJ_API BOOL TryEnterCriticalSection(CRITICAL_SECTION* section);
 ZROBJ_API void LeaveCriticalSection(CRITICAL_SECTION* section);
 ZROBJ_API void DeleteCriticalSection(CRITICAL_SECTION* section);
-
-namespace zr {
 
 // Direct (not interposable) entries for the library's own hot paths; the exported functions above
 // are the same code. Not visible outside libzrobju.
@@ -223,4 +190,4 @@ ZROBJ_API DWORD GetHandleKind(HANDLE handle);
 ZROBJ_API bool LockSharedWaitWord();
 ZROBJ_API void UnlockSharedWaitWord();
 
-}  // namespace zr
+}  // namespace zr::os

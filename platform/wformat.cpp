@@ -6,7 +6,8 @@
 
 #include "platform/text.h"
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 struct Spec {
@@ -298,4 +299,4 @@ void AppendFormatNarrow(std::string& out, std::string_view format, const FormatA
   AppendUtf16AsUtf8(out, wide);
 }
 
-}  // namespace zr
+}  // namespace zr::os

@@ -9,7 +9,7 @@
 
 #include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 struct FormatArg {
   enum class Kind : std::uint8_t { kInt, kDouble, kNarrow, kWide, kPointer };
@@ -87,4 +87,4 @@ std::string FormatNarrow(std::string_view format, const Args&... args) {
   return out;
 }
 
-}  // namespace zr
+}  // namespace zr::os

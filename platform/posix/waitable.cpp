@@ -29,12 +29,13 @@
 #include "platform/posix/futex.h"
 #include "platform/text.h"
 
+namespace zr::os {
+
 namespace {
 
 // ---------------------------------------------------------------------------------------------
-// Last error and thread ids
+// Thread ids
 
-thread_local DWORD t_last_error = 0;
 __attribute__((tls_model("initial-exec"))) thread_local DWORD t_thread_id = 0;
 
 [[gnu::noinline, gnu::cold]] DWORD FetchTid() { return t_thread_id = static_cast<DWORD>(::gettid()); }
@@ -45,23 +46,23 @@ inline DWORD CurrentTid() {
 }
 
 DWORD Fail(DWORD error, DWORD result = WAIT_FAILED) {
-  t_last_error = error;
+  SetLastError(error);
   return result;
 }
 
 HANDLE FailNull(DWORD error) {
-  t_last_error = error;
+  SetLastError(error);
   return nullptr;
 }
 
 // ---------------------------------------------------------------------------------------------
 // Futex calls (the single-word ones come from futex.h)
 
-using zr::posix::Deadline;
-using zr::posix::FutexWaitUntil;
-using zr::posix::FutexWake;
-using zr::posix::PrivateFlag;
-using zr::posix::WordAddress;
+using posix::Deadline;
+using posix::FutexWaitUntil;
+using posix::FutexWake;
+using posix::PrivateFlag;
+using posix::WordAddress;
 
 #ifndef SYS_futex_waitv
 #define SYS_futex_waitv 449
@@ -70,7 +71,7 @@ using zr::posix::WordAddress;
 std::atomic<bool> g_waitv_missing{false};
 
 // Sleeps until one of the words differs from its expected value; false when the deadline passed.
-bool FutexWaitAny(DWORD count, zr::WaitCore* const* cores, const std::uint32_t* expected, const Deadline& deadline) {
+bool FutexWaitAny(DWORD count, WaitCore* const* cores, const std::uint32_t* expected, const Deadline& deadline) {
   if (count == 1 || g_waitv_missing.load(std::memory_order_relaxed)) {
     // Without futex_waitv, sleep on the first word in short slices and rescan the others.
     if (count == 1) return FutexWaitUntil(&cores[0]->word, expected[0], cores[0]->shared, deadline);
@@ -103,22 +104,22 @@ constexpr std::uint32_t kSignalled = 1u;
 constexpr std::uint32_t kPulseToken = 2u;
 inline std::uint32_t Generation(std::uint32_t w) { return w >> 2; }
 
-void WakeSleepers(zr::WaitCore* core) {
+void WakeSleepers(WaitCore* core) {
   if (core->waiters.load(std::memory_order_seq_cst) != 0) FutexWake(&core->word, core->shared != 0, INT_MAX);
 }
 
 // Whether a waiter that began at `start` may return now, judging by the word value `w` alone.
-bool IsReady(const zr::WaitCore* core, std::uint32_t start, std::uint32_t w) {
-  if (core->type == zr::WaitCore::kSemaphore) return w != 0;
+bool IsReady(const WaitCore* core, std::uint32_t start, std::uint32_t w) {
+  if (core->type == WaitCore::kSemaphore) return w != 0;
   if (w & kSignalled) return true;
   if (Generation(w) == Generation(start)) return false;
   return core->manual_reset || (w & kPulseToken);
 }
 
 // Takes the object for a waiter that began at `start`: signalled now, or pulsed while it waited.
-bool Acquire(zr::WaitCore* core, std::uint32_t start) {
+bool Acquire(WaitCore* core, std::uint32_t start) {
   if (core->TryAcquire()) return true;
-  if (core->type != zr::WaitCore::kEvent) return false;
+  if (core->type != WaitCore::kEvent) return false;
   std::uint32_t w = core->word.load(std::memory_order_acquire);
   if (Generation(w) == Generation(start)) return false;
   if (core->manual_reset) return true;
@@ -128,12 +129,12 @@ bool Acquire(zr::WaitCore* core, std::uint32_t start) {
 }
 
 // Gives back what a partial wait-all took.
-void Restore(zr::WaitCore* core) {
-  if (core->type == zr::WaitCore::kSemaphore) {
+void Restore(WaitCore* core) {
+  if (core->type == WaitCore::kSemaphore) {
     core->word.fetch_add(1, std::memory_order_seq_cst);
     WakeSleepers(core);
   } else if (!core->manual_reset) {
-    zr::CoreSetEvent(core);
+    CoreSetEvent(core);
   }
 }
 
@@ -213,7 +214,7 @@ std::mutex g_local_wait_all;
 
 // Consumes every core at once, under the lock word of their processes; false when one of them was
 // taken in between (what was taken is given back).
-bool AcquireAll(DWORD count, zr::WaitCore* const* cores) {
+bool AcquireAll(DWORD count, WaitCore* const* cores) {
   bool shared = false;
   for (DWORD i = 0; i < count; ++i) shared = shared || cores[i]->shared;
   std::unique_lock<std::mutex> local;
@@ -230,15 +231,15 @@ bool AcquireAll(DWORD count, zr::WaitCore* const* cores) {
   return true;
 }
 
-bool AllSignalled(DWORD count, zr::WaitCore* const* cores, const std::uint32_t* words) {
+bool AllSignalled(DWORD count, WaitCore* const* cores, const std::uint32_t* words) {
   for (DWORD i = 0; i < count; ++i) {
-    const bool on = cores[i]->type == zr::WaitCore::kSemaphore ? words[i] != 0 : (words[i] & kSignalled) != 0;
+    const bool on = cores[i]->type == WaitCore::kSemaphore ? words[i] != 0 : (words[i] & kSignalled) != 0;
     if (!on) return false;
   }
   return true;
 }
 
-DWORD WaitLoop(DWORD count, zr::WaitCore* const* cores, bool wait_all, DWORD milliseconds) {
+DWORD WaitLoop(DWORD count, WaitCore* const* cores, bool wait_all, DWORD milliseconds) {
   std::uint32_t start[MAXIMUM_WAIT_OBJECTS];
   std::uint32_t now[MAXIMUM_WAIT_OBJECTS];
   for (DWORD i = 0; i < count; ++i) start[i] = now[i] = cores[i]->word.load(std::memory_order_acquire);
@@ -280,7 +281,7 @@ constexpr std::uint32_t kNamedMagic = 0x5A524E31u;  // "ZRN1"
 struct NamedSegment {
   std::uint32_t magic;
   std::uint32_t kind;
-  zr::WaitCore core;
+  WaitCore core;
   std::uint32_t opener_used;
   struct {
     std::int32_t pid;
@@ -292,13 +293,13 @@ struct NamedSegment {
 struct Object {
   std::atomic<std::int32_t> refs{1};  // one per handle plus one per operation in progress
   DWORD kind = 0;
-  zr::WaitCore local;
-  zr::WaitCore* core = &local;
+  WaitCore local;
+  WaitCore* core = &local;
   NamedSegment* segment = nullptr;  // named objects only
   std::string shm_name;
   std::string key;
   void* context = nullptr;  // signal handles of other families
-  zr::HandleDestroyFn destroy = nullptr;
+  HandleDestroyFn destroy = nullptr;
 };
 
 void CloseNamedSegment(Object* object);
@@ -420,12 +421,12 @@ class ObjectRef {
     DWORD access = 0;
     object_ = Table().Reference(handle, &access);
     if (!object_) {
-      t_last_error = ERROR_INVALID_HANDLE;
+      SetLastError(ERROR_INVALID_HANDLE);
     } else if (kind != 0 && object_->kind != kind) {
-      t_last_error = ERROR_INVALID_HANDLE;
+      SetLastError(ERROR_INVALID_HANDLE);
       Drop();
     } else if ((access & needed_access) != needed_access) {
-      t_last_error = ERROR_ACCESS_DENIED;
+      SetLastError(ERROR_ACCESS_DENIED);
       Drop();
     }
   }
@@ -461,7 +462,7 @@ std::string KeyOf(std::u16string_view name) {
     const char* home = std::getenv("ZROBJ_HOME");
     scope = std::string("L") + (home ? home : "");
   }
-  return scope + '\n' + zr::Utf16ToUtf8(name);
+  return scope + '\n' + Utf16ToUtf8(name);
 }
 
 std::uint64_t Fnv1a64(const std::string& text) {
@@ -523,7 +524,7 @@ struct CreateParams {
 void InitSegment(NamedSegment* s, const std::string& key, const CreateParams& p) {
   std::memset(static_cast<void*>(s), 0, sizeof *s);
   s->kind = p.kind;
-  if (p.kind == zr::kHandleSemaphore)
+  if (p.kind == kHandleSemaphore)
     s->core.InitSemaphore(p.count, p.maximum, true);
   else
     s->core.InitEvent(p.manual, p.initial, true);
@@ -533,9 +534,9 @@ void InitSegment(NamedSegment* s, const std::string& key, const CreateParams& p)
 
 bool SegmentValid(const NamedSegment* s, const std::string& key) {
   if (s->magic != kNamedMagic) return false;
-  if (s->kind != zr::kHandleEvent && s->kind != zr::kHandleSemaphore) return false;
-  const bool semaphore = s->core.type == zr::WaitCore::kSemaphore;
-  if (semaphore != (s->kind == zr::kHandleSemaphore) || s->core.shared != 1) return false;
+  if (s->kind != kHandleEvent && s->kind != kHandleSemaphore) return false;
+  const bool semaphore = s->core.type == WaitCore::kSemaphore;
+  if (semaphore != (s->kind == kHandleSemaphore) || s->core.shared != 1) return false;
   if (semaphore && (s->core.max_count <= 0 ||
                     s->core.word.load(std::memory_order_relaxed) > static_cast<std::uint32_t>(s->core.max_count)))
     return false;
@@ -619,7 +620,7 @@ void CloseNamedSegment(Object* object) {
 
 // Validates a name: empty means unnamed; too long or with a path separator is refused.
 bool CheckName(const WCHAR* name, DWORD* error) {
-  const std::size_t n = zr::WStrLen(name);
+  const std::size_t n = WStrLen(name);
   if (n > ZR_MAX_PATH) {
     *error = ERROR_FILENAME_EXCED_RANGE;
     return false;
@@ -638,7 +639,7 @@ Object* NewLocalObject(const CreateParams& params) {
   auto* object = new (std::nothrow) Object;
   if (!object) return nullptr;
   object->kind = params.kind;
-  if (params.kind == zr::kHandleSemaphore)
+  if (params.kind == kHandleSemaphore)
     object->local.InitSemaphore(params.count, params.maximum, false);
   else
     object->local.InitEvent(params.manual, params.initial, false);
@@ -648,10 +649,10 @@ Object* NewLocalObject(const CreateParams& params) {
 HANDLE CreateObject(const WCHAR* name, const CreateParams& params, DWORD access) {
   DWORD error = ERROR_SUCCESS;
   if (!CheckName(name, &error)) return FailNull(error);
-  if (zr::WStrLen(name) == 0) {
+  if (WStrLen(name) == 0) {
     Object* object = NewLocalObject(params);
     if (!object) return FailNull(ERROR_NOT_ENOUGH_MEMORY);
-    t_last_error = ERROR_SUCCESS;
+    SetLastError(ERROR_SUCCESS);
     return Table().Insert(object, access);
   }
   const std::string key = KeyOf(name);
@@ -674,13 +675,13 @@ HANDLE CreateObject(const WCHAR* name, const CreateParams& params, DWORD access)
     Release(object);
     return FailNull(ERROR_INVALID_HANDLE);
   }
-  t_last_error = existed ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS;
+  SetLastError(existed ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
   return Table().Insert(object, access);
 }
 
 HANDLE OpenObject(const WCHAR* name, DWORD kind, DWORD access) {
   DWORD error = ERROR_SUCCESS;
-  if (zr::WStrLen(name) == 0) return FailNull(ERROR_INVALID_PARAMETER);
+  if (WStrLen(name) == 0) return FailNull(ERROR_INVALID_PARAMETER);
   if (!CheckName(name, &error)) return FailNull(error);
   const std::string key = KeyOf(name);
   Object* object = Table().FindNamed(key);
@@ -697,7 +698,7 @@ HANDLE OpenObject(const WCHAR* name, DWORD kind, DWORD access) {
     Release(object);
     return FailNull(ERROR_INVALID_HANDLE);
   }
-  t_last_error = ERROR_SUCCESS;
+  SetLastError(ERROR_SUCCESS);
   return Table().Insert(object, access);
 }
 
@@ -727,7 +728,7 @@ void AfterForkChild() {
 DWORD WaitHandles(DWORD count, const HANDLE* handles, bool wait_all, DWORD milliseconds, DWORD limit) {
   if (count == 0 || count > limit || !handles) return Fail(ERROR_INVALID_PARAMETER);
   Object* objects[MAXIMUM_WAIT_OBJECTS];
-  zr::WaitCore* cores[MAXIMUM_WAIT_OBJECTS] = {};
+  WaitCore* cores[MAXIMUM_WAIT_OBJECTS] = {};
   DWORD held = 0;
   DWORD error = ERROR_SUCCESS;
   for (; held < count && error == ERROR_SUCCESS; ++held) {
@@ -741,7 +742,7 @@ DWORD WaitHandles(DWORD count, const HANDLE* handles, bool wait_all, DWORD milli
     if (!(access & SYNCHRONIZE)) error = ERROR_ACCESS_DENIED;
   }
   const DWORD result =
-      error == ERROR_SUCCESS ? zr::CoreWaitMultiple(count, cores, wait_all, milliseconds) : Fail(error);
+      error == ERROR_SUCCESS ? CoreWaitMultiple(count, cores, wait_all, milliseconds) : Fail(error);
   for (DWORD i = 0; i < held; ++i) Release(objects[i]);
   return result;
 }
@@ -751,8 +752,6 @@ DWORD WaitHandles(DWORD count, const HANDLE* handles, bool wait_all, DWORD milli
 // ---------------------------------------------------------------------------------------------
 // Identities and the last error
 
-DWORD GetLastError() { return t_last_error; }
-void SetLastError(DWORD error) { t_last_error = error; }
 DWORD GetCurrentThreadId() { return CurrentTid(); }
 DWORD GetCurrentProcessId() { return static_cast<DWORD>(::getpid()); }
 HANDLE GetCurrentProcess() { return reinterpret_cast<HANDLE>(~std::uintptr_t{0}); }
@@ -763,8 +762,6 @@ BOOL SwitchToThread() {
 
 // ---------------------------------------------------------------------------------------------
 // Cores
-
-namespace zr {
 
 void WaitCore::InitEvent(bool manual, bool initial, bool is_shared) {
   word.store(initial ? kSignalled : 0u, std::memory_order_relaxed);
@@ -870,8 +867,6 @@ DWORD GetHandleKind(HANDLE handle) {
 bool LockSharedWaitWord() { return LockControl(); }
 void UnlockSharedWaitWord() { UnlockControl(); }
 
-}  // namespace zr
-
 // ---------------------------------------------------------------------------------------------
 // Handles, events, semaphores, waits
 
@@ -899,45 +894,45 @@ BOOL DuplicateHandle(HANDLE sourceProcess, HANDLE source, HANDLE targetProcess, 
 }
 
 HANDLE CreateEventW(SECURITY_ATTRIBUTES*, BOOL manualReset, BOOL initialState, const WCHAR* name) {
-  const CreateParams params{zr::kHandleEvent, manualReset != 0, initialState != 0, 0, 0};
+  const CreateParams params{kHandleEvent, manualReset != 0, initialState != 0, 0, 0};
   return CreateObject(name, params, EVENT_ALL_ACCESS);
 }
 
 HANDLE OpenEventW(DWORD desiredAccess, BOOL, const WCHAR* name) {
-  return OpenObject(name, zr::kHandleEvent, desiredAccess);
+  return OpenObject(name, kHandleEvent, desiredAccess);
 }
 
 namespace {
 template <class Fn>
 BOOL OnEvent(HANDLE event, Fn fn) {
-  ObjectRef object(event, EVENT_MODIFY_STATE, zr::kHandleEvent);
+  ObjectRef object(event, EVENT_MODIFY_STATE, kHandleEvent);
   if (!object) return FALSE;
   fn(object->core);
   return TRUE;
 }
 }  // namespace
 
-BOOL SetEvent(HANDLE event) { return OnEvent(event, zr::CoreSetEvent); }
-BOOL ResetEvent(HANDLE event) { return OnEvent(event, zr::CoreResetEvent); }
-BOOL PulseEvent(HANDLE event) { return OnEvent(event, zr::CorePulseEvent); }
+BOOL SetEvent(HANDLE event) { return OnEvent(event, CoreSetEvent); }
+BOOL ResetEvent(HANDLE event) { return OnEvent(event, CoreResetEvent); }
+BOOL PulseEvent(HANDLE event) { return OnEvent(event, CorePulseEvent); }
 
 HANDLE CreateSemaphoreW(SECURITY_ATTRIBUTES*, LONG initialCount, LONG maximumCount, const WCHAR* name) {
   if (maximumCount <= 0 || initialCount < 0 || initialCount > maximumCount)
     return FailNull(ERROR_INVALID_PARAMETER);
-  const CreateParams params{zr::kHandleSemaphore, false, false, initialCount, maximumCount};
+  const CreateParams params{kHandleSemaphore, false, false, initialCount, maximumCount};
   return CreateObject(name, params, SEMAPHORE_ALL_ACCESS);
 }
 
 HANDLE OpenSemaphoreW(DWORD desiredAccess, BOOL, const WCHAR* name) {
-  return OpenObject(name, zr::kHandleSemaphore, desiredAccess);
+  return OpenObject(name, kHandleSemaphore, desiredAccess);
 }
 
 BOOL ReleaseSemaphore(HANDLE semaphore, LONG releaseCount, LONG* previousCount) {
-  ObjectRef object(semaphore, SEMAPHORE_MODIFY_STATE, zr::kHandleSemaphore);
+  ObjectRef object(semaphore, SEMAPHORE_MODIFY_STATE, kHandleSemaphore);
   if (!object) return FALSE;
   if (releaseCount <= 0) return Fail(ERROR_INVALID_PARAMETER, FALSE);
   std::int32_t previous = 0;
-  if (!zr::CoreReleaseSemaphore(object->core, releaseCount, &previous)) return Fail(ERROR_TOO_MANY_POSTS, FALSE);
+  if (!CoreReleaseSemaphore(object->core, releaseCount, &previous)) return Fail(ERROR_TOO_MANY_POSTS, FALSE);
   if (previousCount) *previousCount = previous;
   return TRUE;
 }
@@ -990,7 +985,7 @@ BOOL InitializeCriticalSectionAndSpinCount(CRITICAL_SECTION* section, DWORD spin
   return TRUE;
 }
 
-namespace zr::lib {
+namespace lib {
 
 DWORD CurrentThreadId() { return CurrentTid(); }
 
@@ -1028,10 +1023,12 @@ void LeaveSection(CRITICAL_SECTION* section) {
   if (section->lock_word.exchange(0, std::memory_order_release) == 2) FutexWake(&section->lock_word, false, 1);
 }
 
-}  // namespace zr::lib
+}  // namespace lib
 
-void EnterCriticalSection(CRITICAL_SECTION* section) { zr::lib::EnterSection(section); }
-BOOL TryEnterCriticalSection(CRITICAL_SECTION* section) { return zr::lib::TryEnterSection(section); }
-void LeaveCriticalSection(CRITICAL_SECTION* section) { zr::lib::LeaveSection(section); }
+void EnterCriticalSection(CRITICAL_SECTION* section) { lib::EnterSection(section); }
+BOOL TryEnterCriticalSection(CRITICAL_SECTION* section) { return lib::TryEnterSection(section); }
+void LeaveCriticalSection(CRITICAL_SECTION* section) { lib::LeaveSection(section); }
 
 void DeleteCriticalSection(CRITICAL_SECTION* section) { section->spin_count = 0; }
+
+}  // namespace zr::os

@@ -21,7 +21,7 @@ using zrtest::DebugMode;
 constexpr DWORD kRead = CHNK_ACCESS_READ;
 constexpr DWORD kWrite = CHNK_ACCESS_WRITE;
 
-std::u16string W(const std::string& text) { return zr::Utf8ToUtf16(text); }
+std::u16string W(const std::string& text) { return zr::os::Utf8ToUtf16(text); }
 char* N(const char* name) { return const_cast<char*>(name); }
 bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
@@ -42,8 +42,8 @@ std::string Bytes(const CPMemoryFile& memory) {
 // A file archive over a fresh file in a scratch directory.
 class FileArchiveTest : public ::testing::Test {
  protected:
-  void OpenNew() { ASSERT_EQ(arc.Open(W(path).c_str(), kWrite, zr::kCreateAlways, 0), 0ul); }
-  void OpenExisting(DWORD access = kRead) { ASSERT_EQ(arc.Open(W(path).c_str(), access, zr::kOpenExisting, 0), 0ul); }
+  void OpenNew() { ASSERT_EQ(arc.Open(W(path).c_str(), kWrite, zr::os::kCreateAlways, 0), 0ul); }
+  void OpenExisting(DWORD access = kRead) { ASSERT_EQ(arc.Open(W(path).c_str(), access, zr::os::kOpenExisting, 0), 0ul); }
   void Write(const std::string& data) {
     ASSERT_EQ(arc.Chnk_Write(const_cast<char*>(data.data()), data.size()), data.size());
   }
@@ -84,7 +84,7 @@ TEST_F(FileArchiveTest, SixteenLevelsAndNoSeventeenth) {
   for (unsigned i = 0; i < CHNK_MAX_LEVELS; ++i) ASSERT_EQ(arc.Chnk_Open(N("L"), kWrite), i);
   {
     DebugMode debug(1);
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     EXPECT_EQ(arc.Chnk_Open(N("L"), kWrite), CHNK_INVALID);
     ASSERT_EQ(capture.Entries().size(), 1u);
     EXPECT_EQ(capture.Entries()[0].channel, 3u);
@@ -107,12 +107,12 @@ TEST_F(FileArchiveTest, SixteenLevelsAndNoSeventeenth) {
 
 TEST_F(FileArchiveTest, AccessRules) {
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Open(N("A"), kWrite), CHNK_INVALID);
   EXPECT_EQ(capture.Text(), "\rCChunkArchive::OpenChunk denied: No file access\r\n");
   EXPECT_EQ(capture.Entries()[0].level, 3u);
 
-  ASSERT_EQ(arc.Open(W(path).c_str(), kRead | kWrite, zr::kCreateAlways, 0), 0ul);
+  ASSERT_EQ(arc.Open(W(path).c_str(), kRead | kWrite, zr::os::kCreateAlways, 0), 0ul);
   capture.Clear();
   EXPECT_EQ(arc.Chnk_Open(N("A"), kRead | kWrite), CHNK_INVALID);
   EXPECT_EQ(arc.Chnk_Open(N("A"), 0x3FFFFFFF), CHNK_INVALID);
@@ -150,7 +150,7 @@ TEST_F(FileArchiveTest, AccessRules) {
 
 TEST_F(FileArchiveTest, MessagesOnlyInDebugMode) {
   DebugMode quiet(0);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Open(N("A"), kWrite), CHNK_INVALID);
   OpenNew();
   EXPECT_EQ(arc.Chnk_Open(N("A"), kRead | kWrite), CHNK_INVALID);
@@ -167,7 +167,7 @@ TEST_F(FileArchiveTest, ClosingSeveralLevelsPatchesAllAndWarns) {
   Write("abc");
   {
     DebugMode debug(1);
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     EXPECT_EQ(arc.Chnk_Close(0), 1);
     EXPECT_TRUE(Has(capture.Text(), "\rCChunkArchive::Chnk_Close: Multiple close detected!"));
     capture.Clear();
@@ -186,12 +186,12 @@ TEST_F(FileArchiveTest, ShortWriteRefusesTheNextHeader) {
   OpenNew();
   ASSERT_EQ(arc.Chnk_Open(N("A"), kWrite), 0u);
   Write("data");
-  const zr::FileWriteHook previous = zr::SetFileWriteHook([](zr::FileHandle, DWORD count) { return count / 2; });
+  const zr::os::FileWriteHook previous = zr::os::SetFileWriteHook([](zr::os::FileHandle, DWORD count) { return count / 2; });
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Close(0), 1);
   EXPECT_EQ(arc.Chnk_Open(N("B"), kWrite), CHNK_INVALID);
-  zr::SetFileWriteHook(previous);
+  zr::os::SetFileWriteHook(previous);
   EXPECT_EQ(arc.GetLevelCount(), 0u);
   EXPECT_EQ(capture.Text(), "\rCChunkArchive::OpenChunk denied: Error writing chunk header\r\n");
   ASSERT_EQ(capture.Entries().size(), 1u);
@@ -201,7 +201,7 @@ TEST_F(FileArchiveTest, ShortWriteRefusesTheNextHeader) {
 
 TEST_F(FileArchiveTest, TopLevelChunksReachTheFileWhenClosed) {
   OpenNew();
-  const UINT64 writes = zr::GetFileWriteCount();
+  const UINT64 writes = zr::os::GetFileWriteCount();
   ASSERT_EQ(arc.Chnk_Open(N("root"), kWrite), 0u);
   std::string items;
   for (int i = 0; i < 1000; ++i) {
@@ -210,9 +210,9 @@ TEST_F(FileArchiveTest, TopLevelChunksReachTheFileWhenClosed) {
     ASSERT_EQ(arc.Chnk_Close(1), 1);
     items += Chunk("item", "0123456789");
   }
-  EXPECT_EQ(zr::GetFileWriteCount(), writes);  // all of it still pending
+  EXPECT_EQ(zr::os::GetFileWriteCount(), writes);  // all of it still pending
   ASSERT_EQ(arc.Chnk_Close(0), 1);
-  EXPECT_EQ(zr::GetFileWriteCount(), writes + 1);  // one system write for 1001 chunks
+  EXPECT_EQ(zr::os::GetFileWriteCount(), writes + 1);  // one system write for 1001 chunks
   EXPECT_EQ(zrtest::ReadFile(path), Chunk("root", items));
   EXPECT_EQ(arc.GetFilePtr(), 8u + items.size());
 }
@@ -272,7 +272,7 @@ TEST_F(FileArchiveTest, ReadingPastTheEndLeavesThePosition) {
 TEST_F(FileArchiveTest, FailedReadOpenRestoresThePosition) {
   Reading(Chunk("A", "1234") + "\x01\x02");
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Open(N("B"), kRead), CHNK_INVALID);
   EXPECT_EQ(arc.GetFilePtr(), 0u);
   ASSERT_EQ(arc.Chnk_Open(N("A"), kRead), 0u);
@@ -292,7 +292,7 @@ TEST_F(FileArchiveTest, ParentChunkExceeded) {
     ASSERT_EQ(arc.Chnk_Close(1), 1);  // the parent's counter follows the closed child
   }
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Open(N("C"), kRead), CHNK_INVALID);
   EXPECT_EQ(capture.Text(), "\rCChunkArchive::OpenChunk denied: Parent chunk exceeded\r\n");
 }
@@ -332,7 +332,7 @@ TEST_F(FindTest, FindsByNameAndOpensWhatItFound) {
   ASSERT_EQ(arc.Chnk_Close(1), 1);
   // Everything of P is accounted for: no room for another sub-chunk.
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Find(N("X")), 0);
   EXPECT_EQ(capture.Text(), "\rCChunkArchive::Chnk_Find failed: Not enough data for subchunk\r\n");
 }
@@ -353,7 +353,7 @@ TEST_F(FindTest, NoMatchRestoresThePosition) {
   ASSERT_EQ(arc.Chnk_Open(N("U"), kRead), 0u);
   const DWORD start = arc.GetFilePtr();
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Find(N("X")), 0);  // only an unnamed sub-chunk: never found by name
   EXPECT_EQ(arc.GetFilePtr(), start);
   EXPECT_EQ(capture.Text(), "\rCChunkArchive::Chnk_Find failed: No matching subchunk\r\n");
@@ -371,7 +371,7 @@ TEST_F(FindTest, OversizeSubChunkIsBadInfo) {
   Reading(Chunk("P", LE32(GetHashID("X")) + LE32(100) + "short") + Chunk("Q", "abc"));
   ASSERT_EQ(arc.Chnk_Open(N("P"), kRead), 0u);
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Find(N("X")), 0);
   EXPECT_EQ(arc.GetFilePtr(), 8u);
   EXPECT_EQ(capture.Text(), "\rCChunkArchive::Chnk_Find failed: Bad subchunk info\r\n");
@@ -382,7 +382,7 @@ TEST_F(FindTest, OversizeSubChunkIsBadInfo) {
 TEST_F(FindTest, NothingToSearchWithoutAChunk) {
   ASSERT_EQ(arc.Chnk_Close(0), 1);
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Find(N("X")), 0);
   EXPECT_EQ(capture.Text(), "");
 }
@@ -390,28 +390,28 @@ TEST_F(FindTest, NothingToSearchWithoutAChunk) {
 std::uint32_t g_tick_calls = 0;
 std::uint32_t CountingTicks() {
   ++g_tick_calls;
-  return static_cast<std::uint32_t>(zr::GetSystemTimeAsFileTime() / 10000);
+  return static_cast<std::uint32_t>(zr::os::GetSystemTimeAsFileTime() / 10000);
 }
 
 TEST_F(FileArchiveTest, BusyFileTimesOut) {
   ASSERT_TRUE(zrtest::WriteFile(path, Chunk("A", "")));
   CZRFile holder(W(path).c_str());
-  ASSERT_EQ(holder.Open(kRead | kWrite, 0, zr::kOpenExisting, 0, 0), 0u);
+  ASSERT_EQ(holder.Open(kRead | kWrite, 0, zr::os::kOpenExisting, 0, 0), 0u);
   g_tick_calls = 0;
-  const zr::TickSource previous = zr::SetTickSource(CountingTicks);
+  const zr::os::TickSource previous = zr::os::SetTickSource(CountingTicks);
   const std::uint32_t start = CountingTicks();
-  EXPECT_EQ(arc.Open(W(path).c_str(), kRead, zr::kOpenExisting, 40), CHNK_OPEN_TIMEOUT);
+  EXPECT_EQ(arc.Open(W(path).c_str(), kRead, zr::os::kOpenExisting, 40), CHNK_OPEN_TIMEOUT);
   const std::uint32_t elapsed = CountingTicks() - start;
-  zr::SetTickSource(previous);
+  zr::os::SetTickSource(previous);
   EXPECT_GE(elapsed, 40u);
   EXPECT_LT(elapsed, 5000u);
   EXPECT_GE(g_tick_calls, 4u);  // it retried rather than waiting once
   EXPECT_LE(g_tick_calls, 40u / 5 + 4);  // no faster than every 5 ms
 
-  EXPECT_EQ(arc.Open(W(dir.File("none/x")).c_str(), kRead, zr::kOpenExisting, 40), 0xFFFFFFFFul);
+  EXPECT_EQ(arc.Open(W(dir.File("none/x")).c_str(), kRead, zr::os::kOpenExisting, 40), 0xFFFFFFFFul);
   holder.Close();
-  EXPECT_EQ(arc.Open(W(path).c_str(), kRead, zr::kOpenExisting, 40), 0ul);
-  EXPECT_EQ(arc.Open(W(path).c_str(), kRead, zr::kOpenExisting, 40), 0xFFFFFFFFul);  // already open
+  EXPECT_EQ(arc.Open(W(path).c_str(), kRead, zr::os::kOpenExisting, 40), 0ul);
+  EXPECT_EQ(arc.Open(W(path).c_str(), kRead, zr::os::kOpenExisting, 40), 0xFFFFFFFFul);  // already open
 }
 
 TEST_F(FileArchiveTest, SetEOFAndDelete) {
@@ -531,7 +531,7 @@ TEST(CMemChunkArchive, SameLayoutAsTheFile) {
 
 TEST(CMemChunkArchive, MessagesNameTheMemoryVariant) {
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   CMemChunkArchive arc;
   EXPECT_EQ(arc.Chnk_Open(N("A"), kWrite), CHNK_INVALID);
   ASSERT_NE(arc.Open(kWrite), 0);
@@ -644,8 +644,8 @@ TEST(CPMemoryPersistence, RoundTripThroughAFile) {
   zrtest::TempDir dir;
   const std::u16string path = W(dir.File("mem.arc"));
   CChunkArchive arc;
-  ASSERT_EQ(arc.Open(path.c_str(), kWrite, zr::kCreateAlways, 0), 0ul);
-  RoundTrip(arc, [&] { return arc.Open(path.c_str(), kRead, zr::kOpenExisting, 0) == 0; });
+  ASSERT_EQ(arc.Open(path.c_str(), kWrite, zr::os::kCreateAlways, 0), 0ul);
+  RoundTrip(arc, [&] { return arc.Open(path.c_str(), kRead, zr::os::kOpenExisting, 0) == 0; });
   const std::string bytes = zrtest::ReadFile(dir.File("mem.arc"));
   EXPECT_EQ(bytes.size(), 8u + 5000 + 8 + 8 + 3);
   EXPECT_EQ(bytes.substr(5008), Chunk("empty", "") + Chunk("second", "xyz"));

@@ -297,9 +297,9 @@ bool WriteDemo(CChunkArchive& arc) {
 
 int Demo(const Args& args) {
   if (args.size() != 2) return UsageError(kChunks, "demo needs OUT");
-  const std::u16string out = zr::Utf8ToUtf16(args[1]);
+  const std::u16string out = zr::os::Utf8ToUtf16(args[1]);
   CChunkArchive arc;
-  if (arc.Open(out.c_str(), CHNK_ACCESS_WRITE, zr::kCreateAlways, 1000) != 0)
+  if (arc.Open(out.c_str(), CHNK_ACCESS_WRITE, zr::os::kCreateAlways, 1000) != 0)
     return Fail("cannot create " + args[1]);
   if (!WriteDemo(arc)) return Fail("cannot write " + args[1]);
   if (!arc.Close()) return Fail("cannot write " + args[1]);
@@ -312,9 +312,9 @@ int Demo(const Args& args) {
 // saved memory block again.
 int DemoChunks(DemoContext& context) {
   const std::string path = context.home() + "/demo.chunks";
-  const std::u16string wide = zr::Utf8ToUtf16(path);
+  const std::u16string wide = zr::os::Utf8ToUtf16(path);
   CChunkArchive arc;
-  if (arc.Open(wide.c_str(), CHNK_ACCESS_WRITE, zr::kCreateAlways, 1000) != 0 || !WriteDemo(arc) || !arc.Close()) {
+  if (arc.Open(wide.c_str(), CHNK_ACCESS_WRITE, zr::os::kCreateAlways, 1000) != 0 || !WriteDemo(arc) || !arc.Close()) {
     context.Say("cannot write " + path);
     return 1;
   }
@@ -327,7 +327,7 @@ int DemoChunks(DemoContext& context) {
   }
   Dumper(data, ParseNames("scene,info,object,name,vertices,notes")).Dump();
   CPMemory notes;
-  const bool loaded = arc.Open(wide.c_str(), CHNK_ACCESS_READ, zr::kOpenExisting, 1000) == 0 &&
+  const bool loaded = arc.Open(wide.c_str(), CHNK_ACCESS_READ, zr::os::kOpenExisting, 1000) == 0 &&
                       arc.Chnk_Open(kScene, CHNK_ACCESS_READ) != CHNK_INVALID && arc.Chnk_Close(0) &&
                       notes.DynaLoad(kNotes, arc, 0) && arc.Close();
   if (!loaded) {

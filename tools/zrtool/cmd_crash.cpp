@@ -95,7 +95,7 @@ int RunCrashTest(const Args& args) {
   CUnhandledException::iMiniDump = minidump;
   CUnhandledException::bDisable = disable;
   CUnhandledException::SetState(u"crash-test");
-  zr::SetCrashRecordDirectory(zr::Utf8ToUtf16(where.string()).c_str());
+  zr::SetCrashRecordDirectory(zr::os::Utf8ToUtf16(where.string()).c_str());
   std::fprintf(stderr, "zrtool crash-test: crashing on purpose (%s); the record goes to %s/CrashRecord.txt\n",
                kind->name, where.c_str());
   std::fflush(stderr);

@@ -31,7 +31,7 @@ std::vector<DemoSection>& MutableSections() {
 
 std::string Visible(const std::u16string& text) {
   std::string out;
-  for (char c : zr::Utf16ToUtf8(text)) {
+  for (char c : zr::os::Utf16ToUtf8(text)) {
     if (c == '\r') out += "\\r";
     else if (c == '\n') out += "\\n";
     else out.push_back(c);
@@ -39,7 +39,7 @@ std::string Visible(const std::u16string& text) {
   return out;
 }
 
-std::string Utf8(const WCHAR* text) { return zr::Utf16ToUtf8(text); }
+std::string Utf8(const WCHAR* text) { return zr::os::Utf16ToUtf8(text); }
 
 }  // namespace
 
@@ -57,7 +57,7 @@ const std::vector<DemoSection>& DemoSections() {
 
 void DemoContext::Say(const std::string& text) const { std::printf("  %s\n", text.c_str()); }
 
-void DemoContext::ShowDiagnostics(const zr::ScopedDiagCapture& capture) const {
+void DemoContext::ShowDiagnostics(const zr::os::ScopedDiagCapture& capture) const {
   for (const auto& e : capture.Entries())
     std::printf("    [%u:%u] %s\n", e.channel, e.level, Visible(e.text).c_str());
 }
@@ -75,7 +75,7 @@ namespace {
 
 int DemoStartup(DemoContext& demo) {
   WCHAR path[ZR_MAX_PATH];
-  GetModuleFileNameW(ZROBJ_GetModuleHandle(), path, ZR_MAX_PATH);
+  zr::os::GetModuleFileNameW(ZROBJ_GetModuleHandle(), path, ZR_MAX_PATH);
   demo.Say("library file:      " + Utf8(path));
   ZROBJ_GetAppRootDir(path);
   demo.Say("application root:  " + Utf8(path));
@@ -95,7 +95,7 @@ int DemoStartup(DemoContext& demo) {
     WCHAR n[256];
     if (zr::steps::GetCurrentThreadName(n, 256)) worker = n;
   }).join();
-  demo.Say("a new thread:      " + zr::Utf16ToUtf8(worker));
+  demo.Say("a new thread:      " + zr::os::Utf16ToUtf8(worker));
 
   ZROBJ_AppInitialize();
   ZROBJ_AppInitialize();
@@ -104,18 +104,18 @@ int DemoStartup(DemoContext& demo) {
   demo.Say("after one ZROBJ_AppExit: " + std::to_string(ZROBJ_GetInitCount()) + " (watch ranges not yet saved)");
   ZROBJ_AppExit();
   demo.Say("after the last one: " + std::to_string(ZROBJ_GetInitCount()) + "; watch ranges saved to ZRO.INI:");
-  demo.ShowFile(zr::ProfileFilePath("ZRO.INI"));
+  demo.ShowFile(zr::os::ProfileFilePath("ZRO.INI"));
 
   RegisterFileType(u".zrs", u"vorn.Shortcut", u"vorn. shortcut", nullptr, u"notepad.exe %1");
-  HKEY key = nullptr;
+  zr::os::HKEY key = nullptr;
   BYTE data[64] = {};
   DWORD size = sizeof data;
-  if (RegOpenKeyExW(HKEY_CLASSES_ROOT, u".zrs", 0, KEY_READ, &key) == ERROR_SUCCESS) {
-    RegQueryValueExW(key, nullptr, nullptr, nullptr, data, &size);
-    RegCloseKey(key);
+  if (zr::os::RegOpenKeyExW(HKEY_CLASSES_ROOT, u".zrs", 0, zr::os::KEY_READ, &key) == ERROR_SUCCESS) {
+    zr::os::RegQueryValueExW(key, nullptr, nullptr, nullptr, data, &size);
+    zr::os::RegCloseKey(key);
   }
   std::u16string stored(reinterpret_cast<const char16_t*>(data), size / 2);
-  demo.Say("file type .zrs registered; its key keeps \"" + zr::Utf16ToUtf8(stored) + "\" (" +
+  demo.Say("file type .zrs registered; its key keeps \"" + zr::os::Utf16ToUtf8(stored) + "\" (" +
            std::to_string(size) + " bytes: the length is passed as characters + 1)");
   return ZROBJ_GetInitCount() == 0 ? 0 : 1;
 }
@@ -123,7 +123,7 @@ int DemoStartup(DemoContext& demo) {
 // --- settings ---------------------------------------------------------------------------------
 
 int DemoSettings(DemoContext& demo) {
-  demo.Say("Windows directory: " + zr::WindowsDirectory());
+  demo.Say("Windows directory: " + zr::os::WindowsDirectory());
   const int answer = ZROBJ_GetProfileInt("Demo", "Answer", 42, 1);
   demo.Say("ZRO.INI [Demo] Answer, missing, read with write-default: " + std::to_string(answer));
   ZROBJ_WriteProfileInt("Demo", "Count", 7);
@@ -146,7 +146,7 @@ int DemoSettings(DemoContext& demo) {
   ZROBJ_GetCurrentSettingStr("Demo", "Codec", u"h264-high", shortbuf, 5, 1);
   demo.Say("a default longer than the buffer (5) comes back cut: " + Utf8(shortbuf));
   demo.Say("ZRO.VST now holds:");
-  demo.ShowFile(zr::ProfileFilePath("ZRO.VST"));
+  demo.ShowFile(zr::os::ProfileFilePath("ZRO.VST"));
   return failures == 0 ? 0 : 1;
 }
 
@@ -160,20 +160,20 @@ int DemoDiagnostics(DemoContext& demo) {
   const DWORD old_trap = warnings.dwTrapMode;
   SetDebugMode(1);
   {
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     warnings.dwTrapMode = 4;  // trace one frame only
     WarnFromHere(u"CHeap::Free: block freed twice (demo)");
     demo.Say("a warning with a one-frame trace (trap mode 4 of \"Warnings (Debug)\"):");
     demo.ShowDiagnostics(capture);
   }
   {
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     DetailedMessageBeep(0x30, __FILE__, __LINE__);
     demo.Say("a logged message beep:");
     demo.ShowDiagnostics(capture);
   }
   {
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     StubMsg(u"ZROBJ_OldEntry", ZR_CALLER_ADDRESS());
     demo.Say("an entry point that is no longer supported:");
     demo.ShowDiagnostics(capture);
@@ -181,7 +181,7 @@ int DemoDiagnostics(DemoContext& demo) {
   HWND dialog = reinterpret_cast<HWND>(0x1);
   _SetDlgItemHex(dialog, 100, 48879);
   WCHAR text[16];
-  GetDlgItemTextW(dialog, 100, text, 16);
+  zr::os::GetDlgItemTextW(dialog, 100, text, 16);
   demo.Say("dialog hex field: 48879 shows as " + Utf8(text) + ", reads back as " +
            std::to_string(_GetDlgItemHex(dialog, 100)));
   const tagZREXCENTRY* table = ZROBJ_GetExceptionTable();
@@ -237,10 +237,10 @@ int RunDemo(const Args& args) {
   if (!user_home) {
     temp = MakeTempHome();
     if (temp.empty()) return Fail("cannot create a temporary directory for the demo's settings");
-    zr::SetWindowsDirectoryForProcess(temp);
+    zr::os::SetWindowsDirectoryForProcess(temp);
     zr::testing::ResetSettingsFile();  // the settings file follows the new directory
   }
-  DemoContext context(zr::WindowsDirectory());
+  DemoContext context(zr::os::WindowsDirectory());
   std::printf("zrobju demo (settings in %s%s)\n", context.home().c_str(), user_home ? ", the user's own" : "");
   int failed = 0;
   for (const DemoSection& s : sections) {

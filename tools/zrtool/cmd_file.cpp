@@ -37,19 +37,19 @@ struct AttributeLetter {
   char letter;
   DWORD bit;
 };
-constexpr AttributeLetter kLetters[] = {{'R', zr::kFileAttributeReadOnly},
-                                        {'H', zr::kFileAttributeHidden},
-                                        {'S', zr::kFileAttributeSystem},
-                                        {'A', zr::kFileAttributeArchive},
-                                        {'D', zr::kFileAttributeDirectory}};
+constexpr AttributeLetter kLetters[] = {{'R', zr::os::kFileAttributeReadOnly},
+                                        {'H', zr::os::kFileAttributeHidden},
+                                        {'S', zr::os::kFileAttributeSystem},
+                                        {'A', zr::os::kFileAttributeArchive},
+                                        {'D', zr::os::kFileAttributeDirectory}};
 
 std::string ErrorText(DWORD error) {
   switch (error) {
-    case zr::kErrorFileNotFound: return "no such file";
-    case zr::kErrorPathNotFound: return "no such directory";
-    case zr::kErrorAccessDenied: return "access denied";
-    case zr::kErrorSharingViolation: return "the file is in use by another program";
-    case zr::kErrorNotSupported: return "the file system cannot keep these attributes";
+    case zr::os::kErrorFileNotFound: return "no such file";
+    case zr::os::kErrorPathNotFound: return "no such directory";
+    case zr::os::kErrorAccessDenied: return "access denied";
+    case zr::os::kErrorSharingViolation: return "the file is in use by another program";
+    case zr::os::kErrorNotSupported: return "the file system cannot keep these attributes";
     default: return "system error " + std::to_string(error);
   }
 }
@@ -85,9 +85,9 @@ std::string TimeText(UINT64 file_time) {
 int RunInfo(const Args& paths) {
   int status = 0;
   for (const std::string& path : paths) {
-    zr::FileInfo info;
-    if (!zr::GetFileInfoW(zr::Utf8ToUtf16(path).c_str(), &info)) {
-      status = FailOn(path, ErrorText(zr::GetLastFileError()));
+    zr::os::FileInfo info;
+    if (!zr::os::GetFileInfoW(zr::os::Utf8ToUtf16(path).c_str(), &info)) {
+      status = FailOn(path, ErrorText(zr::os::GetLastError()));
       continue;
     }
     std::printf("%s\n  size        %llu\n  attributes  %s\n  created     %s\n  accessed    %s\n  written     %s\n",
@@ -99,9 +99,9 @@ int RunInfo(const Args& paths) {
 }
 
 int RunAttrib(const Args& args) {
-  const std::u16string path = zr::Utf8ToUtf16(args[0]);
-  DWORD attributes = zr::GetFileAttributesW(path.c_str());
-  if (attributes == zr::kInvalidFileAttributes) return FailOn(args[0], ErrorText(zr::GetLastFileError()));
+  const std::u16string path = zr::os::Utf8ToUtf16(args[0]);
+  DWORD attributes = zr::os::GetFileAttributesW(path.c_str());
+  if (attributes == zr::os::kInvalidFileAttributes) return FailOn(args[0], ErrorText(zr::os::GetLastError()));
   if (args.size() == 1) {
     std::printf("%s  %s\n", AttributeText(attributes).c_str(), args[0].c_str());
     return 0;
@@ -110,31 +110,31 @@ int RunAttrib(const Args& args) {
     const std::string& change = args[i];
     const AttributeLetter* found = nullptr;
     for (const AttributeLetter& l : kLetters) {
-      if (change.size() == 2 && l.bit != zr::kFileAttributeDirectory && std::toupper(change[1]) == l.letter) found = &l;
+      if (change.size() == 2 && l.bit != zr::os::kFileAttributeDirectory && std::toupper(change[1]) == l.letter) found = &l;
     }
     if (!found || (change[0] != '+' && change[0] != '-')) {
       return UsageError(kFile, "unknown attribute change '" + change + "'");
     }
     attributes = change[0] == '+' ? (attributes | found->bit) : (attributes & ~found->bit);
   }
-  attributes &= ~(zr::kFileAttributeDirectory | zr::kFileAttributeNormal);
-  if (!zr::SetFileAttributesW(path.c_str(), attributes)) return FailOn(args[0], ErrorText(zr::GetLastFileError()));
-  std::printf("%s  %s\n", AttributeText(zr::GetFileAttributesW(path.c_str())).c_str(), args[0].c_str());
+  attributes &= ~(zr::os::kFileAttributeDirectory | zr::os::kFileAttributeNormal);
+  if (!zr::os::SetFileAttributesW(path.c_str(), attributes)) return FailOn(args[0], ErrorText(zr::os::GetLastError()));
+  std::printf("%s  %s\n", AttributeText(zr::os::GetFileAttributesW(path.c_str())).c_str(), args[0].c_str());
   return 0;
 }
 
 int RunTouch(const Args& paths) {
   int status = 0;
   for (const std::string& path : paths) {
-    if (!CZRFile::TouchFile(zr::Utf8ToUtf16(path).c_str())) status = FailOn(path, ErrorText(zr::GetLastFileError()));
+    if (!CZRFile::TouchFile(zr::os::Utf8ToUtf16(path).c_str())) status = FailOn(path, ErrorText(zr::os::GetLastError()));
   }
   return status;
 }
 
 int RunFree(const std::string& path) {
-  const std::u16string wide = zr::Utf8ToUtf16(path);
-  zr::DiskFreeSpace space;
-  if (!zr::GetDiskFreeSpaceW(wide.c_str(), &space)) return FailOn(path, ErrorText(zr::GetLastFileError()));
+  const std::u16string wide = zr::os::Utf8ToUtf16(path);
+  zr::os::DiskFreeSpace space;
+  if (!zr::os::GetDiskFreeSpaceW(wide.c_str(), &space)) return FailOn(path, ErrorText(zr::os::GetLastError()));
   const unsigned long long cluster = static_cast<unsigned long long>(space.sectors_per_cluster) * space.bytes_per_sector;
   std::printf("cluster     %llu bytes\nreported    %lu bytes\nfree        %llu bytes\n", cluster,
               static_cast<unsigned long>(CZRFile::GetFreeDiskSpace(wide.c_str())),

@@ -45,7 +45,7 @@ bool ParseForm(const std::string& option, Form* form) {
 }
 
 DWORD HashText(Form form, const std::string& text) {
-  const std::u16string wide = zr::Utf8ToUtf16(text);
+  const std::u16string wide = zr::os::Utf8ToUtf16(text);
   switch (form) {
     case Form::kNarrow: return GetHashID(text.c_str());
     case Form::kFolded: return GetHashIDi(text.c_str());
@@ -61,7 +61,7 @@ DWORD HashText(Form form, const std::string& text) {
 int PrintComputer() {
   WCHAR name[16] = {};
   if (!GetCreateComputerName(name, 16)) return Fail("this computer has no name and none could be made");
-  std::printf("%08X  %s\n", GetComputerID(), zr::Utf16ToUtf8(name).c_str());
+  std::printf("%08X  %s\n", GetComputerID(), zr::os::Utf16ToUtf8(name).c_str());
   return 0;
 }
 

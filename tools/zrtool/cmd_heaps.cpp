@@ -21,22 +21,22 @@ const char kUsage[] =
     "name: a debug heap's watch list with its traces, a pool's summary line.\n";
 
 // Prints diagnostics on standard output, one line per line: a carriage return starts a fresh line.
-class StdoutSink : public zr::DiagSink {
+class StdoutSink : public zr::os::DiagSink {
  public:
-  StdoutSink() : previous_filter_(zr::GetDiagFilter()) {
-    zr::DiagFilter all = previous_filter_;
+  StdoutSink() : previous_filter_(zr::os::GetDiagFilter()) {
+    zr::os::DiagFilter all = previous_filter_;
     all.channel_mask = 0xFFFFFFFFu;
     all.max_level = 0xFFFFFFFFu;
-    zr::SetDiagFilter(all);
-    previous_ = zr::SetDiagSink(this);
+    zr::os::SetDiagFilter(all);
+    previous_ = zr::os::SetDiagSink(this);
   }
   ~StdoutSink() override {
-    zr::SetDiagSink(previous_);
-    zr::SetDiagFilter(previous_filter_);
+    zr::os::SetDiagSink(previous_);
+    zr::os::SetDiagFilter(previous_filter_);
     if (!at_line_start_) std::fputc('\n', stdout);
   }
   void Write(unsigned, unsigned, std::u16string_view text) override {
-    for (char c : zr::Utf16ToUtf8(text)) {
+    for (char c : zr::os::Utf16ToUtf8(text)) {
       if (c == '\r' || c == '\n') {
         if (!at_line_start_) std::fputc('\n', stdout);
         at_line_start_ = true;
@@ -48,8 +48,8 @@ class StdoutSink : public zr::DiagSink {
   }
 
  private:
-  zr::DiagSink* previous_ = nullptr;
-  zr::DiagFilter previous_filter_;
+  zr::os::DiagSink* previous_ = nullptr;
+  zr::os::DiagFilter previous_filter_;
   bool at_line_start_ = true;
 };
 

@@ -40,20 +40,20 @@ int Get(const Request& r) {
   const std::string& section = r.operands[0];
   const std::string& key = r.operands[1];
   if (!r.vst) {
-    const std::string path = zr::ProfileFilePath("ZRO.INI");
-    if (zr::IniGetState(path) == zr::IniFileState::kUnreadable) return Fail("cannot read " + path);
-    const auto value = zr::IniRead(path, section, key);
+    const std::string path = zr::os::ProfileFilePath("ZRO.INI");
+    if (zr::os::IniGetState(path) == zr::os::IniFileState::kUnreadable) return Fail("cannot read " + path);
+    const auto value = zr::os::IniRead(path, section, key);
     if (!value) return Fail("[" + section + "] " + key + " is not set in " + path);
     std::printf("%s\n", value->c_str());
     return 0;
   }
-  const std::u16string path = zr::Utf8ToUtf16(zr::ProfileFilePath("ZRO.VST"));
-  CSetFile file(path.c_str());
+  const std::u16string path = zr::os::Utf8ToUtf16(zr::os::ProfileFilePath("ZRO.VST"));
+  zr::os::CSetFile file(path.c_str());
   if (!file.IsUsable()) return Fail("cannot read " + file.path());
   std::u16string buffer(65536, u'\0');
   if (!file.ReadSettingString(section.c_str(), key.c_str(), buffer.data(), static_cast<UINT>(buffer.size())))
     return Fail("[" + section + "] " + key + " is not set in " + file.path());
-  std::printf("%s\n", zr::Utf16ToUtf8(buffer.c_str()).c_str());
+  std::printf("%s\n", zr::os::Utf16ToUtf8(buffer.c_str()).c_str());
   return 0;
 }
 
@@ -62,15 +62,15 @@ int Set(const Request& r) {
   const std::string& key = r.operands[1];
   const std::string& value = r.operands[2];
   if (!r.vst) {
-    if (!WritePrivateProfileStringA(section.c_str(), key.c_str(), value.c_str(), "ZRO.INI"))
-      return Fail("cannot write [" + section + "] " + key + " to " + zr::ProfileFilePath("ZRO.INI") +
+    if (!zr::os::WritePrivateProfileStringA(section.c_str(), key.c_str(), value.c_str(), "ZRO.INI"))
+      return Fail("cannot write [" + section + "] " + key + " to " + zr::os::ProfileFilePath("ZRO.INI") +
                   " (unreadable file, or a name or value the file cannot hold)");
     return 0;
   }
   if (value.empty()) return Fail("an empty value cannot be stored in ZRO.VST");
-  const std::u16string path = zr::Utf8ToUtf16(zr::ProfileFilePath("ZRO.VST"));
-  CSetFile file(path.c_str());
-  const std::u16string wide = zr::Utf8ToUtf16(value);
+  const std::u16string path = zr::os::Utf8ToUtf16(zr::os::ProfileFilePath("ZRO.VST"));
+  zr::os::CSetFile file(path.c_str());
+  const std::u16string wide = zr::os::Utf8ToUtf16(value);
   if (!file.WriteSettingString(section.c_str(), key.c_str(), wide.c_str()))
     return Fail("cannot write [" + section + "] " + key + " to " + file.path());
   return 0;
@@ -81,7 +81,7 @@ int RunSettings(const Args& args) {
   const auto request = Parse(args, &error);
   if (!request) return UsageError(kSettingsCommand, error);
   if (request->action == "path") {
-    std::printf("%s\n%s\n", zr::ProfileFilePath("ZRO.INI").c_str(), zr::ProfileFilePath("ZRO.VST").c_str());
+    std::printf("%s\n%s\n", zr::os::ProfileFilePath("ZRO.INI").c_str(), zr::os::ProfileFilePath("ZRO.VST").c_str());
     return 0;
   }
   return request->action == "get" ? Get(*request) : Set(*request);

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/diag_capture.h"
-#include "platform/privheap.h"
+#include "memory/heap/privheap_internal.h"
 #include "platform/text.h"
 #include "platform/threads.h"
 #include "tools/zrtool/command.h"
@@ -50,10 +50,10 @@ void PrintDump() {
     if (at + entry > size) break;
     std::u16string name(chars, u'\0');
     std::memcpy(name.data(), bytes + at + 8, chars * 2);
-    std::printf("%08X %s\n", id, zr::Utf16ToUtf8(name).c_str());
+    std::printf("%08X %s\n", id, zr::os::Utf16ToUtf8(name).c_str());
     at += entry;
   }
-  HeapFree(GetProcessHeap(), 0, block);
+  zr::HeapFree(zr::GetProcessHeap(), 0, block);
 }
 
 // Each worker spins for a while (so its statistics show CPU time), then waits to be released.
@@ -95,12 +95,12 @@ int RunThreads(const Args& args) {
     if (count < 1 || count > 64) return UsageError(kThreads, "N must be 1..64");
   }
   WorkerScript script;
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   std::vector<std::unique_ptr<CThread>> workers;
   for (int k = 0; k < count; ++k) {
     auto worker = std::make_unique<CThread>(nullptr, 0, Work, &script, CREATE_SUSPENDED);
     if (worker->GetStatus() == CTHREAD_CREATE_FAILED) return Fail("a worker thread could not be created");
-    worker->Label((u"worker " + zr::Utf8ToUtf16(std::to_string(k + 1))).c_str());
+    worker->Label((u"worker " + zr::os::Utf8ToUtf16(std::to_string(k + 1))).c_str());
     if (k % 2) worker->SetPriority(THREAD_PRIORITY_BELOW_NORMAL);
     std::printf("worker %d: thread %08lX %s, priority %d\n", k + 1, worker->GetID(), StatusName(worker->GetStatus()),
                 worker->GetPriority());
@@ -120,7 +120,7 @@ int RunThreads(const Args& args) {
   }
   std::printf("\nwhat the register wrote as they left:\n");
   for (const auto& entry : capture.Entries()) {
-    std::string line = zr::Utf16ToUtf8(entry.text);
+    std::string line = zr::os::Utf16ToUtf8(entry.text);
     for (char& c : line)
       if (c == '\r') c = ' ';
     std::printf("%s", line.c_str());
@@ -133,7 +133,7 @@ int RunThreads(const Args& args) {
 DWORD ShowOwnName(void* p) {
   WCHAR name[64] = {};
   COSThreadRegister::GetCurrentName(name, 63);
-  *static_cast<std::string*>(p) = zr::Utf16ToUtf8(name);
+  *static_cast<std::string*>(p) = zr::os::Utf16ToUtf8(name);
   return 7;
 }
 
@@ -158,7 +158,7 @@ int DemoThreads(DemoContext& context) {
   context.Say("an auto thread ran as \"" + seen + "\" (its creator waited for the handshake)");
   WCHAR main_name[64] = {};
   COSThreadRegister::GetCurrentName(main_name, 63);
-  context.Say("this thread is \"" + zr::Utf16ToUtf8(main_name) + "\" in the register");
+  context.Say("this thread is \"" + zr::os::Utf16ToUtf8(main_name) + "\" in the register");
   return 0;
 }
 ZRTOOL_DEMO_SECTION("threads", 40, "Threads and the thread register", DemoThreads);

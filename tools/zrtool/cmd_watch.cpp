@@ -85,7 +85,7 @@ int RunWatch(const Args& args) {
   std::error_code ec;
   const std::filesystem::path path = std::filesystem::absolute(file, ec);
   if (ec) return Fail("cannot resolve '" + file + "': " + ec.message());
-  const std::u16string wide = zr::Utf8ToUtf16(path.string());
+  const std::u16string wide = zr::os::Utf8ToUtf16(path.string());
   if (wide.size() >= ZR_MAX_PATH) return Fail("path too long: " + path.string());
   COSFileChangeNotify notify(wide.c_str(), filter);
   if (!notify.AssertValid()) return Fail("cannot watch the directory of '" + path.string() + "'");

@@ -20,7 +20,7 @@ class DemoContext {
   void Say(const std::string& text) const;
   // Every captured diagnostics message, one line each: "    [channel:level] text" with the
   // carriage returns and line feeds of the message shown as \r and \n.
-  void ShowDiagnostics(const zr::ScopedDiagCapture& capture) const;
+  void ShowDiagnostics(const zr::os::ScopedDiagCapture& capture) const;
   // The text of a file, indented, for showing settings files.
   void ShowFile(const std::string& path) const;
 

@@ -43,7 +43,7 @@ void DestroySettingsFile();
 // The first test of an object assertion ("BAD ACCESS"): true when calling `query` faulted.
 template <class F>
 bool FaultsOnCall(F&& query) {
-  return Guarded(std::forward<F>(query)) != 0;
+  return os::Guarded(std::forward<F>(query)) != 0;
 }
 
 namespace testing {

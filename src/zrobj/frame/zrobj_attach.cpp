@@ -22,20 +22,20 @@ namespace zr {
 void SetProcessAttachState(HMODULE module, DWORD start_tick) {
   g_module = module;
   g_start_tick = start_tick;
-  GetSystemInfo(&g_system_info);
+  os::GetSystemInfo(&g_system_info);
 }
 
 void SetThreadAttachHandler(ThreadAttachHandler handler) { g_thread_attach_handler = handler; }
 
 void MarkCurrentThreadAttached() {
   t_attached = true;
-  ArmThreadExitForCurrentThread();
+  os::ArmThreadExitForCurrentThread();
 }
 
 void EnsureThreadAttached() {
   if (t_attached) return;
   MarkCurrentThreadAttached();
-  PrepareSignalStack();  // so a fault on this thread, even a stack overflow, reaches the crash handler
+  os::PrepareSignalStack();  // so a fault on this thread, even a stack overflow, reaches the crash handler
   if (g_thread_attach_handler) g_thread_attach_handler();
 }
 

@@ -13,6 +13,8 @@
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrhash.h"
 
+namespace os = zr::os;
+
 namespace {
 
 constexpr unsigned long kHeaderSize = sizeof(tagMEMHEADER);
@@ -50,7 +52,7 @@ void* DataOf(tagMEMHEADER* header) { return reinterpret_cast<char*>(header) + kH
 // Reads a header the handle has not checked yet. With debug output on the read is guarded so that
 // a damaged handle is reported; otherwise it is a plain copy, keeping a handle copy at one atomic.
 bool ReadHeader(const tagMEMHEADER* header, tagMEMHEADER* copy) {
-  if (IsDebugOn()) return zr::ProbeRead(header, copy, sizeof *copy);
+  if (IsDebugOn()) return os::ProbeRead(header, copy, sizeof *copy);
   // Field by field: other handles of the block change the count concurrently, atomically.
   copy->dwSignature = header->dwSignature;
   copy->dwClassID = header->dwClassID;
@@ -103,7 +105,7 @@ bool CPMemory::HeaderMatches(const tagMEMHEADER* header) {
 tagMEMHEADER* CPMemory::ClaimMemory(unsigned long size, unsigned long heapFlags) {
   IMallocator* malloc = GetMallocator();
   if (malloc == nullptr) {
-    wPrintf(3, 0, u"\rCPMemory::ClaimMemory: pMalloc == NULL, probably uninitialised object\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::ClaimMemory: pMalloc == NULL, probably uninitialised object\r\n");
     return nullptr;
   }
   if (size > 0xFFFFFFFFul - kHeaderSize - 32) return nullptr;
@@ -123,11 +125,11 @@ tagMEMHEADER* CPMemory::ClaimMemory(unsigned long size, unsigned long heapFlags)
 tagMEMHEADER* CPMemory::ReclaimMemory(tagMEMHEADER* header, unsigned long size, unsigned long heapFlags) {
   IMallocator* malloc = GetMallocator();
   if (malloc == nullptr) {
-    wPrintf(3, 0, u"\rCPMemory::ReclaimMemory: pMalloc == NULL, probably uninitialised object\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::ReclaimMemory: pMalloc == NULL, probably uninitialised object\r\n");
     return nullptr;
   }
   if (malloc != header->pMalloc) {
-    wPrintf(3, 0, u"\rCPMemory::ReclaimMemory: pMalloc != pMH->pMalloc, probable assignment problem\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::ReclaimMemory: pMalloc != pMH->pMalloc, probable assignment problem\r\n");
     return nullptr;
   }
   if (size > 0xFFFFFFFFul - kHeaderSize - 32) return nullptr;
@@ -143,11 +145,11 @@ tagMEMHEADER* CPMemory::ReclaimMemory(tagMEMHEADER* header, unsigned long size, 
 int CPMemory::ReleaseMemory(tagMEMHEADER* header) {
   IMallocator* malloc = GetMallocator();
   if (malloc == nullptr) {
-    wPrintf(3, 0, u"\rCPMemory::ReleaseMemory: pMalloc == NULL, probably uninitialised object\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::ReleaseMemory: pMalloc == NULL, probably uninitialised object\r\n");
     return 0;
   }
   if (malloc != header->pMalloc) {
-    wPrintf(3, 0, u"\rCPMemory::ReleaseMemory: pMalloc != pMH->pMalloc, probable assignment problem\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::ReleaseMemory: pMalloc != pMH->pMalloc, probable assignment problem\r\n");
     return 0;
   }
   return malloc->Free(header, 0);
@@ -169,7 +171,7 @@ int CPMemory::Free() {
   if (header == nullptr) return result;
   tagMEMHEADER copy;
   if (!ReadHeader(header, &copy)) {
-    wPrintf(3, 0, u"\rCPMemory::Free exception\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::Free exception\r\n");
     return result;
   }
   if (copy.dwSignature != CPMEM_SIGNATURE || copy.dwClassID != OwnClassID()) return result;
@@ -192,7 +194,7 @@ void CPMemory::CopyCPMemory(const CPMemory& source) {
   if (header == nullptr) return;
   IMallocator* malloc = GetMallocator();
   if (malloc == nullptr) {
-    wPrintf(3, 0, u"\rCPMemory::CopyCPMemory: pMalloc == NULL, probably uninitialised object\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::CopyCPMemory: pMalloc == NULL, probably uninitialised object\r\n");
     return;
   }
   tagMEMHEADER copy;
@@ -307,12 +309,12 @@ CPMemory* CPMemory::Construct(void* place) { return new (place) CPMemory(); }
 int CPMemory::AssertMem() const {
   if (pMH == nullptr) return 1;
   tagMEMHEADER copy;
-  if (!zr::ProbeRead(pMH, &copy, sizeof copy)) {
-    wPrintf(3, 0, u"\rCPMemory::AssertMem: pMH != NULL, but bad access\r\n");
+  if (!os::ProbeRead(pMH, &copy, sizeof copy)) {
+    os::wPrintf(3, 0, u"\rCPMemory::AssertMem: pMH != NULL, but bad access\r\n");
     return 0;
   }
   if (copy.dwSignature != CPMEM_SIGNATURE || copy.pMalloc == nullptr) {
-    wPrintf(3, 0, u"\rCPMemory::AssertMem: Accessible, but invalid pMH\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::AssertMem: Accessible, but invalid pMH\r\n");
     return 0;
   }
   return copy.pMalloc->Verify(pMH);

@@ -14,6 +14,8 @@
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrhash.h"
 
+namespace os = zr::os;
+
 namespace {
 
 constexpr DWORD kHeaderSize = sizeof(tagCHNKHEADER);
@@ -25,9 +27,9 @@ template <class Stream>
 bool SeekTo(Stream& stream, UINT64 position) {
   constexpr UINT64 kMaxOffset = 0x7FFFFFFF;
   if (position > kMaxCount) return false;
-  if (position <= kMaxOffset) return stream.SetFilePtr(static_cast<LONG>(position), zr::kFileBegin) != 0;
-  return stream.SetFilePtr(static_cast<LONG>(kMaxOffset), zr::kFileBegin) &&
-         stream.SetFilePtr(static_cast<LONG>(position - kMaxOffset), zr::kFileCurrent);
+  if (position <= kMaxOffset) return stream.SetFilePtr(static_cast<LONG>(position), os::kFileBegin) != 0;
+  return stream.SetFilePtr(static_cast<LONG>(kMaxOffset), os::kFileBegin) &&
+         stream.SetFilePtr(static_cast<LONG>(position - kMaxOffset), os::kFileCurrent);
 }
 
 }  // namespace
@@ -70,8 +72,8 @@ class BufferedFile {
   DWORD GetFilePtr() const { return PositionOf(file_, cache_); }
 
   int SetFilePtr(LONG offset, DWORD method) {
-    if (Pending() && (method == zr::kFileBegin || method == zr::kFileCurrent)) {
-      const INT64 target = (method == zr::kFileCurrent ? INT64{cache_->position} : 0) + offset;
+    if (Pending() && (method == os::kFileBegin || method == os::kFileCurrent)) {
+      const INT64 target = (method == os::kFileCurrent ? INT64{cache_->position} : 0) + offset;
       if (target >= cache_->start && target <= INT64{cache_->start} + cache_->fill) {
         cache_->position = static_cast<DWORD>(target);
         return 1;
@@ -264,7 +266,7 @@ class ChunkCore {
  private:
   template <class... Args>
   void Report(unsigned level, const char16_t* format, const Args&... args) {
-    if (IsDebugOn()) wPrintf(3, level, format, Rules::kClass, args...);
+    if (IsDebugOn()) os::wPrintf(3, level, format, Rules::kClass, args...);
   }
   unsigned int Deny(unsigned level, const char16_t* format) {
     Report(level, format);
@@ -417,13 +419,13 @@ CChunkArchive::~CChunkArchive() {
 unsigned long CChunkArchive::Open(const WCHAR* path, DWORD access, DWORD creation, DWORD timeout) {
   Reset();
   StreamOf(file_, cache_).Discard();
-  const DWORD start = GetTickCount();
+  const DWORD start = os::GetTickCount();
   for (;;) {
-    const unsigned int result = file_.Open(path, access, 0, creation, zr::kFileFlagSequentialScan, 0);
+    const unsigned int result = file_.Open(path, access, 0, creation, os::kFileFlagSequentialScan, 0);
     if (result == CZRFile::kOpened) return 0;
     if (result != CZRFile::kSharingViolation) return 0xFFFFFFFFul;
-    if (GetTickCount() - start > timeout) return CHNK_OPEN_TIMEOUT;
-    Sleep(kRetryMs);
+    if (os::GetTickCount() - start > timeout) return CHNK_OPEN_TIMEOUT;
+    os::Sleep(kRetryMs);
   }
 }
 

@@ -45,12 +45,12 @@ EventLogState& State() {
 // Room for the arguments of one event without constructing them up front (FormatArg has no default).
 struct ArgList {
   union {
-    zr::FormatArg items[kMaxFormatArgs];
+    zr::os::FormatArg items[kMaxFormatArgs];
   };
   std::size_t count = 0;
   ArgList() {}
-  void Push(const zr::FormatArg& a) {
-    if (count < kMaxFormatArgs) new (&items[count++]) zr::FormatArg(a);
+  void Push(const zr::os::FormatArg& a) {
+    if (count < kMaxFormatArgs) new (&items[count++]) zr::os::FormatArg(a);
   }
 };
 
@@ -59,16 +59,16 @@ bool IsDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
 // Reads from `ap` the arguments that a wide format names, each with the type the library's printf
 // dialect gives its conversion, so that the typed formatter can print them.
 void CollectArgs(const char16_t* f, va_list ap, ArgList& out) {
-  auto push = [&](const zr::FormatArg& a) { out.Push(a); };
+  auto push = [&](const zr::os::FormatArg& a) { out.Push(a); };
   for (const char16_t* p = f; *p; ++p) {
     if (*p != u'%') continue;
     if (*++p == u'%') continue;
     while (*p == u'-' || *p == u'+' || *p == u' ' || *p == u'#' || *p == u'0') ++p;
-    if (*p == u'*') push(zr::MakeFormatArg(va_arg(ap, int))), ++p;
+    if (*p == u'*') push(zr::os::MakeFormatArg(va_arg(ap, int))), ++p;
     while (IsDigit(*p)) ++p;
     if (*p == u'.') {
       ++p;
-      if (*p == u'*') push(zr::MakeFormatArg(va_arg(ap, int))), ++p;
+      if (*p == u'*') push(zr::os::MakeFormatArg(va_arg(ap, int))), ++p;
       while (IsDigit(*p)) ++p;
     }
     enum { kInt, kLong, kLongLong, kSize, kLongDouble } size = kInt;
@@ -85,23 +85,23 @@ void CollectArgs(const char16_t* f, va_list ap, ArgList& out) {
     switch (*p) {
       case u'd':
       case u'i':
-        push(size == kLong ? zr::MakeFormatArg(va_arg(ap, long))
-             : size == kLongLong ? zr::MakeFormatArg(va_arg(ap, long long))
-             : size == kSize ? zr::MakeFormatArg(va_arg(ap, std::ptrdiff_t))
-                             : zr::MakeFormatArg(va_arg(ap, int)));
+        push(size == kLong ? zr::os::MakeFormatArg(va_arg(ap, long))
+             : size == kLongLong ? zr::os::MakeFormatArg(va_arg(ap, long long))
+             : size == kSize ? zr::os::MakeFormatArg(va_arg(ap, std::ptrdiff_t))
+                             : zr::os::MakeFormatArg(va_arg(ap, int)));
         break;
       case u'u':
       case u'x':
       case u'X':
       case u'o':
-        push(size == kLong ? zr::MakeFormatArg(va_arg(ap, unsigned long))
-             : size == kLongLong ? zr::MakeFormatArg(va_arg(ap, unsigned long long))
-             : size == kSize ? zr::MakeFormatArg(va_arg(ap, std::size_t))
-                             : zr::MakeFormatArg(va_arg(ap, unsigned)));
+        push(size == kLong ? zr::os::MakeFormatArg(va_arg(ap, unsigned long))
+             : size == kLongLong ? zr::os::MakeFormatArg(va_arg(ap, unsigned long long))
+             : size == kSize ? zr::os::MakeFormatArg(va_arg(ap, std::size_t))
+                             : zr::os::MakeFormatArg(va_arg(ap, unsigned)));
         break;
       case u'c':
       case u'C':
-        push(zr::MakeFormatArg(va_arg(ap, int)));
+        push(zr::os::MakeFormatArg(va_arg(ap, int)));
         break;
       case u's':
       case u'S':
@@ -109,13 +109,13 @@ void CollectArgs(const char16_t* f, va_list ap, ArgList& out) {
         // In a wide format "%s" is UTF-16 and "%S" narrow; "h" and "l" say it explicitly.
         const void* text = va_arg(ap, const void*);
         const bool narrow = string_form == 'h' || (string_form == 0 && *p != u's');
-        push(narrow ? zr::MakeFormatArg(static_cast<const char*>(text))
-                    : zr::MakeFormatArg(static_cast<const char16_t*>(text)));
+        push(narrow ? zr::os::MakeFormatArg(static_cast<const char*>(text))
+                    : zr::os::MakeFormatArg(static_cast<const char16_t*>(text)));
         break;
       }
       case u'p':
       case u'n':
-        push(zr::MakeFormatArg(va_arg(ap, const void*)));
+        push(zr::os::MakeFormatArg(va_arg(ap, const void*)));
         break;
       case u'e':
       case u'E':
@@ -125,8 +125,8 @@ void CollectArgs(const char16_t* f, va_list ap, ArgList& out) {
       case u'G':
       case u'a':
       case u'A':
-        push(size == kLongDouble ? zr::MakeFormatArg(static_cast<double>(va_arg(ap, long double)))
-                                 : zr::MakeFormatArg(va_arg(ap, double)));
+        push(size == kLongDouble ? zr::os::MakeFormatArg(static_cast<double>(va_arg(ap, long double)))
+                                 : zr::os::MakeFormatArg(va_arg(ap, double)));
         break;
       default:  // unknown conversion: takes no argument
         break;
@@ -202,7 +202,7 @@ void CEventLogger::LogEvent(const WCHAR* format, ...) {
   EventLogState& s = State();
   zr::EnsureThreadAttached();  // a thread's first use of the library names it
   if (s.capacity.load(std::memory_order_relaxed) == 0) return;
-  const DWORD thread_id = zr::CurrentOsThreadId();
+  const DWORD thread_id = zr::os::CurrentOsThreadId();
   WCHAR name[64];
   zr::GetRegisteredThreadName(thread_id, name, 64);
   ArgList args;
@@ -225,14 +225,14 @@ void CEventLogger::LogEvent(const WCHAR* format, ...) {
     CopyField(r.szText, 512, kNoDescription);
   } else {
     s.scratch.clear();
-    zr::AppendFormatWide(s.scratch, format, args.items, args.count);
+    zr::os::AppendFormatWide(s.scratch, format, args.items, args.count);
     const std::size_t n = std::min(s.scratch.size(), kFormatBufferChars - 1);
     std::copy_n(s.scratch.data(), n, s.format_buffer);
     s.format_buffer[n] = 0;
     CopyField(r.szText, 512, std::u16string_view(s.format_buffer, n));
     if (s.scratch.capacity() > 4 * kFormatBufferChars) s.scratch = std::u16string();  // drop a giant one
   }
-  const std::uint64_t now = zr::GetSystemTimeAsFileTime();
+  const std::uint64_t now = zr::os::GetSystemTimeAsFileTime();
   r.ftTime.dwLowDateTime = static_cast<DWORD>(now);
   r.ftTime.dwHighDateTime = static_cast<DWORD>(now >> 32);
   s.write_index = (s.write_index + 1) % capacity;
@@ -277,8 +277,8 @@ std::size_t FormatEventRecord(const tagEVENTRECORD& r, char* buffer, std::size_t
   CopyField(name, 64, FieldText(r.szThreadName, 64));
   CopyField(text, 512, FieldText(r.szText, 512));
   const std::uint64_t ft = (static_cast<std::uint64_t>(r.ftTime.dwHighDateTime) << 32) | r.ftTime.dwLowDateTime;
-  const CivilTime t = FileTimeToCivil(ft);
-  FixedText out(buffer, capacity);
+  const os::CivilTime t = os::FileTimeToCivil(ft);
+  os::FixedText out(buffer, capacity);
   out.Format("\r* %-5u %hu.%hu.%hu %hu:%hu:%hu:%hu Thread %08X [%s] %s\r\n", r.dwEventNo, t.day, t.month, t.year,
              t.hour, t.minute, t.second, t.millisecond, r.dwThreadId, static_cast<const char16_t*>(name),
              static_cast<const char16_t*>(text));
