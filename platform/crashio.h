@@ -7,7 +7,6 @@
 #include <string_view>
 
 #include "platform/wformat.h"
-#include "zrobj/export.h"
 
 namespace zr::os {
 
@@ -16,7 +15,7 @@ namespace zr::os {
 // ll, I64, I32, z, and the conversions d i u x X o c s S p %. A string argument prints whatever its
 // width (UTF-16 is converted). An integer prints at 16 bits with "h", 64 with "ll"/"I64", else at its
 // own width (so an address passed as 64-bit prints in full under "%08X").
-class ZROBJ_API FixedText {
+class FixedText {
  public:
   FixedText(char* buffer, std::size_t capacity);
   FixedText(const FixedText&) = delete;
@@ -48,7 +47,7 @@ class ZROBJ_API FixedText {
 };
 
 // A file written with plain system calls (no user-space buffering).
-class ZROBJ_API RawFile {
+class RawFile {
  public:
   enum class Mode { kAppend, kTruncate, kRead };
   RawFile() = default;
@@ -70,10 +69,10 @@ class ZROBJ_API RawFile {
 
 // Converts UTF-8 into a buffer of `capacity` UTF-16 units, terminated and cut to fit (never inside a
 // surrogate pair); malformed sequences become U+FFFD. Returns the units written.
-ZROBJ_API std::size_t Utf8ToUtf16Fixed(std::string_view text, char16_t* out, std::size_t capacity);
+std::size_t Utf8ToUtf16Fixed(std::string_view text, char16_t* out, std::size_t capacity);
 
 // Reads at most capacity-1 bytes of a (small, e.g. /proc) file and terminates them; returns the count,
 // or -1 when the file cannot be opened.
-ZROBJ_API long ReadSmallFile(const char* path, char* buffer, std::size_t capacity);
+long ReadSmallFile(const char* path, char* buffer, std::size_t capacity);
 
 }  // namespace zr::os

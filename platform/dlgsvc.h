@@ -11,6 +11,7 @@
 namespace zr::os {
 
 // Receives every formatted message that passes the filter, one call per wPrintf.
+// exported only until zrtool uses public headers
 class ZROBJ_API DiagSink {
  public:
   virtual ~DiagSink();
@@ -19,6 +20,7 @@ class ZROBJ_API DiagSink {
 
 // Installs `sink` (null restores the configured default) and returns the previous one.
 // The sink is called with the output lock held, so messages never interleave.
+// exported only until zrtool uses public headers
 ZROBJ_API DiagSink* SetDiagSink(DiagSink* sink);
 
 // What passes to the sink: channels by bit (channel >= 31 uses bit 31), levels up to max_level.
@@ -28,24 +30,26 @@ struct DiagFilter {
   unsigned max_level = 9;
   bool active = false;
 };
+// exported only until zrtool uses public headers
 ZROBJ_API DiagFilter GetDiagFilter();
+// exported only until zrtool uses public headers
 ZROBJ_API void SetDiagFilter(const DiagFilter& filter);
 
 // Sends output to a file (appending) instead of standard error; empty path restores stderr.
-ZROBJ_API bool SetDiagOutputFile(const std::string& path);
+bool SetDiagOutputFile(const std::string& path);
 
 // Reads the configuration from the environment: ZROBJ_DIAG_ACTIVE, ZROBJ_DIAG_CHANNELS (mask, hex or
 // decimal), ZROBJ_DIAG_LEVEL and ZROBJ_DIAG_FILE.
-ZROBJ_API void ConfigureDiagFromEnvironment();
+void ConfigureDiagFromEnvironment();
 
 // Reads "ZRO.INI" section "Diagnostics" (keys "Active", "Channels", "MaxLevel", "File"; a relative
 // file lies in the Windows directory), missing keys leave the filter as it is, then applies the
 // environment on top. Called once at load.
-ZROBJ_API void ConfigureDiag();
+void ConfigureDiag();
 
-ZROBJ_API void wPrintfV(unsigned channel, unsigned level, std::u16string_view format, const FormatArg* args,
+void wPrintfV(unsigned channel, unsigned level, std::u16string_view format, const FormatArg* args,
                         std::size_t count);
-ZROBJ_API int Is_wPrintf_Active(unsigned channel);
+int Is_wPrintf_Active(unsigned channel);
 
 template <class... Args>
 void wPrintf(unsigned channel, unsigned level, const char16_t* format, const Args&... args) {

@@ -42,7 +42,8 @@
 
 namespace zr::os {
 
+// exported only until zrtool uses public headers
 ZROBJ_API DWORD GetLastError();
-ZROBJ_API void SetLastError(DWORD error);
+void SetLastError(DWORD error);
 
 }  // namespace zr::os

@@ -12,6 +12,7 @@ struct ZrRegKey;
 using HKEY = ZrRegKey*;
 using REGSAM = DWORD;
 
+// exported only until zrtool uses public headers
 ZROBJ_API HKEY RegClassesRoot();
 #define HKEY_CLASSES_ROOT (::zr::os::RegClassesRoot())
 
@@ -23,18 +24,21 @@ inline constexpr DWORD REG_BINARY = 3;
 inline constexpr DWORD REG_DWORD = 4;
 
 // Opens an existing key (subKey: '\\'-separated path, case-insensitive; null or "" = the key itself).
+// exported only until zrtool uses public headers
 ZROBJ_API LONG RegOpenKeyExW(HKEY parent, const WCHAR* subKey, DWORD options, REGSAM access, HKEY* result);
 // Opens or creates a key and every missing key above it.
-ZROBJ_API LONG RegCreateKeyExW(HKEY parent, const WCHAR* subKey, REGSAM access, HKEY* result);
+LONG RegCreateKeyExW(HKEY parent, const WCHAR* subKey, REGSAM access, HKEY* result);
 // Stores exactly `size` bytes of `data` (the caller's length is taken as given, in bytes).
 // Null or empty `valueName` = the key's default value.
-ZROBJ_API LONG RegSetValueExW(HKEY key, const WCHAR* valueName, DWORD reserved, DWORD type, const BYTE* data,
+LONG RegSetValueExW(HKEY key, const WCHAR* valueName, DWORD reserved, DWORD type, const BYTE* data,
                               DWORD size);
 // Reads a value: `*size` is the buffer size in, the stored size out; ERROR_MORE_DATA when too small.
+// exported only until zrtool uses public headers
 ZROBJ_API LONG RegQueryValueExW(HKEY key, const WCHAR* valueName, DWORD* reserved, DWORD* type, BYTE* data,
                                 DWORD* size);
+// exported only until zrtool uses public headers
 ZROBJ_API LONG RegCloseKey(HKEY key);
 // Deletes a key with all its subkeys and values.
-ZROBJ_API LONG RegDeleteTreeW(HKEY parent, const WCHAR* subKey);
+LONG RegDeleteTreeW(HKEY parent, const WCHAR* subKey);
 
 }  // namespace zr::os

@@ -11,6 +11,7 @@
 
 namespace zr::os {
 
+// exported only until zrtool uses public headers
 class ZROBJ_API CSetFile {
  public:
   // Binds to the file at `path` (UTF-16, '/' separators); nothing is created until a write.
@@ -43,9 +44,9 @@ class ZROBJ_API CSetFile {
 
 // The text form of a string value: backslash, control characters and a quote at either end are
 // escaped (\\, \xHH) so that any string survives the line-based file. Exposed for tests.
-ZROBJ_API std::string EscapeSettingValue(std::string_view utf8);
-ZROBJ_API std::string UnescapeSettingValue(std::string_view text);
+std::string EscapeSettingValue(std::string_view utf8);
+std::string UnescapeSettingValue(std::string_view text);
 // Integer text: optional sign and decimal digits, or 0x and up to eight hex digits, nothing else.
-ZROBJ_API std::optional<int> ParseSettingInt(std::string_view text);
+std::optional<int> ParseSettingInt(std::string_view text);
 
 }  // namespace zr::os
