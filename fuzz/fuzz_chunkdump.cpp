@@ -230,7 +230,7 @@ void RunBuilt(const Input& in, const std::string& path) {
     Check(arc.Close() != 0);
     model.Close(0);
   }
-  Check(os::ReadFile(path) == model.bytes());
+  Check(ReadFile(path) == model.bytes());
   Check(Dump(path, in) == 0);
   if (!in.cut) return;
   const std::size_t cut = in.cut_point % (model.size() + 1);
