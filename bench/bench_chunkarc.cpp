@@ -34,7 +34,7 @@ const std::string& BenchPathUtf8() {
   return path;
 }
 const std::u16string& BenchPath() {
-  static const std::u16string path = zr::Utf8ToUtf16(BenchPathUtf8());
+  static const std::u16string path = zr::os::Utf8ToUtf16(BenchPathUtf8());
   return path;
 }
 
@@ -74,7 +74,7 @@ void WriteTree(Archive& arc) {
 
 void WriteArchive() {
   CChunkArchive arc;
-  arc.Open(BenchPath().c_str(), zr::kGenericWrite, zr::kCreateAlways, 0);
+  arc.Open(BenchPath().c_str(), zr::os::kGenericWrite, zr::os::kCreateAlways, 0);
   WriteTree(arc);
 }
 
@@ -105,14 +105,14 @@ void BM_WritePerChunkSyscall(benchmark::State& state) {
   PutHeader(item, GetHashID(kItem), kItemBytes);
   std::memcpy(item + kHeader, payload.bytes, kItemBytes);
   for (auto _ : state) {
-    zr::FileHandle file = zr::CreateFileW(BenchPath().c_str(), zr::kGenericWrite, 0, zr::kCreateAlways, 0);
+    zr::os::FileHandle file = zr::os::CreateFileW(BenchPath().c_str(), zr::os::kGenericWrite, 0, zr::os::kCreateAlways, 0);
     DWORD done = 0;
-    zr::WriteFile(file, root, kHeader, &done);
+    zr::os::WriteFile(file, root, kHeader, &done);
     for (int g = 0; g < kGroups; ++g) {
-      zr::WriteFile(file, group, kHeader, &done);
-      for (int i = 0; i < kItems; ++i) zr::WriteFile(file, item, sizeof item, &done);
+      zr::os::WriteFile(file, group, kHeader, &done);
+      for (int i = 0; i < kItems; ++i) zr::os::WriteFile(file, item, sizeof item, &done);
     }
-    zr::CloseFile(file);
+    zr::os::CloseFile(file);
   }
   Finish(state);
 }
@@ -147,7 +147,7 @@ void BM_ReadChunkArchive(benchmark::State& state) {
   char buffer[kItemBytes];
   for (auto _ : state) {
     CChunkArchive arc;
-    arc.Open(BenchPath().c_str(), zr::kGenericRead, zr::kOpenExisting, 0);
+    arc.Open(BenchPath().c_str(), zr::os::kGenericRead, zr::os::kOpenExisting, 0);
     arc.Chnk_Open(kRoot, CHNK_ACCESS_READ);
     int found = 0;
     while (arc.Chnk_Find(kGroup)) {

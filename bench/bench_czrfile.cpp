@@ -14,7 +14,7 @@
 namespace {
 
 std::u16string BenchPath(const char* name) {
-  return zr::Utf8ToUtf16(std::string("/tmp/zrobj-bench-") + name);
+  return zr::os::Utf8ToUtf16(std::string("/tmp/zrobj-bench-") + name);
 }
 
 // 10,000 writes of 10 bytes, then the close that writes everything out.
@@ -23,7 +23,7 @@ void SmallWrites(benchmark::State& state, DWORD cache_size) {
   const char record[10] = {'0', '1', '2', '3', '4', '5', '6', '7', '8', '9'};
   for (auto _ : state) {
     CZRFile file(path.c_str());
-    if (file.Open(zr::kGenericWrite, 0, zr::kCreateAlways, 0, cache_size) != 0) {
+    if (file.Open(zr::os::kGenericWrite, 0, zr::os::kCreateAlways, 0, cache_size) != 0) {
       state.SkipWithError("open failed");
       break;
     }
@@ -31,7 +31,7 @@ void SmallWrites(benchmark::State& state, DWORD cache_size) {
     file.Close();
   }
   state.SetBytesProcessed(state.iterations() * 100000);
-  zr::DeleteFileW(path.c_str());
+  zr::os::DeleteFileW(path.c_str());
 }
 void BM_SmallWritesCached(benchmark::State& state) { SmallWrites(state, 65536); }
 void BM_SmallWritesDirect(benchmark::State& state) { SmallWrites(state, 0); }
@@ -44,7 +44,7 @@ std::u16string PrepareReadFile() {
   const std::u16string path = BenchPath("read");
   CZRFile file(path.c_str());
   std::vector<char> data(kReadSize, 'r');
-  file.Open(zr::kGenericWrite, 0, zr::kCreateAlways, 0, 0);
+  file.Open(zr::os::kGenericWrite, 0, zr::os::kCreateAlways, 0, 0);
   file.Write(data.data(), kReadSize);
   file.Close();
   return path;
@@ -55,12 +55,12 @@ void BM_ReadWhole(benchmark::State& state) {
   std::vector<char> buffer(kReadSize);
   for (auto _ : state) {
     CZRFile file(path.c_str());
-    file.Open(zr::kGenericRead, zr::kFileShareRead, zr::kOpenExisting, 0, 0);
+    file.Open(zr::os::kGenericRead, zr::os::kFileShareRead, zr::os::kOpenExisting, 0, 0);
     benchmark::DoNotOptimize(file.Read(buffer.data(), kReadSize));
     file.Close();
   }
   state.SetBytesProcessed(state.iterations() * kReadSize);
-  zr::DeleteFileW(path.c_str());
+  zr::os::DeleteFileW(path.c_str());
 }
 BENCHMARK(BM_ReadWhole)->Unit(benchmark::kMillisecond);
 
@@ -75,7 +75,7 @@ void BM_MapWhole(benchmark::State& state) {
     file.UnmapFile();
   }
   state.SetBytesProcessed(state.iterations() * kReadSize);
-  zr::DeleteFileW(path.c_str());
+  zr::os::DeleteFileW(path.c_str());
 }
 BENCHMARK(BM_MapWhole)->Unit(benchmark::kMillisecond);
 

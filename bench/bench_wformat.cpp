@@ -17,8 +17,8 @@ void BM_AppendFormatWide(benchmark::State& state) {
   unsigned block = 0xBEEF0000u;
   for (auto _ : state) {
     out.clear();
-    const zr::FormatArg args[] = {zr::MakeFormatArg("MainHeap"), zr::MakeFormatArg(block++), zr::MakeFormatArg(48u)};
-    zr::AppendFormatWide(out, kWideFormat, args, 3);
+    const zr::os::FormatArg args[] = {zr::os::MakeFormatArg("MainHeap"), zr::os::MakeFormatArg(block++), zr::os::MakeFormatArg(48u)};
+    zr::os::AppendFormatWide(out, kWideFormat, args, 3);
     benchmark::DoNotOptimize(out.data());
   }
 }
@@ -27,7 +27,7 @@ BENCHMARK(BM_AppendFormatWide);
 void BM_FormatWideNewString(benchmark::State& state) {
   unsigned block = 0xBEEF0000u;
   for (auto _ : state) {
-    std::u16string out = zr::FormatWide(kWideFormat, "MainHeap", block++, 48u);
+    std::u16string out = zr::os::FormatWide(kWideFormat, "MainHeap", block++, 48u);
     benchmark::DoNotOptimize(out.data());
   }
 }

@@ -99,20 +99,20 @@ void Walk(const Input& in, Reader& reader, Writer& writer, Reopen reopen) {
 }
 
 std::u16string TempPath(const char* role) {
-  return zr::Utf8ToUtf16("/tmp/zrobj-fuzz-chunkarc-" + std::to_string(zr::CurrentProcessId()) + "-" + role);
+  return zr::os::Utf8ToUtf16("/tmp/zrobj-fuzz-chunkarc-" + std::to_string(zr::os::CurrentProcessId()) + "-" + role);
 }
 
 void WalkFile(const Input& in) {
   static const std::u16string source = TempPath("in");
   static const std::u16string target = TempPath("out");
-  zr::FileHandle file = zr::CreateFileW(source.c_str(), zr::kGenericWrite, 0, zr::kCreateAlways, 0);
-  if (file == zr::kInvalidFile) return;
+  zr::os::FileHandle file = zr::os::CreateFileW(source.c_str(), zr::os::kGenericWrite, 0, zr::os::kCreateAlways, 0);
+  if (file == zr::os::kInvalidFile) return;
   DWORD done = 0;
-  zr::WriteFile(file, in.content, static_cast<DWORD>(in.content_size), &done);
-  zr::CloseFile(file);
+  zr::os::WriteFile(file, in.content, static_cast<DWORD>(in.content_size), &done);
+  zr::os::CloseFile(file);
   CChunkArchive reader, writer;
-  const auto open_reader = [&] { return reader.Open(source.c_str(), CHNK_ACCESS_READ, zr::kOpenExisting, 0); };
-  if (open_reader() != 0 || writer.Open(target.c_str(), CHNK_ACCESS_WRITE, zr::kCreateAlways, 0) != 0) return;
+  const auto open_reader = [&] { return reader.Open(source.c_str(), CHNK_ACCESS_READ, zr::os::kOpenExisting, 0); };
+  if (open_reader() != 0 || writer.Open(target.c_str(), CHNK_ACCESS_WRITE, zr::os::kCreateAlways, 0) != 0) return;
   Walk(in, reader, writer, open_reader);
 }
 

@@ -27,6 +27,8 @@
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrhash.h"
 
+namespace os = zr::os;
+
 namespace {
 
 constexpr std::size_t kHeaderSize = 8;
@@ -214,9 +216,9 @@ void RunBuilt(const Input& in, const std::string& path) {
   const std::vector<std::string> names = SplitNames(in.names);
   Model model;
   {
-    const std::u16string wide = zr::Utf8ToUtf16(path);
+    const std::u16string wide = os::Utf8ToUtf16(path);
     CChunkArchive arc;
-    Check(arc.Open(wide.c_str(), CHNK_ACCESS_WRITE, zr::kCreateAlways, 1000) == 0);
+    Check(arc.Open(wide.c_str(), CHNK_ACCESS_WRITE, os::kCreateAlways, 1000) == 0);
     RunScript(in, names, arc, model);
     Check(arc.Close() != 0);
     model.Close(0);

@@ -23,6 +23,8 @@
 #include "platform/settingsfile.h"
 #include "platform/text.h"
 
+namespace os = zr::os;
+
 namespace {
 
 constexpr char kSeparator = '\x1F';
@@ -47,18 +49,18 @@ struct Document {
 };
 
 Name NameOf(std::string_view section, std::string_view key) {
-  return {Lower(zr::IniTrimName(section)), Lower(zr::IniTrimName(key))};
+  return {Lower(os::IniTrimName(section)), Lower(os::IniTrimName(key))};
 }
 
 // Lists and reads everything, plainly and through CSetFile; every listed key must read.
-Document ReadAll(const std::string& path, const CSetFile& settings) {
+Document ReadAll(const std::string& path, const os::CSetFile& settings) {
   Document doc;
-  for (const std::string& section : zr::IniSections(path)) {
-    Check(zr::IniHasSection(path, section));
+  for (const std::string& section : os::IniSections(path)) {
+    Check(os::IniHasSection(path, section));
     // The unnamed section has no header: it is there while it has keys, so only its keys count.
     if (!section.empty()) doc.sections.push_back(Lower(section));
-    for (const std::string& key : zr::IniKeys(path, section)) {
-      const auto value = zr::IniRead(path, section, key);
+    for (const std::string& key : os::IniKeys(path, section)) {
+      const auto value = os::IniRead(path, section, key);
       Check(value.has_value());
       doc.values[NameOf(section, key)] = *value;
       WCHAR buffer[64];
@@ -79,58 +81,58 @@ bool HasLineBreak(std::string_view s) {
 }
 
 // The names and values IniUpdate is documented to refuse.
-bool Writable(const zr::IniOp& op) {
+bool Writable(const os::IniOp& op) {
   if (HasLineBreak(op.section) || op.section.find(']') != std::string::npos) return false;
-  const std::string_view key = zr::IniTrimName(op.key);
+  const std::string_view key = os::IniTrimName(op.key);
   if (key.empty() || HasLineBreak(key) || key.find('=') != std::string_view::npos) return false;
   if (key.front() == ';' || key.front() == '#' || key.front() == '[') return false;
-  return op.kind != zr::IniOp::Kind::kSet || !HasLineBreak(op.value);
+  return op.kind != os::IniOp::Kind::kSet || !HasLineBreak(op.value);
 }
 
 // Profile files strip one pair of quotes around a value, so such a value reads back without them.
 bool QuoteWrapped(std::string_view v) { return v.size() >= 2 && v.front() == '"' && v.back() == '"'; }
 
 struct Update {
-  zr::IniOp set{zr::IniOp::Kind::kSet, "", "", ""};
-  std::optional<zr::IniOp> remove;
+  os::IniOp set{os::IniOp::Kind::kSet, "", "", ""};
+  std::optional<os::IniOp> remove;
   bool through_settings = false;
 };
 
 // The value CSetFile is given: the wide form of the value, as a C string.
 std::u16string WideValue(const Update& u) {
-  std::u16string wide = zr::Utf8ToUtf16(u.set.value);
+  std::u16string wide = os::Utf8ToUtf16(u.set.value);
   return wide.substr(0, wide.find(u'\0'));
 }
 
 // The value as the file holds it: CSetFile escapes it; a plain write keeps it as given, and a
 // pair of quotes around it is read as quoting.
 std::string Stored(const Update& u) {
-  if (u.through_settings) return zr::EscapeSettingValue(zr::Utf16ToUtf8(WideValue(u)));
+  if (u.through_settings) return os::EscapeSettingValue(os::Utf16ToUtf8(WideValue(u)));
   const std::string& v = u.set.value;
   return QuoteWrapped(v) ? v.substr(1, v.size() - 2) : v;
 }
 
-bool Apply(const Update& u, const std::string& path, CSetFile& settings) {
+bool Apply(const Update& u, const std::string& path, os::CSetFile& settings) {
   if (u.through_settings) {
     const std::u16string value = WideValue(u);
     if (!settings.WriteSettingString(u.set.section.c_str(), u.set.key.c_str(), value.c_str())) return false;
-    return !u.remove || zr::IniUpdate(path, {&*u.remove, 1});
+    return !u.remove || os::IniUpdate(path, {&*u.remove, 1});
   }
-  std::vector<zr::IniOp> ops{u.set};
+  std::vector<os::IniOp> ops{u.set};
   if (u.remove) ops.push_back(*u.remove);
-  return zr::IniUpdate(path, ops);
+  return os::IniUpdate(path, ops);
 }
 
 // Whether the update must succeed: the names and the value as it is written are writable.
 bool Expected(const Update& u) {
   if (u.through_settings && (u.set.section.empty() || u.set.key.empty())) return false;
-  zr::IniOp written = u.set;
+  os::IniOp written = u.set;
   if (u.through_settings) written.value = Stored(u);
   return Writable(written) && (!u.remove || Writable(*u.remove));
 }
 
 // A string written through CSetFile reads back exactly.
-void CheckReadBack(const Update& u, const CSetFile& settings) {
+void CheckReadBack(const Update& u, const os::CSetFile& settings) {
   const std::u16string value = WideValue(u);
   std::u16string buffer(value.size() + 1, u'?');
   const auto length = static_cast<UINT>(buffer.size());
@@ -150,7 +152,7 @@ Document Predict(const Document& before, const Update& u) {
   return expected;
 }
 
-void CheckUpdate(const Update& u, const std::string& path, CSetFile& settings) {
+void CheckUpdate(const Update& u, const std::string& path, os::CSetFile& settings) {
   const Document before = ReadAll(path, settings);
   const bool done = Apply(u, path, settings);
   const Document after = ReadAll(path, settings);
@@ -172,16 +174,16 @@ std::string_view Field(std::string_view& names) {
 
 // Replaces the names by a section and key of the file, as the flags ask, and picks a key to delete.
 void PickFromFile(Update& u, std::uint8_t flags, std::uint8_t pick, const std::string& path) {
-  const std::vector<std::string> sections = zr::IniSections(path);
+  const std::vector<std::string> sections = os::IniSections(path);
   if (sections.empty()) return;
   const std::string& section = sections[pick % sections.size()];
-  const std::vector<std::string> keys = zr::IniKeys(path, section);
+  const std::vector<std::string> keys = os::IniKeys(path, section);
   if (flags & 1) u.set.section = section;
   if (keys.empty()) return;
   if (flags & 2) u.set.key = keys[pick % keys.size()];
   const std::string& key = keys[(pick / 16) % keys.size()];
   if (flags & 8 && NameOf(section, key) != NameOf(u.set.section, u.set.key))
-    u.remove = zr::IniOp{zr::IniOp::Kind::kDeleteKey, section, key, ""};
+    u.remove = os::IniOp{os::IniOp::Kind::kDeleteKey, section, key, ""};
 }
 
 // Chooses the update from the flags, the names and the file's own sections and keys.
@@ -219,10 +221,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::size_t names_size = std::min<std::size_t>(data[2], size - 3);
   const std::string_view names(reinterpret_cast<const char*>(data + 3), names_size);
   static const std::string path = TempPath();
-  static const std::u16string wide_path = zr::Utf8ToUtf16(path);
+  static const std::u16string wide_path = os::Utf8ToUtf16(path);
   if (!WriteInput(path, data + 3 + names_size, size - 3 - names_size)) return 0;
-  zr::IniDropCache();  // the file is rewritten within the cache's settling time
-  CSetFile settings(wide_path.c_str());
+  os::IniDropCache();  // the file is rewritten within the cache's settling time
+  os::CSetFile settings(wide_path.c_str());
   Check(settings.IsUsable());
   CheckUpdate(MakeUpdate(data[0], data[1], names, path), path, settings);
   return 0;

@@ -4,8 +4,9 @@
 #include <cstdint>
 
 #include "platform/waitable.h"
-#include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
+
+namespace zr::os {
 
 #ifndef INVALID_HANDLE_VALUE
 #define INVALID_HANDLE_VALUE (reinterpret_cast<HANDLE>(~std::uintptr_t{0}))
@@ -15,14 +16,12 @@
 // a change that the filter names happens in the directory, and stays signalled until re-armed with
 // FindNextChangeNotification. An event-queue overflow signals every notification (their owners
 // re-read what they watch). Failure: INVALID_HANDLE_VALUE with the last error set.
-ZROBJ_API HANDLE FindFirstChangeNotificationW(const WCHAR* path, BOOL watchSubtree, DWORD filter);
-ZROBJ_API BOOL FindNextChangeNotification(HANDLE handle);
-ZROBJ_API BOOL FindCloseChangeNotification(HANDLE handle);
-
-namespace zr {
+HANDLE FindFirstChangeNotificationW(const WCHAR* path, BOOL watchSubtree, DWORD filter);
+BOOL FindNextChangeNotification(HANDLE handle);
+BOOL FindCloseChangeNotification(HANDLE handle);
 
 // Fills `out` with the entry of the file `path` names; false (and `out` untouched) when it does not
 // exist. Attributes come from the "user.zrobj.attributes" extended attribute, else from the mode.
-ZROBJ_API bool GetFindData(const WCHAR* path, tagZRFINDDATA* out);
+bool GetFindData(const WCHAR* path, tagZRFINDDATA* out);
 
-}  // namespace zr
+}  // namespace zr::os

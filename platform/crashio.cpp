@@ -5,7 +5,7 @@
 
 #include "platform/formatspec.h"
 
-namespace zr {
+namespace zr::os {
 namespace {
 
 // The argument of a '*': an integer's low 32 bits, 0 for anything else.
@@ -232,4 +232,4 @@ std::size_t Utf8ToUtf16Fixed(std::string_view text, char16_t* out, std::size_t c
   return n;
 }
 
-}  // namespace zr
+}  // namespace zr::os

@@ -7,9 +7,8 @@
 #include <string_view>
 
 #include "platform/wformat.h"
-#include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 // Formats narrow (UTF-8) text into a caller's buffer, cutting what does not fit. The printf dialect of
 // the library's messages, parsed by ParseFormatSpec: flags, width and precision (also "*"), the length
@@ -17,7 +16,7 @@ namespace zr {
 // printed as written. A string argument prints whatever its width (UTF-16 is converted). An integer
 // prints at the size its modifier names ("l" is 32-bit, "ll"/"I64"/"I"/"z" 64), without one at its own
 // width (so an address passed as 64-bit prints in full under "%08X").
-class ZROBJ_API FixedText {
+class FixedText {
  public:
   FixedText(char* buffer, std::size_t capacity);
   FixedText(const FixedText&) = delete;
@@ -49,7 +48,7 @@ class ZROBJ_API FixedText {
 };
 
 // A file written with plain system calls (no user-space buffering).
-class ZROBJ_API RawFile {
+class RawFile {
  public:
   enum class Mode { kAppend, kTruncate, kRead };
   RawFile() = default;
@@ -71,10 +70,10 @@ class ZROBJ_API RawFile {
 
 // Converts UTF-8 into a buffer of `capacity` UTF-16 units, terminated and cut to fit (never inside a
 // surrogate pair); malformed sequences become U+FFFD. Returns the units written.
-ZROBJ_API std::size_t Utf8ToUtf16Fixed(std::string_view text, char16_t* out, std::size_t capacity);
+std::size_t Utf8ToUtf16Fixed(std::string_view text, char16_t* out, std::size_t capacity);
 
 // Reads at most capacity-1 bytes of a (small, e.g. /proc) file and terminates them; returns the count,
 // or -1 when the file cannot be opened.
-ZROBJ_API long ReadSmallFile(const char* path, char* buffer, std::size_t capacity);
+long ReadSmallFile(const char* path, char* buffer, std::size_t capacity);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -10,27 +10,27 @@
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
+namespace zr::os {
+
 inline constexpr UINT MB_OK = 0x00;
 inline constexpr UINT MB_ICONSTOP = 0x10;
 inline constexpr int IDOK = 1;
 
 // Default: prints "\rMessageBox [caption]: text\r\n" on channel 0 level 0 and answers IDOK.
-ZROBJ_API int MessageBoxW(HWND owner, const WCHAR* text, const WCHAR* caption, UINT style);
+int MessageBoxW(HWND owner, const WCHAR* text, const WCHAR* caption, UINT style);
 // Default: prints "\rMessageBeep 0x%08X\r\n" on channel 0 level 9 and succeeds.
-ZROBJ_API BOOL MessageBeep(UINT type);
+BOOL MessageBeep(UINT type);
 // Default: no key is ever down (0).
-ZROBJ_API short GetAsyncKeyState(int virtualKey);
+short GetAsyncKeyState(int virtualKey);
 // Default: the texts live in a process-wide table keyed by dialog and control id.
-ZROBJ_API BOOL SetDlgItemTextW(HWND dialog, int controlId, const WCHAR* text);
+BOOL SetDlgItemTextW(HWND dialog, int controlId, const WCHAR* text);
 // Copies at most `max`-1 characters and terminates; returns the characters copied (0 if unknown).
-ZROBJ_API UINT GetDlgItemTextW(HWND dialog, int controlId, WCHAR* buffer, int max);
+UINT GetDlgItemTextW(HWND dialog, int controlId, WCHAR* buffer, int max);
 // Default: raises SIGTRAP when a debugger is attached, else prints "\rDebugBreak: no debugger
 // attached, continuing\r\n" on channel 0 level 3 and returns.
-ZROBJ_API void DebugBreak();
+void DebugBreak();
 // No common controls exist: does nothing.
-ZROBJ_API void InitCommonControls();
-
-namespace zr {
+void InitCommonControls();
 
 // Empty members use the defaults above.
 struct DesktopHandlers {
@@ -43,9 +43,9 @@ struct DesktopHandlers {
 };
 
 // Installs `handlers` and returns the previous set.
-ZROBJ_API DesktopHandlers SetDesktopHandlers(DesktopHandlers handlers);
+DesktopHandlers SetDesktopHandlers(DesktopHandlers handlers);
 
 // True when a tracer (debugger) is attached to this process.
-ZROBJ_API bool IsDebuggerAttached();
+bool IsDebuggerAttached();
 
-}  // namespace zr
+}  // namespace zr::os

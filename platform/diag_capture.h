@@ -8,7 +8,7 @@
 #include "platform/dlgsvc.h"
 #include "platform/text.h"
 
-namespace zr {
+namespace zr::os {
 
 class ScopedDiagCapture : public DiagSink {
  public:
@@ -60,4 +60,4 @@ class ScopedDiagCapture : public DiagSink {
   DiagFilter previous_filter_;
 };
 
-}  // namespace zr
+}  // namespace zr::os

@@ -8,10 +8,10 @@
 #include "platform/wformat.h"
 #include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 // Receives every formatted message that passes the filter, one call per wPrintf.
-class ZROBJ_API DiagSink {
+class DiagSink {
  public:
   virtual ~DiagSink();
   virtual void Write(unsigned channel, unsigned level, std::u16string_view text) = 0;
@@ -19,7 +19,7 @@ class ZROBJ_API DiagSink {
 
 // Installs `sink` (null restores the configured default) and returns the previous one.
 // The sink is called with the output lock held, so messages never interleave.
-ZROBJ_API DiagSink* SetDiagSink(DiagSink* sink);
+DiagSink* SetDiagSink(DiagSink* sink);
 
 // What passes to the sink: channels by bit (channel >= 31 uses bit 31), levels up to max_level.
 // `active` is what Is_wPrintf_Active reports: a debugging consumer is listening.
@@ -28,29 +28,29 @@ struct DiagFilter {
   unsigned max_level = 9;
   bool active = false;
 };
-ZROBJ_API DiagFilter GetDiagFilter();
-ZROBJ_API void SetDiagFilter(const DiagFilter& filter);
+DiagFilter GetDiagFilter();
+void SetDiagFilter(const DiagFilter& filter);
 
 // Sends output to a file (appending) instead of standard error; empty path restores stderr.
-ZROBJ_API bool SetDiagOutputFile(const std::string& path);
+bool SetDiagOutputFile(const std::string& path);
 
 // Reads the configuration from the environment: ZROBJ_DIAG_ACTIVE, ZROBJ_DIAG_CHANNELS (mask, hex or
 // decimal), ZROBJ_DIAG_LEVEL and ZROBJ_DIAG_FILE.
-ZROBJ_API void ConfigureDiagFromEnvironment();
+void ConfigureDiagFromEnvironment();
 
 // Reads "ZRO.INI" section "Diagnostics" (keys "Active", "Channels", "MaxLevel", "File"; a relative
 // file lies in the Windows directory), missing keys leave the filter as it is, then applies the
 // environment on top. Called once at load.
-ZROBJ_API void ConfigureDiag();
+void ConfigureDiag();
 
-}  // namespace zr
-
-ZROBJ_API void wPrintfV(unsigned channel, unsigned level, std::u16string_view format, const zr::FormatArg* args,
+void wPrintfV(unsigned channel, unsigned level, std::u16string_view format, const FormatArg* args,
                         std::size_t count);
-ZROBJ_API int Is_wPrintf_Active(unsigned channel);
+int Is_wPrintf_Active(unsigned channel);
 
 template <class... Args>
 void wPrintf(unsigned channel, unsigned level, const char16_t* format, const Args&... args) {
-  const zr::FormatArg list[] = {zr::MakeFormatArg(args)..., zr::FormatArg{zr::FormatArg::Kind::kPointer}};
+  const FormatArg list[] = {MakeFormatArg(args)..., FormatArg{FormatArg::Kind::kPointer}};
   wPrintfV(channel, level, format ? std::u16string_view(format) : std::u16string_view(), list, sizeof...(Args));
 }
+
+}  // namespace zr::os

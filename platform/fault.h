@@ -5,14 +5,13 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 // Copies n bytes from `address` into `out`; false when any of it cannot be read (no signal raised).
-ZROBJ_API bool ProbeRead(const void* address, void* out, std::size_t n);
+bool ProbeRead(const void* address, void* out, std::size_t n);
 // True when n bytes at `address` can be written (probed with process_vm_writev of the same bytes).
-ZROBJ_API bool ProbeWritable(void* address, std::size_t n);
+bool ProbeWritable(void* address, std::size_t n);
 
 // The x86-64 register state of a faulting context.
 struct FaultRegisters {
@@ -44,13 +43,13 @@ struct FaultRecord {
 
 // The POSIX signal that raises an exception code (SIGSEGV for 0xC0000005, ...); 0 for codes no signal
 // raises.
-ZROBJ_API int SignalOfExceptionCode(std::uint32_t code);
+int SignalOfExceptionCode(std::uint32_t code);
 
 // Runs fn(context) under a fault guard. Returns 0 when it completed, else the exception code of the
 // fault it took (0xC0000005 access violation, 0xC0000094 divide by zero, ...). Nestable, per thread.
 // The body is left by siglongjmp: it must not own objects with destructors.
 using GuardedFn = void (*)(void* context);
-ZROBJ_API std::uint32_t GuardedCall(GuardedFn fn, void* context);
+std::uint32_t GuardedCall(GuardedFn fn, void* context);
 
 template <class F>
 std::uint32_t Guarded(F&& f) {
@@ -58,7 +57,7 @@ std::uint32_t Guarded(F&& f) {
 }
 
 // The last fault a guard of the calling thread caught (with its registers); null before the first.
-ZROBJ_API const FaultRecord* LastGuardedFault();
+const FaultRecord* LastGuardedFault();
 
 // The crash hook receives every fault that no guard takes, on the faulting thread and on its alternate
 // signal stack. If it returns, the signal gets the system's default action (the process dies by it).
@@ -66,30 +65,30 @@ ZROBJ_API const FaultRecord* LastGuardedFault();
 // sanitizer's), else to the default action.
 using CrashHook = void (*)(const FaultRecord& record);
 // Installs `hook` (null removes it) and returns the previous one. Installs the signal handlers if needed.
-ZROBJ_API CrashHook SetCrashHook(CrashHook hook);
-ZROBJ_API CrashHook GetCrashHook();
+CrashHook SetCrashHook(CrashHook hook);
+CrashHook GetCrashHook();
 
 // Makes sure the library's handlers own SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP and SIGABRT (the last
 // only for the crash hook). Returns the address of a foreign handler that had replaced one of them since
 // the library installed its own (it becomes the handler faults are passed to without a hook), else 0.
-ZROBJ_API std::uintptr_t InstallFaultHandlers();
+std::uintptr_t InstallFaultHandlers();
 
 // Gives the calling thread an alternate signal stack big enough for the crash handler, once per thread
 // (a smaller one already installed is replaced). The stack is released when the thread ends. Threads
 // call it on their first use of the library; the thread that loads the library gets one at load.
-ZROBJ_API bool PrepareSignalStack();
+bool PrepareSignalStack();
 
 // Ends the process at once with `status` (no exit handlers, no flushing).
-[[noreturn]] ZROBJ_API void TerminateProcessNow(int status);
+[[noreturn]] void TerminateProcessNow(int status);
 
 // Ends the process by SIGALRM after `seconds` unless called again (0 cancels): bounds a crash handler
 // that hangs on a lock its crashed owner still holds.
-ZROBJ_API void ArmCrashWatchdog(unsigned seconds);
+void ArmCrashWatchdog(unsigned seconds);
 
 // Raises a breakpoint inside a guard, so that LastGuardedFault() holds the calling thread's context.
-ZROBJ_API void CaptureCurrentContext();
+void CaptureCurrentContext();
 
 // Raises a breakpoint only when a debugger is attached to the process.
-ZROBJ_API void BreakIntoDebugger();
+void BreakIntoDebugger();
 
-}  // namespace zr
+}  // namespace zr::os

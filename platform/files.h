@@ -5,10 +5,11 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/lasterror.h"
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
-namespace zr {
+namespace zr::os {
 
 // --- Access, sharing, creation and flag words (the Windows values) --------------------------------
 inline constexpr DWORD kGenericRead = 0x80000000u;
@@ -84,8 +85,7 @@ inline constexpr DWORD kErrorFilenameTooLong = 206;
 inline constexpr DWORD kErrorFileInvalid = 1006;
 inline constexpr DWORD kErrorMappedAlignment = 1132;
 
-// The error of the last failed call of this layer on the calling thread (0 after a success).
-ZROBJ_API DWORD GetLastFileError();
+// Failures set the last error (platform/lasterror.h) to one of these; successes set it to 0.
 
 // --- Handles ----------------------------------------------------------------------------------------
 struct PlatformFile;
@@ -97,27 +97,27 @@ inline constexpr FileHandle kInvalidFile = nullptr;
 // new file plus the flag bits. Fails with kErrorSharingViolation when the access or share mode clash
 // with a handle that is open on the file anywhere (this process or another), kErrorPathNotFound when
 // a directory of the path is missing, kErrorAccessDenied for write access to a read-only file.
-ZROBJ_API FileHandle CreateFileW(const char16_t* path, DWORD access, DWORD share, DWORD creation,
+FileHandle CreateFileW(const char16_t* path, DWORD access, DWORD share, DWORD creation,
                                  DWORD flags_attributes);
-ZROBJ_API BOOL CloseFile(FileHandle file);
+BOOL CloseFile(FileHandle file);
 
 // Whole transfers: a read stops only at the end of the file, a write fails unless all bytes went out.
-ZROBJ_API BOOL ReadFile(FileHandle file, void* buffer, DWORD count, DWORD* done);
-ZROBJ_API BOOL WriteFile(FileHandle file, const void* data, DWORD count, DWORD* done);
-ZROBJ_API BOOL SetFilePointer(FileHandle file, INT64 distance, DWORD method, UINT64* new_position);
-ZROBJ_API BOOL GetFileSize(FileHandle file, UINT64* size);
-ZROBJ_API BOOL SetEndOfFile(FileHandle file);   // ends the file at the handle's position
-ZROBJ_API BOOL FlushFileBuffers(FileHandle file);
-ZROBJ_API DWORD GetFileHandleAccess(FileHandle file);  // the access the handle was opened with
+BOOL ReadFile(FileHandle file, void* buffer, DWORD count, DWORD* done);
+BOOL WriteFile(FileHandle file, const void* data, DWORD count, DWORD* done);
+BOOL SetFilePointer(FileHandle file, INT64 distance, DWORD method, UINT64* new_position);
+BOOL GetFileSize(FileHandle file, UINT64* size);
+BOOL SetEndOfFile(FileHandle file);   // ends the file at the handle's position
+BOOL FlushFileBuffers(FileHandle file);
+DWORD GetFileHandleAccess(FileHandle file);  // the access the handle was opened with
 
 // Exclusive byte-range locks, owned by the handle (another handle of the same process is excluded
 // too). A range may not overlap one this handle holds already; unlocking needs the exact range.
-ZROBJ_API BOOL LockFile(FileHandle file, UINT64 offset, UINT64 length);
-ZROBJ_API BOOL UnlockFile(FileHandle file, UINT64 offset, UINT64 length);
+BOOL LockFile(FileHandle file, UINT64 offset, UINT64 length);
+BOOL UnlockFile(FileHandle file, UINT64 offset, UINT64 length);
 
 // File times: 100 ns units since 1601-01-01 UTC; null pointers are skipped.
-ZROBJ_API BOOL GetFileTime(FileHandle file, UINT64* creation, UINT64* last_access, UINT64* last_write);
-ZROBJ_API BOOL SetFileTime(FileHandle file, const UINT64* creation, const UINT64* last_access,
+BOOL GetFileTime(FileHandle file, UINT64* creation, UINT64* last_access, UINT64* last_write);
+BOOL SetFileTime(FileHandle file, const UINT64* creation, const UINT64* last_access,
                            const UINT64* last_write);
 
 // --- By name ----------------------------------------------------------------------------------------
@@ -128,31 +128,31 @@ struct FileInfo {
   UINT64 last_access_time = 0;
   UINT64 last_write_time = 0;
 };
-ZROBJ_API BOOL GetFileInfoW(const char16_t* path, FileInfo* info);
-ZROBJ_API DWORD GetFileAttributesW(const char16_t* path);  // kInvalidFileAttributes when missing
-ZROBJ_API BOOL SetFileAttributesW(const char16_t* path, DWORD attributes);
-ZROBJ_API BOOL DeleteFileW(const char16_t* path);
-ZROBJ_API BOOL MoveFileW(const char16_t* from, const char16_t* to);  // fails when `to` exists
-ZROBJ_API BOOL CopyFileW(const char16_t* from, const char16_t* to, BOOL fail_if_exists);
-ZROBJ_API BOOL CreateDirectoryW(const char16_t* path);
-ZROBJ_API BOOL CreateDirectoryTreeW(const char16_t* path);  // with every missing parent
-ZROBJ_API BOOL DirectoryExistsW(const char16_t* path);
+BOOL GetFileInfoW(const char16_t* path, FileInfo* info);
+DWORD GetFileAttributesW(const char16_t* path);  // kInvalidFileAttributes when missing
+BOOL SetFileAttributesW(const char16_t* path, DWORD attributes);
+BOOL DeleteFileW(const char16_t* path);
+BOOL MoveFileW(const char16_t* from, const char16_t* to);  // fails when `to` exists
+BOOL CopyFileW(const char16_t* from, const char16_t* to, BOOL fail_if_exists);
+BOOL CreateDirectoryW(const char16_t* path);
+BOOL CreateDirectoryTreeW(const char16_t* path);  // with every missing parent
+BOOL DirectoryExistsW(const char16_t* path);
 
 // --- Mappings ---------------------------------------------------------------------------------------
 // Views start at multiples of the allocation granularity (the Windows value, 65536).
-ZROBJ_API DWORD GetAllocationGranularity();
+DWORD GetAllocationGranularity();
 struct FileMapping;
 // `maximum_size` 0 maps the file's current size (an empty file cannot be mapped); a larger size grows
 // the file when the protection allows writing, and fails otherwise. `name` is accepted and unused:
 // views of one file are shared between processes without one.
-ZROBJ_API FileMapping* CreateFileMappingW(FileHandle file, DWORD protection, UINT64 maximum_size,
+FileMapping* CreateFileMappingW(FileHandle file, DWORD protection, UINT64 maximum_size,
                                           const char16_t* name);
-ZROBJ_API BOOL CloseFileMapping(FileMapping* mapping);
+BOOL CloseFileMapping(FileMapping* mapping);
 // `length` 0 maps from `offset` to the end of the mapping.
-ZROBJ_API void* MapViewOfFile(FileMapping* mapping, DWORD access, UINT64 offset, std::size_t length);
-ZROBJ_API BOOL UnmapViewOfFile(const void* view);
+void* MapViewOfFile(FileMapping* mapping, DWORD access, UINT64 offset, std::size_t length);
+BOOL UnmapViewOfFile(const void* view);
 // Writes the pages of [address, address + length) of a view to disk; length 0 = to the view's end.
-ZROBJ_API BOOL FlushViewOfFile(const void* address, std::size_t length);
+BOOL FlushViewOfFile(const void* address, std::size_t length);
 
 // --- Volumes ----------------------------------------------------------------------------------------
 struct DiskFreeSpace {
@@ -161,17 +161,17 @@ struct DiskFreeSpace {
   UINT64 free_clusters = 0;   // available to this user
   UINT64 total_clusters = 0;
 };
-ZROBJ_API BOOL GetDiskFreeSpaceW(const char16_t* path, DiskFreeSpace* space);
+BOOL GetDiskFreeSpaceW(const char16_t* path, DiskFreeSpace* space);
 // Replaces the volume query (tests feed extreme figures); null restores the system's.
 using DiskFreeSpaceSource = BOOL (*)(const char16_t* path, DiskFreeSpace* space);
-ZROBJ_API DiskFreeSpaceSource SetDiskFreeSpaceSource(DiskFreeSpaceSource source);
+DiskFreeSpaceSource SetDiskFreeSpaceSource(DiskFreeSpaceSource source);
 
 // --- Observing system writes ------------------------------------------------------------------------
 // Number of WriteFile calls that reached the system since the process started.
-ZROBJ_API UINT64 GetFileWriteCount();
+UINT64 GetFileWriteCount();
 // A hook consulted before every system write: returns how many of `count` bytes may be written (a
 // smaller value simulates a full disk). Null removes it. Returns the previous hook.
 using FileWriteHook = DWORD (*)(FileHandle file, DWORD count);
-ZROBJ_API FileWriteHook SetFileWriteHook(FileWriteHook hook);
+FileWriteHook SetFileWriteHook(FileWriteHook hook);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -8,7 +8,8 @@
 
 #include "platform/text.h"
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 char16_t Lower(char16_t c) { return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + 32) : c; }
@@ -38,11 +39,9 @@ bool WildcardMatch(std::u16string_view pattern, std::u16string_view name) {
   return p == pattern.size();
 }
 
-}  // namespace zr
-
 BOOL FU_FormatPath(WCHAR* path, UINT capacity, WCHAR separator) {
   if (!path || capacity == 0 || separator == 0) return FALSE;
-  const std::size_t length = zr::WStrLen(path);
+  const std::size_t length = WStrLen(path);
   if (length >= capacity) return FALSE;
   std::u16string out;
   out.reserve(length + 1);
@@ -56,14 +55,14 @@ BOOL FU_FormatPath(WCHAR* path, UINT capacity, WCHAR separator) {
   }
   if (!out.empty() && out.back() != separator) out.push_back(separator);
   if (out.size() + 1 > capacity) return FALSE;
-  zr::WStrCopy(path, capacity, out);
+  WStrCopy(path, capacity, out);
   return TRUE;
 }
 
 WCHAR* FU_FindFilename(const WCHAR* path) {
   if (!path) return nullptr;
   const WCHAR* sep = FU_FindLastSeparator(path);
-  return zr::Mutable(sep ? sep + 1 : path);
+  return Mutable(sep ? sep + 1 : path);
 }
 
 WCHAR* FU_FindLastSeparator(const WCHAR* path) {
@@ -71,7 +70,7 @@ WCHAR* FU_FindLastSeparator(const WCHAR* path) {
   const WCHAR* last = nullptr;
   for (const WCHAR* p = path; *p; ++p)
     if (*p == u'/') last = p;
-  return zr::Mutable(last);
+  return Mutable(last);
 }
 
 WCHAR* FU_FindExtension(const WCHAR* path) {
@@ -80,7 +79,7 @@ WCHAR* FU_FindExtension(const WCHAR* path) {
   const WCHAR* dot = nullptr;
   for (const WCHAR* p = name + 1; *p; ++p)
     if (*p == u'.') dot = p;
-  return zr::Mutable(dot);
+  return Mutable(dot);
 }
 
 BOOL FU_GetFirstMatch(const WCHAR* pattern, WCHAR* found, UINT capacity) {
@@ -91,15 +90,17 @@ BOOL FU_GetFirstMatch(const WCHAR* pattern, WCHAR* found, UINT capacity) {
   const std::u16string_view wanted(name_pattern);
   if (wanted.empty()) return FALSE;
   std::error_code ec;
-  std::filesystem::directory_iterator it(dir.empty() ? std::string(".") : zr::Utf16ToUtf8(dir), ec);
+  std::filesystem::directory_iterator it(dir.empty() ? std::string(".") : Utf16ToUtf8(dir), ec);
   std::vector<std::string> matches;
   for (; !ec && it != std::filesystem::directory_iterator(); it.increment(ec)) {
     const std::string name = it->path().filename().string();
-    if (zr::WildcardMatch(wanted, zr::Utf8ToUtf16(name))) matches.push_back(name);
+    if (WildcardMatch(wanted, Utf8ToUtf16(name))) matches.push_back(name);
   }
   if (matches.empty()) return FALSE;
-  const std::u16string first = zr::Utf8ToUtf16(*std::min_element(matches.begin(), matches.end()));
+  const std::u16string first = Utf8ToUtf16(*std::min_element(matches.begin(), matches.end()));
   if (first.size() + 1 > capacity) return FALSE;
-  zr::WStrCopy(found, capacity, first);
+  WStrCopy(found, capacity, first);
   return TRUE;
 }
+
+}  // namespace zr::os

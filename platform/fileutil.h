@@ -3,28 +3,29 @@
 
 #include <string_view>
 
-#include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
+
+namespace zr::os {
 
 // Normalises `path` in place: '\' and '/' become `separator`, runs of separators collapse to one,
 // and a non-empty path ends in a separator. FALSE (path unchanged) when the result would need more
 // than `capacity` characters with the terminator, or on null arguments.
-ZROBJ_API BOOL FU_FormatPath(WCHAR* path, UINT capacity, WCHAR separator);
+BOOL FU_FormatPath(WCHAR* path, UINT capacity, WCHAR separator);
 
 // Like strchr, these take a const path and return a position inside it (null when absent).
 // The file name: after the last '/', or the whole path.
-ZROBJ_API WCHAR* FU_FindFilename(const WCHAR* path);
+WCHAR* FU_FindFilename(const WCHAR* path);
 // The last '/'.
-ZROBJ_API WCHAR* FU_FindLastSeparator(const WCHAR* path);
+WCHAR* FU_FindLastSeparator(const WCHAR* path);
 // The '.' that starts the file name's extension (the last '.' of the name, not its first character).
-ZROBJ_API WCHAR* FU_FindExtension(const WCHAR* path);
+WCHAR* FU_FindExtension(const WCHAR* path);
 
 // Looks in the directory of `pattern` for entries whose name matches its last component
 // ('*' any run, '?' one character, ASCII case-insensitive) and copies the first name in byte order
 // of the names (file name only) into `found`. FALSE when nothing matches or it does not fit.
-ZROBJ_API BOOL FU_GetFirstMatch(const WCHAR* pattern, WCHAR* found, UINT capacity);
+BOOL FU_GetFirstMatch(const WCHAR* pattern, WCHAR* found, UINT capacity);
 
-namespace zr {
 // The wildcard test of FU_GetFirstMatch, for one name.
-ZROBJ_API bool WildcardMatch(std::u16string_view pattern, std::u16string_view name);
-}  // namespace zr
+bool WildcardMatch(std::u16string_view pattern, std::u16string_view name);
+
+}  // namespace zr::os

@@ -4,7 +4,7 @@
 
 #include <type_traits>
 
-namespace zr {
+namespace zr::os {
 namespace {
 
 // The character at `i` as a code, 0 past the end.
@@ -154,4 +154,4 @@ FormatTextWidth TextWidth(FormatLength length) {
   }
 }
 
-}  // namespace zr
+}  // namespace zr::os

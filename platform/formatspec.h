@@ -8,7 +8,7 @@
 
 #include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 // The length modifier as written.
 enum class FormatLength : std::uint8_t {
@@ -61,18 +61,18 @@ struct FormatSpec {
 inline constexpr int kMaxFormatWidth = 100000;
 
 // Parses the specification at the start of `text`, which starts with '%'.
-ZROBJ_API FormatSpec ParseFormatSpec(std::string_view text);
-ZROBJ_API FormatSpec ParseFormatSpec(std::u16string_view text);
+FormatSpec ParseFormatSpec(std::string_view text);
+FormatSpec ParseFormatSpec(std::u16string_view text);
 
 // Applies the argument of a '*': a negative width left-justifies, a negative precision is none.
-ZROBJ_API void SetWidthFromArg(FormatSpec& spec, int value);
-ZROBJ_API void SetPrecisionFromArg(FormatSpec& spec, int value);
+void SetWidthFromArg(FormatSpec& spec, int value);
+void SetPrecisionFromArg(FormatSpec& spec, int value);
 
 // Bytes an integer conversion reads: 1 (hh), 2 (h), 8 (ll I64 I z j t L), else 4 (int and long).
-ZROBJ_API int IntegerBytes(FormatLength length);
+int IntegerBytes(FormatLength length);
 
 // The text a string or character conversion names: narrow (h hh), wide (l ll w), or the conversion's own.
 enum class FormatTextWidth : std::uint8_t { kDefault, kNarrow, kWide };
-ZROBJ_API FormatTextWidth TextWidth(FormatLength length);
+FormatTextWidth TextWidth(FormatLength length);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -3,10 +3,9 @@
 
 #include <string>
 
-#include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
-namespace zr {
+namespace zr::os {
 
 inline constexpr DWORD kMaxComputerNameLength = 15;  // characters, without the terminator
 
@@ -19,21 +18,21 @@ inline constexpr DWORD kMaxComputerNameLength = 15;  // characters, without the 
 // On entry *length is the capacity of `buffer` in characters. On success the name is copied with its
 // terminator and *length is its length without the terminator. On failure nothing is written; *length
 // is the capacity needed (length + 1) when a name exists but does not fit, unchanged when there is none.
-ZROBJ_API bool QueryComputerName(WCHAR* buffer, DWORD* length);
+bool QueryComputerName(WCHAR* buffer, DWORD* length);
 
 // Keeps `name` as this machine's computer name for when the system has none. The host name itself is
 // never changed; the name is published atomically in StoredComputerNamePath() and never overwritten,
 // so concurrent processes agree on one name. Fails when the name is invalid (empty, longer than 15
 // characters, characters other than A-Z, 0-9, '-' and '_'), when a valid name is already kept, or
 // when the file cannot be written. A damaged file (no valid name in it) is replaced.
-ZROBJ_API bool StoreComputerName(const WCHAR* name);
+bool StoreComputerName(const WCHAR* name);
 
 // The file that keeps a generated computer name: "COMPUTERNAME" in the settings directory
 // ($ZROBJ_HOME, else $XDG_CONFIG_HOME/zrobj, else ~/.config/zrobj).
-ZROBJ_API std::string StoredComputerNamePath();
+std::string StoredComputerNamePath();
 
 // The user's name: ZROBJ_USERNAME when set and not empty, else the account name of the effective
 // user, else $USER. Same buffer and length contract as QueryComputerName; not upper-cased or cut.
-ZROBJ_API bool QueryUserName(WCHAR* buffer, DWORD* length);
+bool QueryUserName(WCHAR* buffer, DWORD* length);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -10,7 +10,7 @@
 
 #include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 // How a file looks to a reader. An unreadable file (a directory, no permission, too large) reads as
 // empty and is never overwritten.
@@ -25,15 +25,15 @@ struct IniOp {
   std::string value;
 };
 
-ZROBJ_API IniFileState IniGetState(const std::string& path);
+IniFileState IniGetState(const std::string& path);
 
 // The value of `key` in `section`; nullopt when the file, section or key is missing or unreadable.
-ZROBJ_API std::optional<std::string> IniRead(const std::string& path, std::string_view section,
+std::optional<std::string> IniRead(const std::string& path, std::string_view section,
                                              std::string_view key);
-ZROBJ_API bool IniHasSection(const std::string& path, std::string_view section);
+bool IniHasSection(const std::string& path, std::string_view section);
 // Section names in file order; the key names of one section in file order.
-ZROBJ_API std::vector<std::string> IniSections(const std::string& path);
-ZROBJ_API std::vector<std::string> IniKeys(const std::string& path, std::string_view section);
+std::vector<std::string> IniSections(const std::string& path);
+std::vector<std::string> IniKeys(const std::string& path, std::string_view section);
 
 // Applies `ops` to the current contents and replaces the file atomically, under an exclusive lock
 // on "<path>.lock", so concurrent writers never lose each other's changes. Creates the directory
@@ -41,12 +41,12 @@ ZROBJ_API std::vector<std::string> IniKeys(const std::string& path, std::string_
 // when a name cannot be represented in the format (line breaks or NUL bytes, ']' in a section, '='
 // in a key, an empty key, a key starting with ';', '#' or '[' once trimmed), when a value holds a
 // line break or a NUL byte, or when the lock is not had within 10 seconds.
-ZROBJ_API bool IniUpdate(const std::string& path, std::span<const IniOp> ops);
+bool IniUpdate(const std::string& path, std::span<const IniOp> ops);
 
 // Section and key names as the file keeps them: surrounding blanks removed.
-ZROBJ_API std::string_view IniTrimName(std::string_view name);
+std::string_view IniTrimName(std::string_view name);
 
 // Removes the cached parse of every file, so the next read goes to the disk (tests).
-ZROBJ_API void IniDropCache();
+void IniDropCache();
 
-}  // namespace zr
+}  // namespace zr::os

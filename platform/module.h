@@ -5,26 +5,25 @@
 #include <string>
 
 #include "zrobj/export.h"
-#include "zrobj/zrobj.h"
 #include "zrobj/zrtypes.h"
 
+namespace zr::os {
+
 // Page size, processor count and the Windows allocation granularity (65536).
-ZROBJ_API void GetSystemInfo(SYSTEM_INFO* info);
+void GetSystemInfo(SYSTEM_INFO* info);
 
 // The file name of a module (null: the main executable) as an absolute UTF-16 path. Returns the
 // characters copied; when the buffer is too small the name is cut, terminated, and `size` is
 // returned; 0 when the module is unknown.
-ZROBJ_API DWORD GetModuleFileNameW(HMODULE module, WCHAR* buffer, DWORD size);
-
-namespace zr {
+DWORD GetModuleFileNameW(HMODULE module, WCHAR* buffer, DWORD size);
 
 // The module whose mapping contains `address`; null when none does.
-ZROBJ_API HMODULE ModuleFromAddress(const void* address);
+HMODULE ModuleFromAddress(const void* address);
 // This library's own module handle.
-ZROBJ_API HMODULE LibraryModule();
+HMODULE LibraryModule();
 // The absolute file name of the module containing `address` ("" when none), UTF-8.
-ZROBJ_API std::string ModuleFileNameFromAddress(std::uintptr_t address);
+std::string ModuleFileNameFromAddress(std::uintptr_t address);
 // The absolute file name of the main executable, UTF-8.
-ZROBJ_API std::string MainExecutableFileName();
+std::string MainExecutableFileName();
 
-}  // namespace zr
+}  // namespace zr::os

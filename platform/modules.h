@@ -5,9 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 struct ModuleSegment {
   std::uintptr_t start = 0;
@@ -30,13 +29,13 @@ struct ModuleInfo {
 // Calls `visit` for each loaded module in load order (the program first) until it returns false;
 // returns the number visited.
 using ModuleVisitor = bool (*)(const ModuleInfo& module, void* context);
-ZROBJ_API int ForEachModule(ModuleVisitor visit, void* context);
+int ForEachModule(ModuleVisitor visit, void* context);
 
 // The module one of whose loaded segments contains `address`; false when none does.
-ZROBJ_API bool FindModule(std::uintptr_t address, ModuleInfo* module);
+bool FindModule(std::uintptr_t address, ModuleInfo* module);
 
 // True for modules of the operating system (under /lib, /usr/lib, ... or without a file).
-ZROBJ_API bool IsSystemModule(const char* path);
+bool IsSystemModule(const char* path);
 
 // The symbol that contains an address: from the dynamic symbol table, else from the full symbol table
 // of the module's file (static functions, programs not linked for export).
@@ -49,9 +48,9 @@ struct SymbolInfo {
   char name_storage[512] = {};     // holds a name read from the file
 };
 // False when no module contains the address.
-ZROBJ_API bool LookupSymbol(std::uintptr_t address, SymbolInfo* info);
+bool LookupSymbol(std::uintptr_t address, SymbolInfo* info);
 // Demangles a C++ name into `out`, cut to fit; a name that is not mangled is copied as it is.
-ZROBJ_API void DemangleName(const char* raw, char* out, std::size_t capacity);
+void DemangleName(const char* raw, char* out, std::size_t capacity);
 
 struct MemoryRegion {
   std::uintptr_t start = 0, end = 0;
@@ -61,10 +60,10 @@ struct MemoryRegion {
 };
 // Calls `visit` for each mapping of the process (from /proc/self/maps) until it returns false.
 using RegionVisitor = bool (*)(const MemoryRegion& region, void* context);
-ZROBJ_API int ForEachMemoryRegion(RegionVisitor visit, void* context);
+int ForEachMemoryRegion(RegionVisitor visit, void* context);
 
 // True when [start, end) overlaps a sanitizer's shadow memory (huge reservations that are no part
 // of the program's data).
-ZROBJ_API bool IsSanitizerShadow(std::uintptr_t start, std::uintptr_t end);
+bool IsSanitizerShadow(std::uintptr_t start, std::uintptr_t end);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -6,15 +6,16 @@
 #include <string>
 
 #include "platform/wformat.h"
-#include "zrobj/export.h"
+
+namespace zr::os {
 
 // Prints the call stack from a return address and frame pointer through dmp output; depth -1 is the
 // whole stack. With a non-null filter, prints nothing and answers whether any frame's module file
 // name contains the filter text (case-insensitive); without one it answers 1.
-ZROBJ_API int WalkCallStack(std::uintptr_t address, std::uintptr_t frame, int depth, const char* filter);
+int WalkCallStack(std::uintptr_t address, std::uintptr_t frame, int depth, const char* filter);
 
 // Fills up to `max` return addresses walking frame pointers from `frame` (first entry: `address`).
-ZROBJ_API int CaptureCallStack(std::uintptr_t address, std::uintptr_t frame, std::uintptr_t* out, int max);
+int CaptureCallStack(std::uintptr_t address, std::uintptr_t frame, std::uintptr_t* out, int max);
 
 struct ZrAddressInfo {
   std::uintptr_t module_base = 0;
@@ -22,17 +23,19 @@ struct ZrAddressInfo {
   std::string symbol;          // demangled, empty when unknown
   std::uintptr_t symbol_offset = 0;
 };
-ZROBJ_API bool GetAddressInfo(std::uintptr_t address, ZrAddressInfo* info);
+bool GetAddressInfo(std::uintptr_t address, ZrAddressInfo* info);
 // "module!symbol+0xoff" style text (narrow), never empty.
-ZROBJ_API std::string GetAddressInfoString(std::uintptr_t address);
+std::string GetAddressInfoString(std::uintptr_t address);
 
 // Raw dump output, by default into the diagnostics sink (channel 0, level 0); redirectable to a file.
-ZROBJ_API void dmp_output(const char* text);
-ZROBJ_API void dmp_printfV(const char* format, const zr::FormatArg* args, std::size_t count);
+void dmp_output(const char* text);
+void dmp_printfV(const char* format, const FormatArg* args, std::size_t count);
 template <class... Args>
 void dmp_printf(const char* format, const Args&... args) {
-  const zr::FormatArg list[] = {zr::MakeFormatArg(args)..., zr::FormatArg{zr::FormatArg::Kind::kPointer}};
+  const FormatArg list[] = {MakeFormatArg(args)..., FormatArg{FormatArg::Kind::kPointer}};
   dmp_printfV(format ? format : "", list, sizeof...(Args));
 }
 // Appends dump output to `path` (created if missing) until dmp_SetOutputFile(nullptr).
-ZROBJ_API bool dmp_SetOutputFile(const char* path);
+bool dmp_SetOutputFile(const char* path);
+
+}  // namespace zr::os

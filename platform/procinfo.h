@@ -6,23 +6,22 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 // OS id of the calling thread (gettid); signal-safe.
-ZROBJ_API std::uint32_t CurrentOsThreadId();
+std::uint32_t CurrentOsThreadId();
 // The process id; signal-safe.
-ZROBJ_API std::uint32_t CurrentProcessId();
+std::uint32_t CurrentProcessId();
 // OS id of the thread that loaded the library.
-ZROBJ_API std::uint32_t LoadingThreadId();
+std::uint32_t LoadingThreadId();
 
 // Full file name of the program's executable, as found at load; "" when unknown. Signal-safe.
-ZROBJ_API const char* ProcessImagePath();
+const char* ProcessImagePath();
 
 // The library's version as its real file name carries it ("1.0.0" of libzrobju.so.1.0.0); false when
 // the file name has none.
-ZROBJ_API bool GetLibraryVersionText(char* buffer, std::size_t capacity);
+bool GetLibraryVersionText(char* buffer, std::size_t capacity);
 
 // System figures as the crash record prints them (bytes, a percentage for the load).
 struct SystemFigures {
@@ -33,7 +32,7 @@ struct SystemFigures {
   std::uint64_t total_virtual = 0, available_virtual = 0;    // user address space and what is unused
 };
 // Signal-safe (reads /proc with plain system calls); false when /proc could not be read.
-ZROBJ_API bool GetSystemFigures(SystemFigures* figures);
+bool GetSystemFigures(SystemFigures* figures);
 
 // A moment broken down like a Windows SYSTEMTIME.
 struct CivilTime {
@@ -42,15 +41,15 @@ struct CivilTime {
 };
 // The current local time. Reads the time zone once beforehand (PrepareLocalTime) so that the call
 // inside the crash handler neither allocates nor opens files.
-ZROBJ_API void PrepareLocalTime();
-ZROBJ_API CivilTime LocalTimeNow();
+void PrepareLocalTime();
+CivilTime LocalTimeNow();
 // A file time (100 ns units since 1601-01-01 UTC) broken down in UTC; signal-safe.
-ZROBJ_API CivilTime FileTimeToCivil(std::uint64_t file_time);
+CivilTime FileTimeToCivil(std::uint64_t file_time);
 
 // The user's logon name and the computer name as UTF-8, from identity.h (ZROBJ_USERNAME and
 // ZROBJ_COMPUTERNAME override them). "" when unknown. Not signal-safe: read them
 // beforehand.
-ZROBJ_API void GetUserLogonName(char* buffer, std::size_t capacity);
-ZROBJ_API void GetComputerNameText(char* buffer, std::size_t capacity);
+void GetUserLogonName(char* buffer, std::size_t capacity);
+void GetComputerNameText(char* buffer, std::size_t capacity);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -6,32 +6,32 @@
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
+namespace zr::os {
+
 // Copies the Windows directory (no trailing separator) into `buffer`. Returns its length, or the
 // size needed including the terminator when `size` is too small (buffer untouched), 0 on failure.
-ZROBJ_API UINT GetWindowsDirectoryW(WCHAR* buffer, UINT size);
+UINT GetWindowsDirectoryW(WCHAR* buffer, UINT size);
 
 // Windows profile semantics on an INI file; a file name without a '/' lies in the Windows
 // directory. Null `key` lists the section's keys, null `section` the section names (each
 // terminated, the list ends with an extra terminator). A missing value yields `defaultValue`.
 // Returns the characters copied without the terminator (size-1 or size-2 when cut).
-ZROBJ_API DWORD GetPrivateProfileStringA(const char* section, const char* key, const char* defaultValue,
+DWORD GetPrivateProfileStringA(const char* section, const char* key, const char* defaultValue,
                                          char* buffer, DWORD size, const char* fileName);
 // Sets the value (creating file, section and key as needed); null `value` deletes the key, null
 // `key` deletes the section. Non-zero on success.
-ZROBJ_API BOOL WritePrivateProfileStringA(const char* section, const char* key, const char* value,
+BOOL WritePrivateProfileStringA(const char* section, const char* key, const char* value,
                                           const char* fileName);
-
-namespace zr {
 
 // $ZROBJ_HOME, else $XDG_CONFIG_HOME/zrobj, else ~/.config/zrobj; read from the environment at
 // each call. The directory is created by the first write into it.
-ZROBJ_API std::string WindowsDirectory();
+std::string WindowsDirectory();
 
 // Points the Windows directory of this process (and of the processes it starts) at `directory`
 // by setting $ZROBJ_HOME.
-ZROBJ_API void SetWindowsDirectoryForProcess(const std::string& directory);
+void SetWindowsDirectoryForProcess(const std::string& directory);
 
 // `fileName` resolved like the profile functions do: in the Windows directory unless it has a '/'.
-ZROBJ_API std::string ProfileFilePath(const char* fileName);
+std::string ProfileFilePath(const char* fileName);
 
-}  // namespace zr
+}  // namespace zr::os

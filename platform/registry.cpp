@@ -8,11 +8,12 @@
 #include "platform/profile.h"
 #include "platform/text.h"
 
+namespace zr::os {
+
 struct ZrRegKey {
   std::string path;  // "HKCR" or "HKCR\\sub\\key", UTF-8
 };
 
-namespace zr {
 namespace {
 
 constexpr const char* kStoreFile = "HKCR.INI";
@@ -89,14 +90,12 @@ bool KeyExists(const std::string& path) { return path == Root().path || IniHasSe
 
 HKEY RegClassesRoot() { return &Root(); }
 
-}  // namespace zr
-
 LONG RegOpenKeyExW(HKEY parent, const WCHAR* subKey, DWORD, REGSAM, HKEY* result) {
   if (!parent || !result) return ERROR_INVALID_PARAMETER;
   *result = nullptr;
-  const std::string path = zr::Join(parent, subKey);
+  const std::string path = Join(parent, subKey);
   if (path.empty()) return ERROR_INVALID_PARAMETER;
-  if (!zr::KeyExists(path)) return ERROR_FILE_NOT_FOUND;
+  if (!KeyExists(path)) return ERROR_FILE_NOT_FOUND;
   *result = new ZrRegKey{path};
   return ERROR_SUCCESS;
 }
@@ -104,14 +103,14 @@ LONG RegOpenKeyExW(HKEY parent, const WCHAR* subKey, DWORD, REGSAM, HKEY* result
 LONG RegCreateKeyExW(HKEY parent, const WCHAR* subKey, REGSAM, HKEY* result) {
   if (!parent || !result) return ERROR_INVALID_PARAMETER;
   *result = nullptr;
-  const std::string path = zr::Join(parent, subKey);
+  const std::string path = Join(parent, subKey);
   if (path.empty()) return ERROR_INVALID_PARAMETER;
-  if (!zr::KeyExists(path)) {
+  if (!KeyExists(path)) {
     // Every key on the way down exists afterwards, as in the registry.
-    std::vector<zr::IniOp> ops;
+    std::vector<IniOp> ops;
     for (std::size_t at = path.find('\\'); at != std::string::npos; at = path.find('\\', at + 1))
-      ops.push_back({zr::IniOp::Kind::kAddSection, path.substr(0, path.find('\\', at + 1)), {}, {}});
-    if (!zr::IniUpdate(zr::StorePath(), ops)) return ERROR_ACCESS_DENIED;
+      ops.push_back({IniOp::Kind::kAddSection, path.substr(0, path.find('\\', at + 1)), {}, {}});
+    if (!IniUpdate(StorePath(), ops)) return ERROR_ACCESS_DENIED;
   }
   *result = new ZrRegKey{path};
   return ERROR_SUCCESS;
@@ -120,17 +119,17 @@ LONG RegCreateKeyExW(HKEY parent, const WCHAR* subKey, REGSAM, HKEY* result) {
 LONG RegSetValueExW(HKEY key, const WCHAR* valueName, DWORD, DWORD type, const BYTE* data, DWORD size) {
   if (!key || key == HKEY_CLASSES_ROOT) return ERROR_INVALID_HANDLE;
   if (!data && size) return ERROR_INVALID_PARAMETER;
-  const zr::IniOp op{zr::IniOp::Kind::kSet, key->path, zr::ValueKey(valueName), zr::Encode(type, data, size)};
-  return zr::IniUpdate(zr::StorePath(), {&op, 1}) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
+  const IniOp op{IniOp::Kind::kSet, key->path, ValueKey(valueName), Encode(type, data, size)};
+  return IniUpdate(StorePath(), {&op, 1}) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
 }
 
 LONG RegQueryValueExW(HKEY key, const WCHAR* valueName, DWORD*, DWORD* type, BYTE* data, DWORD* size) {
   if (!key) return ERROR_INVALID_HANDLE;
   if (data && !size) return ERROR_INVALID_PARAMETER;
-  const auto text = zr::IniRead(zr::StorePath(), key->path, zr::ValueKey(valueName));
+  const auto text = IniRead(StorePath(), key->path, ValueKey(valueName));
   DWORD stored_type = 0;
   std::string bytes;
-  if (!text || !zr::Decode(*text, &stored_type, &bytes)) return ERROR_FILE_NOT_FOUND;
+  if (!text || !Decode(*text, &stored_type, &bytes)) return ERROR_FILE_NOT_FOUND;
   if (type) *type = stored_type;
   const DWORD capacity = size ? *size : 0;
   if (size) *size = static_cast<DWORD>(bytes.size());
@@ -148,9 +147,11 @@ LONG RegCloseKey(HKEY key) {
 
 LONG RegDeleteTreeW(HKEY parent, const WCHAR* subKey) {
   if (!parent) return ERROR_INVALID_HANDLE;
-  const std::string path = zr::Join(parent, subKey);
+  const std::string path = Join(parent, subKey);
   if (path.empty() || path == HKEY_CLASSES_ROOT->path) return ERROR_INVALID_PARAMETER;
-  if (!zr::KeyExists(path)) return ERROR_FILE_NOT_FOUND;
-  const zr::IniOp op{zr::IniOp::Kind::kDeleteSectionTree, path, {}, {}};
-  return zr::IniUpdate(zr::StorePath(), {&op, 1}) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
+  if (!KeyExists(path)) return ERROR_FILE_NOT_FOUND;
+  const IniOp op{IniOp::Kind::kDeleteSectionTree, path, {}, {}};
+  return IniUpdate(StorePath(), {&op, 1}) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
 }
+
+}  // namespace zr::os

@@ -2,24 +2,18 @@
 // "HKCR.INI" of the Windows directory (one section per key path, one entry per value).
 #pragma once
 
+#include "platform/lasterror.h"
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
+
+namespace zr::os {
 
 struct ZrRegKey;
 using HKEY = ZrRegKey*;
 using REGSAM = DWORD;
 
-namespace zr {
-ZROBJ_API HKEY RegClassesRoot();
-}
-#define HKEY_CLASSES_ROOT (::zr::RegClassesRoot())
-
-inline constexpr LONG ERROR_SUCCESS = 0;
-inline constexpr LONG ERROR_FILE_NOT_FOUND = 2;
-inline constexpr LONG ERROR_ACCESS_DENIED = 5;
-inline constexpr LONG ERROR_INVALID_HANDLE = 6;
-inline constexpr LONG ERROR_INVALID_PARAMETER = 87;
-inline constexpr LONG ERROR_MORE_DATA = 234;
+HKEY RegClassesRoot();
+#define HKEY_CLASSES_ROOT (::zr::os::RegClassesRoot())
 
 inline constexpr REGSAM KEY_READ = 0x20019;
 inline constexpr REGSAM KEY_WRITE = 0x20006;
@@ -29,16 +23,18 @@ inline constexpr DWORD REG_BINARY = 3;
 inline constexpr DWORD REG_DWORD = 4;
 
 // Opens an existing key (subKey: '\\'-separated path, case-insensitive; null or "" = the key itself).
-ZROBJ_API LONG RegOpenKeyExW(HKEY parent, const WCHAR* subKey, DWORD options, REGSAM access, HKEY* result);
+LONG RegOpenKeyExW(HKEY parent, const WCHAR* subKey, DWORD options, REGSAM access, HKEY* result);
 // Opens or creates a key and every missing key above it.
-ZROBJ_API LONG RegCreateKeyExW(HKEY parent, const WCHAR* subKey, REGSAM access, HKEY* result);
+LONG RegCreateKeyExW(HKEY parent, const WCHAR* subKey, REGSAM access, HKEY* result);
 // Stores exactly `size` bytes of `data` (the caller's length is taken as given, in bytes).
 // Null or empty `valueName` = the key's default value.
-ZROBJ_API LONG RegSetValueExW(HKEY key, const WCHAR* valueName, DWORD reserved, DWORD type, const BYTE* data,
+LONG RegSetValueExW(HKEY key, const WCHAR* valueName, DWORD reserved, DWORD type, const BYTE* data,
                               DWORD size);
 // Reads a value: `*size` is the buffer size in, the stored size out; ERROR_MORE_DATA when too small.
-ZROBJ_API LONG RegQueryValueExW(HKEY key, const WCHAR* valueName, DWORD* reserved, DWORD* type, BYTE* data,
+LONG RegQueryValueExW(HKEY key, const WCHAR* valueName, DWORD* reserved, DWORD* type, BYTE* data,
                                 DWORD* size);
-ZROBJ_API LONG RegCloseKey(HKEY key);
+LONG RegCloseKey(HKEY key);
 // Deletes a key with all its subkeys and values.
-ZROBJ_API LONG RegDeleteTreeW(HKEY parent, const WCHAR* subKey);
+LONG RegDeleteTreeW(HKEY parent, const WCHAR* subKey);
+
+}  // namespace zr::os

@@ -7,7 +7,8 @@
 #include "platform/inifile.h"
 #include "platform/text.h"
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 int HexDigit(char c) {
@@ -90,43 +91,41 @@ std::optional<int> ParseSettingInt(std::string_view text) {
   return v;
 }
 
-}  // namespace zr
-
-CSetFile::CSetFile(const WCHAR* path) : path_(zr::Utf16ToUtf8(path ? std::u16string_view(path) : u"")) {}
+CSetFile::CSetFile(const WCHAR* path) : path_(Utf16ToUtf8(path ? std::u16string_view(path) : u"")) {}
 
 CSetFile::~CSetFile() = default;
 
 BOOL CSetFile::IsUsable() const {
-  return !path_.empty() && zr::IniGetState(path_) != zr::IniFileState::kUnreadable ? TRUE : FALSE;
+  return !path_.empty() && IniGetState(path_) != IniFileState::kUnreadable ? TRUE : FALSE;
 }
 
 std::optional<std::string> CSetFile::ReadRaw(const char* section, const char* key) const {
-  if (!zr::ValidName(section) || !zr::ValidName(key) || path_.empty()) return std::nullopt;
-  return zr::IniRead(path_, section, key);
+  if (!ValidName(section) || !ValidName(key) || path_.empty()) return std::nullopt;
+  return IniRead(path_, section, key);
 }
 
 BOOL CSetFile::WriteRaw(const char* section, const char* key, std::string value) {
-  if (!zr::ValidName(section) || !zr::ValidName(key) || path_.empty()) return FALSE;
-  const zr::IniOp op{zr::IniOp::Kind::kSet, section, key, std::move(value)};
-  return zr::IniUpdate(path_, {&op, 1}) ? TRUE : FALSE;
+  if (!ValidName(section) || !ValidName(key) || path_.empty()) return FALSE;
+  const IniOp op{IniOp::Kind::kSet, section, key, std::move(value)};
+  return IniUpdate(path_, {&op, 1}) ? TRUE : FALSE;
 }
 
 BOOL CSetFile::ReadSettingString(const char* section, const char* key, WCHAR* buffer, UINT length) const {
   if (!buffer || length == 0) return FALSE;
   const auto raw = ReadRaw(section, key);
   if (!raw) return FALSE;
-  zr::WStrCopy(buffer, length, zr::Utf8ToUtf16(zr::UnescapeSettingValue(*raw)));
+  WStrCopy(buffer, length, Utf8ToUtf16(UnescapeSettingValue(*raw)));
   return TRUE;
 }
 
 BOOL CSetFile::WriteSettingString(const char* section, const char* key, const WCHAR* value) {
   if (!value) return FALSE;
-  return WriteRaw(section, key, zr::EscapeSettingValue(zr::Utf16ToUtf8(value)));
+  return WriteRaw(section, key, EscapeSettingValue(Utf16ToUtf8(value)));
 }
 
 BOOL CSetFile::ReadSettingInt(const char* section, const char* key, int* value) const {
   const auto raw = ReadRaw(section, key);
-  const auto parsed = raw ? zr::ParseSettingInt(*raw) : std::nullopt;
+  const auto parsed = raw ? ParseSettingInt(*raw) : std::nullopt;
   if (!parsed || !value) return FALSE;
   *value = *parsed;
   return TRUE;
@@ -139,12 +138,12 @@ BOOL CSetFile::WriteSettingInt(const char* section, const char* key, int value) 
 BOOL CSetFile::ReadSettingBool(const char* section, const char* key, int* value) const {
   const auto raw = ReadRaw(section, key);
   if (!raw || !value) return FALSE;
-  const std::string_view text = zr::Trim(*raw);
+  const std::string_view text = Trim(*raw);
   for (const char* yes : {"true", "yes", "on"})
-    if (zr::EqualsNoCase(text, yes)) return *value = 1, TRUE;
+    if (EqualsNoCase(text, yes)) return *value = 1, TRUE;
   for (const char* no : {"false", "no", "off"})
-    if (zr::EqualsNoCase(text, no)) return *value = 0, TRUE;
-  const auto number = zr::ParseSettingInt(text);
+    if (EqualsNoCase(text, no)) return *value = 0, TRUE;
+  const auto number = ParseSettingInt(text);
   if (!number) return FALSE;
   *value = *number != 0 ? 1 : 0;
   return TRUE;
@@ -153,3 +152,5 @@ BOOL CSetFile::ReadSettingBool(const char* section, const char* key, int* value)
 BOOL CSetFile::WriteSettingBool(const char* section, const char* key, int value) {
   return WriteRaw(section, key, value ? "1" : "0");
 }
+
+}  // namespace zr::os

@@ -9,7 +9,9 @@
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
-class ZROBJ_API CSetFile {
+namespace zr::os {
+
+class CSetFile {
  public:
   // Binds to the file at `path` (UTF-16, '/' separators); nothing is created until a write.
   explicit CSetFile(const WCHAR* path);
@@ -39,13 +41,11 @@ class ZROBJ_API CSetFile {
   std::string path_;
 };
 
-namespace zr {
-
 // The text form of a string value: backslash, control characters and a quote at either end are
 // escaped (\\, \xHH) so that any string survives the line-based file. Exposed for tests.
-ZROBJ_API std::string EscapeSettingValue(std::string_view utf8);
-ZROBJ_API std::string UnescapeSettingValue(std::string_view text);
+std::string EscapeSettingValue(std::string_view utf8);
+std::string UnescapeSettingValue(std::string_view text);
 // Integer text: optional sign and decimal digits, or 0x and up to eight hex digits, nothing else.
-ZROBJ_API std::optional<int> ParseSettingInt(std::string_view text);
+std::optional<int> ParseSettingInt(std::string_view text);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -3,7 +3,8 @@
 
 #include <algorithm>
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
@@ -117,4 +118,4 @@ std::size_t WStrCopy(char16_t* dst, std::size_t capacity, std::u16string_view sr
   return n;
 }
 
-}  // namespace zr
+}  // namespace zr::os

@@ -6,15 +6,15 @@
 
 #include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 // Invalid sequences become U+FFFD; a lone surrogate never produces invalid UTF-8.
-ZROBJ_API std::u16string Utf8ToUtf16(std::string_view text);
-ZROBJ_API std::string Utf16ToUtf8(std::u16string_view text);
+std::u16string Utf8ToUtf16(std::string_view text);
+std::string Utf16ToUtf8(std::u16string_view text);
 
 // Appends the conversion to `out` (no temporary for the formatter's hot path).
-ZROBJ_API void AppendUtf8AsUtf16(std::u16string& out, std::string_view text);
-ZROBJ_API void AppendUtf16AsUtf8(std::string& out, std::u16string_view text);
+void AppendUtf8AsUtf16(std::u16string& out, std::string_view text);
+void AppendUtf16AsUtf8(std::string& out, std::u16string_view text);
 
 // Length of a null-terminated UTF-16 string; 0 for null.
 inline std::size_t WStrLen(const char16_t* s) {
@@ -22,6 +22,6 @@ inline std::size_t WStrLen(const char16_t* s) {
 }
 
 // Copies at most `capacity`-1 units and always terminates (when capacity > 0); returns units copied.
-ZROBJ_API std::size_t WStrCopy(char16_t* dst, std::size_t capacity, std::u16string_view src);
+std::size_t WStrCopy(char16_t* dst, std::size_t capacity, std::u16string_view src);
 
-}  // namespace zr
+}  // namespace zr::os

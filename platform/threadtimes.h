@@ -3,10 +3,9 @@
 
 #include <cstdint>
 
-#include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
-namespace zr {
+namespace zr::os {
 
 // All in 100 ns units: `creation` as a file time, `kernel` and `user` as durations.
 struct ThreadTimes {
@@ -15,6 +14,6 @@ struct ThreadTimes {
   std::uint64_t user = 0;
 };
 // False when the thread is not (or no longer) a thread of this process.
-ZROBJ_API bool GetThreadTimesById(DWORD threadId, ThreadTimes* times);
+bool GetThreadTimesById(DWORD threadId, ThreadTimes* times);
 
-}  // namespace zr
+}  // namespace zr::os

@@ -1,5 +1,5 @@
-// Waitable kernel objects: handles, events, semaphores, waits on one or several objects, the last
-// error, thread ids and critical sections, all built on 32-bit futex words. Named objects live in a
+// Waitable kernel objects: handles, events, semaphores, waits on one or several objects, thread
+// ids and critical sections, all built on 32-bit futex words. Named objects live in a
 // shared-memory segment keyed by their name, so other processes open the same object.
 #pragma once
 
@@ -7,9 +7,10 @@
 #include <cstdint>
 
 #include "base/compiler.h"
-#include "zrobj/coswait.h"
-#include "zrobj/export.h"
+#include "platform/lasterror.h"
 #include "zrobj/zrtypes.h"
+
+namespace zr::os {
 
 // Windows values, defined the way the system headers define them so that every family can share them.
 #ifndef SYNCHRONIZE
@@ -23,55 +24,22 @@
 #define DUPLICATE_CLOSE_SOURCE 0x1u
 #define DUPLICATE_SAME_ACCESS 0x2u
 #endif
-#ifndef ERROR_SUCCESS
-#define ERROR_SUCCESS 0u
-#endif
-#ifndef ERROR_FILE_NOT_FOUND
-#define ERROR_FILE_NOT_FOUND 2u
-#endif
-#ifndef ERROR_ACCESS_DENIED
-#define ERROR_ACCESS_DENIED 5u
-#endif
-#ifndef ERROR_INVALID_HANDLE
-#define ERROR_INVALID_HANDLE 6u
-#endif
-#ifndef ERROR_NOT_ENOUGH_MEMORY
-#define ERROR_NOT_ENOUGH_MEMORY 8u
-#endif
-#ifndef ERROR_INVALID_PARAMETER
-#define ERROR_INVALID_PARAMETER 87u
-#endif
-#ifndef ERROR_INVALID_NAME
-#define ERROR_INVALID_NAME 123u
-#endif
-#ifndef ERROR_ALREADY_EXISTS
-#define ERROR_ALREADY_EXISTS 183u
-#endif
-#ifndef ERROR_FILENAME_EXCED_RANGE
-#define ERROR_FILENAME_EXCED_RANGE 206u
-#endif
-#ifndef ERROR_TOO_MANY_POSTS
-#define ERROR_TOO_MANY_POSTS 298u
-#endif
+// ---- Identities ----
 
-// ---- Last error and identities ----
-
-ZROBJ_API DWORD GetLastError();
-ZROBJ_API void SetLastError(DWORD error);
 // Thread ids are the kernel's gettid() values (cached per thread, renewed in a forked child).
-ZROBJ_API DWORD GetCurrentThreadId();
-ZROBJ_API DWORD GetCurrentProcessId();
-ZROBJ_API HANDLE GetCurrentProcess();  // the pseudo handle (HANDLE)-1
-ZROBJ_API BOOL SwitchToThread();       // yields the processor; non-zero when another thread ran
+DWORD GetCurrentThreadId();
+DWORD GetCurrentProcessId();
+HANDLE GetCurrentProcess();  // the pseudo handle (HANDLE)-1
+BOOL SwitchToThread();       // yields the processor; non-zero when another thread ran
 
 // ---- Handles ----
 // A handle is a small non-zero value naming an entry of the process's handle table; each entry holds
 // a reference to an object and the access rights granted to that handle. Waiting needs SYNCHRONIZE,
 // setting an event EVENT_MODIFY_STATE, releasing a semaphore SEMAPHORE_MODIFY_STATE (else error 5).
 
-ZROBJ_API BOOL CloseHandle(HANDLE handle);
+BOOL CloseHandle(HANDLE handle);
 // Only the current process (GetCurrentProcess()) is supported as source and target.
-ZROBJ_API BOOL DuplicateHandle(HANDLE sourceProcess, HANDLE source, HANDLE targetProcess, HANDLE* target,
+BOOL DuplicateHandle(HANDLE sourceProcess, HANDLE source, HANDLE targetProcess, HANDLE* target,
                                DWORD desiredAccess, BOOL inheritHandle, DWORD options);
 
 // ---- Events and semaphores ----
@@ -79,27 +47,27 @@ ZROBJ_API BOOL DuplicateHandle(HANDLE sourceProcess, HANDLE source, HANDLE targe
 // per user, others per user and settings directory ($ZROBJ_HOME). Creating an existing name opens
 // it and sets the last error to ERROR_ALREADY_EXISTS (another type: null, ERROR_INVALID_HANDLE).
 
-ZROBJ_API HANDLE CreateEventW(SECURITY_ATTRIBUTES* security, BOOL manualReset, BOOL initialState, const WCHAR* name);
-ZROBJ_API HANDLE OpenEventW(DWORD desiredAccess, BOOL inheritHandle, const WCHAR* name);
-ZROBJ_API BOOL SetEvent(HANDLE event);
-ZROBJ_API BOOL ResetEvent(HANDLE event);
+HANDLE CreateEventW(SECURITY_ATTRIBUTES* security, BOOL manualReset, BOOL initialState, const WCHAR* name);
+HANDLE OpenEventW(DWORD desiredAccess, BOOL inheritHandle, const WCHAR* name);
+BOOL SetEvent(HANDLE event);
+BOOL ResetEvent(HANDLE event);
 // Releases the threads waiting now (manual reset: all; auto reset: one) and leaves the event reset.
-ZROBJ_API BOOL PulseEvent(HANDLE event);
+BOOL PulseEvent(HANDLE event);
 
-ZROBJ_API HANDLE CreateSemaphoreW(SECURITY_ATTRIBUTES* security, LONG initialCount, LONG maximumCount,
+HANDLE CreateSemaphoreW(SECURITY_ATTRIBUTES* security, LONG initialCount, LONG maximumCount,
                                   const WCHAR* name);
-ZROBJ_API HANDLE OpenSemaphoreW(DWORD desiredAccess, BOOL inheritHandle, const WCHAR* name);
-ZROBJ_API BOOL ReleaseSemaphore(HANDLE semaphore, LONG releaseCount, LONG* previousCount);
+HANDLE OpenSemaphoreW(DWORD desiredAccess, BOOL inheritHandle, const WCHAR* name);
+BOOL ReleaseSemaphore(HANDLE semaphore, LONG releaseCount, LONG* previousCount);
 
 // ---- Waits ----
 // A wait that succeeds consumes what it waited for: an auto-reset event is reset, a semaphore count
 // taken. Wait-any returns WAIT_OBJECT_0 + the lowest signalled index; wait-all consumes all objects
 // at once (duplicated objects: ERROR_INVALID_PARAMETER). More than 64 handles: ERROR_INVALID_PARAMETER.
 
-ZROBJ_API DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds);
-ZROBJ_API DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds);
+DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds);
+DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds);
 // There is no message queue: waits on the objects only (at most 63, as the message form allows).
-ZROBJ_API DWORD MsgWaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds,
+DWORD MsgWaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds,
                                           DWORD wakeMask);
 
 // ---- Critical sections ----
@@ -112,14 +80,12 @@ struct CRITICAL_SECTION {
   std::uint32_t spin_count = 0;
 };
 
-ZROBJ_API void InitializeCriticalSection(CRITICAL_SECTION* section);
-ZROBJ_API BOOL InitializeCriticalSectionAndSpinCount(CRITICAL_SECTION* section, DWORD spinCount);
-ZROBJ_API void EnterCriticalSection(CRITICAL_SECTION* section);
-ZROBJ_API BOOL TryEnterCriticalSection(CRITICAL_SECTION* section);
-ZROBJ_API void LeaveCriticalSection(CRITICAL_SECTION* section);
-ZROBJ_API void DeleteCriticalSection(CRITICAL_SECTION* section);
-
-namespace zr {
+void InitializeCriticalSection(CRITICAL_SECTION* section);
+BOOL InitializeCriticalSectionAndSpinCount(CRITICAL_SECTION* section, DWORD spinCount);
+void EnterCriticalSection(CRITICAL_SECTION* section);
+BOOL TryEnterCriticalSection(CRITICAL_SECTION* section);
+void LeaveCriticalSection(CRITICAL_SECTION* section);
+void DeleteCriticalSection(CRITICAL_SECTION* section);
 
 // Direct (not interposable) entries for the library's own hot paths; the exported functions above
 // are the same code. Not visible outside libzrobju.
@@ -163,16 +129,16 @@ struct WaitCore {
 };
 
 // Event and semaphore operations on a core (the handle functions above use these too).
-ZROBJ_API void CoreSetEvent(WaitCore* core);
-ZROBJ_API void CoreResetEvent(WaitCore* core);
-ZROBJ_API void CorePulseEvent(WaitCore* core);
+void CoreSetEvent(WaitCore* core);
+void CoreResetEvent(WaitCore* core);
+void CorePulseEvent(WaitCore* core);
 // False (and nothing released) when the count would pass the maximum.
-ZROBJ_API bool CoreReleaseSemaphore(WaitCore* core, std::int32_t count, std::int32_t* previous);
+bool CoreReleaseSemaphore(WaitCore* core, std::int32_t count, std::int32_t* previous);
 // Waits for one core (WAIT_OBJECT_0 or WAIT_TIMEOUT).
-ZROBJ_API DWORD CoreWait(WaitCore* core, DWORD milliseconds);
+DWORD CoreWait(WaitCore* core, DWORD milliseconds);
 // Waits for several cores: any (lowest signalled index) or all; WAIT_FAILED with the last error set
 // for bad arguments.
-ZROBJ_API DWORD CoreWaitMultiple(DWORD count, WaitCore* const* cores, bool waitAll, DWORD milliseconds);
+DWORD CoreWaitMultiple(DWORD count, WaitCore* const* cores, bool waitAll, DWORD milliseconds);
 
 // A process-local event or semaphore without a handle, for locks built inside the library.
 class LocalEvent {
@@ -207,21 +173,21 @@ class LocalSemaphore {
 enum HandleKind : DWORD { kHandleEvent = 1, kHandleSemaphore = 2, kHandleChangeNotification = 3,
                           kHandleThread = 4, kHandleCustom = 5 };
 using HandleDestroyFn = void (*)(void* context);
-ZROBJ_API HANDLE CreateSignalHandle(DWORD kind, void* context, HandleDestroyFn destroy);
-ZROBJ_API BOOL SetSignalHandle(HANDLE handle);
-ZROBJ_API BOOL ResetSignalHandle(HANDLE handle);
+HANDLE CreateSignalHandle(DWORD kind, void* context, HandleDestroyFn destroy);
+BOOL SetSignalHandle(HANDLE handle);
+BOOL ResetSignalHandle(HANDLE handle);
 // The context of a signal handle of that kind; null (ERROR_INVALID_HANDLE) for anything else. The
 // caller keeps the handle open while it uses the context.
-ZROBJ_API void* GetSignalHandleContext(HANDLE handle, DWORD kind);
+void* GetSignalHandleContext(HANDLE handle, DWORD kind);
 // The core that a signal handle's owner signals directly (valid until the last handle closes).
-ZROBJ_API WaitCore* GetSignalHandleCore(HANDLE handle, DWORD kind);
+WaitCore* GetSignalHandleCore(HANDLE handle, DWORD kind);
 // The handle's object kind, 0 for an invalid handle.
-ZROBJ_API DWORD GetHandleKind(HANDLE handle);
+DWORD GetHandleKind(HANDLE handle);
 
 // ---- The lock word shared between processes ----
 // Wait-all on named objects consumes them under this robust process-shared lock; a holder that dies
 // releases it. Exposed so that tests can prove that.
-ZROBJ_API bool LockSharedWaitWord();
-ZROBJ_API void UnlockSharedWaitWord();
+bool LockSharedWaitWord();
+void UnlockSharedWaitWord();
 
-}  // namespace zr
+}  // namespace zr::os

@@ -7,7 +7,8 @@
 #include "platform/formatspec.h"
 #include "platform/text.h"
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 class ArgReader {
@@ -237,4 +238,4 @@ void AppendFormatNarrow(std::string& out, std::string_view format, const FormatA
   AppendUtf16AsUtf8(out, wide);
 }
 
-}  // namespace zr
+}  // namespace zr::os

@@ -7,9 +7,8 @@
 #include <string_view>
 #include <type_traits>
 
-#include "zrobj/export.h"
 
-namespace zr {
+namespace zr::os {
 
 struct FormatArg {
   enum class Kind : std::uint8_t { kInt, kDouble, kNarrow, kWide, kPointer };
@@ -65,10 +64,10 @@ FormatArg MakeFormatArg(T* p) requires(!std::is_same_v<std::remove_cv_t<T>, char
 }
 
 // Formats `format` with UTF-16 semantics for %s/%c (narrow with h, wide with l or w).
-ZROBJ_API void AppendFormatWide(std::u16string& out, std::u16string_view format, const FormatArg* args,
+void AppendFormatWide(std::u16string& out, std::u16string_view format, const FormatArg* args,
                                 std::size_t count);
 // Formats a narrow (UTF-8) format: %s/%c are narrow, %ls/%S wide; the result is UTF-8.
-ZROBJ_API void AppendFormatNarrow(std::string& out, std::string_view format, const FormatArg* args,
+void AppendFormatNarrow(std::string& out, std::string_view format, const FormatArg* args,
                                   std::size_t count);
 
 template <class... Args>
@@ -87,4 +86,4 @@ std::string FormatNarrow(std::string_view format, const Args&... args) {
   return out;
 }
 
-}  // namespace zr
+}  // namespace zr::os

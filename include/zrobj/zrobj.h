@@ -7,21 +7,6 @@
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
-// System information as filled at process attach (page size, processors, allocation granularity).
-struct SYSTEM_INFO {
-  WORD wProcessorArchitecture;
-  WORD wReserved;
-  DWORD dwPageSize;
-  void* lpMinimumApplicationAddress;
-  void* lpMaximumApplicationAddress;
-  std::uintptr_t dwActiveProcessorMask;
-  DWORD dwNumberOfProcessors;
-  DWORD dwProcessorType;
-  DWORD dwAllocationGranularity;  // 65536
-  WORD wProcessorLevel;
-  WORD wProcessorRevision;
-};
-
 // An init callback: no arguments, non-zero = success.
 using ZROBJ_INITCALLBACK = int (*)();
 

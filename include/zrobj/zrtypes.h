@@ -1,5 +1,6 @@
-// The fixed-width vocabulary of the library's interface (32-bit words, flags, UTF-16 text), and how
-// those words are stored in its files (little-endian).
+// The fixed-width vocabulary of the library's interface (32-bit words, flags, UTF-16 text), shared
+// with the platform layer: system information, the vocabulary of waits and kernel objects, and how
+// the words are stored in files (little-endian).
 #pragma once
 
 #include <cstddef>
@@ -35,3 +36,64 @@ using HWND = void*;
 inline constexpr DWORD ZR_INVALID_INDEX = 0xFFFFFFFFu;  // no index or identity
 inline constexpr DWORD ZR_NO_ID = 0xFC00u;              // no 32-bit id (unnamed chunk, end of id list)
 inline constexpr std::size_t ZR_MAX_PATH = 260;          // path buffers, in characters
+
+// System information (filled at process attach) (page size, processors, allocation granularity).
+struct SYSTEM_INFO {
+  WORD wProcessorArchitecture;
+  WORD wReserved;
+  DWORD dwPageSize;
+  void* lpMinimumApplicationAddress;
+  void* lpMaximumApplicationAddress;
+  std::uintptr_t dwActiveProcessorMask;
+  DWORD dwNumberOfProcessors;
+  DWORD dwProcessorType;
+  DWORD dwAllocationGranularity;  // 65536
+  WORD wProcessorLevel;
+  WORD wProcessorRevision;
+};
+
+// ---- Waits and kernel objects: time-outs, wait results, change-notification filter bits,
+// security attributes and find data.
+#ifndef INFINITE
+#define INFINITE 0xFFFFFFFFu
+#endif
+#ifndef WAIT_OBJECT_0
+#define WAIT_OBJECT_0 0u
+#define WAIT_ABANDONED_0 0x80u
+#define WAIT_TIMEOUT 258u
+#define WAIT_FAILED 0xFFFFFFFFu
+#define MAXIMUM_WAIT_OBJECTS 64u
+#endif
+
+#ifndef FILE_NOTIFY_CHANGE_FILE_NAME
+#define FILE_NOTIFY_CHANGE_FILE_NAME 0x001u
+#define FILE_NOTIFY_CHANGE_DIR_NAME 0x002u
+#define FILE_NOTIFY_CHANGE_ATTRIBUTES 0x004u
+#define FILE_NOTIFY_CHANGE_SIZE 0x008u
+#define FILE_NOTIFY_CHANGE_LAST_WRITE 0x010u
+#define FILE_NOTIFY_CHANGE_LAST_ACCESS 0x020u
+#define FILE_NOTIFY_CHANGE_CREATION 0x040u
+#define FILE_NOTIFY_CHANGE_SECURITY 0x100u
+#endif
+
+// Accepted and ignored: objects carry no security descriptors here.
+struct SECURITY_ATTRIBUTES {
+  DWORD nLength;
+  void* lpSecurityDescriptor;
+  BOOL bInheritHandle;
+};
+
+// A file's directory entry, laid out as the system's find data (times are file times, low word
+// first): what a file-change notification compares.
+struct tagZRFINDDATA {
+  DWORD dwFileAttributes;
+  DWORD ftCreationTime[2];
+  DWORD ftLastAccessTime[2];
+  DWORD ftLastWriteTime[2];
+  DWORD nFileSizeHigh;
+  DWORD nFileSizeLow;
+  DWORD dwReserved0;
+  DWORD dwReserved1;
+  WCHAR cFileName[ZR_MAX_PATH];
+  WCHAR cAlternateFileName[14];
+};

@@ -22,6 +22,8 @@
 #include "zrobj/zrtypes.h"
 #include "platform/text.h"
 
+namespace zr::os {
+
 namespace {
 
 constexpr std::uint32_t kBaseMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB | IN_MODIFY |
@@ -31,7 +33,7 @@ constexpr DWORD kKnownFilter = 0x17Fu;
 struct Record {
   std::string directory;
   DWORD filter = 0;
-  zr::WaitCore* core = nullptr;
+  WaitCore* core = nullptr;
   int wd = -1;
 };
 
@@ -175,7 +177,7 @@ class Watcher {
     for (Record* r : records_) {
       // After an overflow the event stream is incomplete: every owner re-reads its entry.
       if ((event.mask & IN_Q_OVERFLOW) || (r->wd == event.wd && Matches(r->filter, event.mask)))
-        zr::CoreSetEvent(r->core);
+        CoreSetEvent(r->core);
     }
   }
 
@@ -231,19 +233,19 @@ DWORD AttributesOf(const std::string& path, const struct statx& st, const std::s
 }  // namespace
 
 HANDLE FindFirstChangeNotificationW(const WCHAR* path, BOOL, DWORD filter) {
-  if (zr::WStrLen(path) == 0 || (filter & kKnownFilter) == 0 || (filter & ~kKnownFilter) != 0) {
+  if (WStrLen(path) == 0 || (filter & kKnownFilter) == 0 || (filter & ~kKnownFilter) != 0) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return INVALID_HANDLE_VALUE;
   }
   auto* record = new Record;
-  record->directory = zr::Utf16ToUtf8(path);
+  record->directory = Utf16ToUtf8(path);
   record->filter = filter;
-  HANDLE handle = zr::CreateSignalHandle(zr::kHandleChangeNotification, record, DestroyRecord);
+  HANDLE handle = CreateSignalHandle(kHandleChangeNotification, record, DestroyRecord);
   if (!handle) {
     delete record;
     return INVALID_HANDLE_VALUE;
   }
-  record->core = zr::GetSignalHandleCore(handle, zr::kHandleChangeNotification);
+  record->core = GetSignalHandleCore(handle, kHandleChangeNotification);
   if (!TheWatcher().Add(record)) {
     const DWORD error = GetLastError();
     CloseHandle(handle);  // DestroyRecord frees the record
@@ -254,17 +256,15 @@ HANDLE FindFirstChangeNotificationW(const WCHAR* path, BOOL, DWORD filter) {
 }
 
 BOOL FindNextChangeNotification(HANDLE handle) {
-  if (!zr::GetSignalHandleCore(handle, zr::kHandleChangeNotification)) return FALSE;
+  if (!GetSignalHandleCore(handle, kHandleChangeNotification)) return FALSE;
   TheWatcher().EnsureRunning();
-  return zr::ResetSignalHandle(handle);
+  return ResetSignalHandle(handle);
 }
 
 BOOL FindCloseChangeNotification(HANDLE handle) {
-  if (!zr::GetSignalHandleCore(handle, zr::kHandleChangeNotification)) return FALSE;
+  if (!GetSignalHandleCore(handle, kHandleChangeNotification)) return FALSE;
   return CloseHandle(handle);
 }
-
-namespace zr {
 
 bool GetFindData(const WCHAR* path, tagZRFINDDATA* out) {
   if (!out || WStrLen(path) == 0) return false;
@@ -287,4 +287,4 @@ bool GetFindData(const WCHAR* path, tagZRFINDDATA* out) {
   return true;
 }
 
-}  // namespace zr
+}  // namespace zr::os

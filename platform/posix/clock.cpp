@@ -5,7 +5,8 @@
 
 #include <atomic>
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 std::uint32_t MonotonicTicks() {
@@ -29,11 +30,9 @@ std::uint64_t GetSystemTimeAsFileTime() {
          static_cast<std::uint64_t>(ts.tv_nsec) / 100u;
 }
 
-}  // namespace zr
-
 std::uint32_t GetTickCount() {
-  const zr::TickSource source = zr::g_tick_source.load(std::memory_order_relaxed);
-  return source ? source() : zr::MonotonicTicks();
+  const TickSource source = g_tick_source.load(std::memory_order_relaxed);
+  return source ? source() : MonotonicTicks();
 }
 
 void Sleep(std::uint32_t milliseconds) {
@@ -41,3 +40,5 @@ void Sleep(std::uint32_t milliseconds) {
   while (nanosleep(&ts, &ts) != 0) {
   }
 }
+
+}  // namespace zr::os

@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace zr {
+namespace zr::os {
 
 bool RawFile::Open(const char* path, Mode mode) {
   Close();
@@ -84,4 +84,4 @@ long ReadSmallFile(const char* path, char* buffer, std::size_t capacity) {
   return static_cast<long>(total);
 }
 
-}  // namespace zr
+}  // namespace zr::os

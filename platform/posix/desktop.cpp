@@ -11,7 +11,8 @@
 #include "platform/dlgsvc.h"
 #include "platform/text.h"
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 struct DesktopState {
@@ -47,31 +48,29 @@ bool IsDebuggerAttached() {
   return false;
 }
 
-}  // namespace zr
-
 int MessageBoxW(HWND owner, const WCHAR* text, const WCHAR* caption, UINT style) {
   const std::u16string_view t = text ? text : u"";
   const std::u16string_view c = caption ? caption : u"";
-  if (const auto h = zr::Current().message_box) return h(owner, t, c, style);
+  if (const auto h = Current().message_box) return h(owner, t, c, style);
   wPrintf(0, 0, u"\rMessageBox [%s]: %s\r\n", std::u16string(c), std::u16string(t));
   return IDOK;
 }
 
 BOOL MessageBeep(UINT type) {
-  if (const auto h = zr::Current().message_beep) return h(type);
+  if (const auto h = Current().message_beep) return h(type);
   wPrintf(0, 9, u"\rMessageBeep 0x%08X\r\n", type);
   return TRUE;
 }
 
 short GetAsyncKeyState(int virtualKey) {
-  if (const auto h = zr::Current().async_key_state) return h(virtualKey);
+  if (const auto h = Current().async_key_state) return h(virtualKey);
   return 0;
 }
 
 BOOL SetDlgItemTextW(HWND dialog, int controlId, const WCHAR* text) {
   const std::u16string_view t = text ? text : u"";
-  if (const auto h = zr::Current().set_dlg_item_text) return h(dialog, controlId, t);
-  zr::DesktopState& s = zr::State();
+  if (const auto h = Current().set_dlg_item_text) return h(dialog, controlId, t);
+  DesktopState& s = State();
   std::lock_guard lock(s.mutex);
   s.dialog_items[{dialog, controlId}] = std::u16string(t);
   return TRUE;
@@ -81,20 +80,20 @@ UINT GetDlgItemTextW(HWND dialog, int controlId, WCHAR* buffer, int max) {
   if (!buffer || max <= 0) return 0;
   buffer[0] = 0;
   std::optional<std::u16string> text;
-  if (const auto h = zr::Current().get_dlg_item_text) {
+  if (const auto h = Current().get_dlg_item_text) {
     text = h(dialog, controlId);
   } else {
-    zr::DesktopState& s = zr::State();
+    DesktopState& s = State();
     std::lock_guard lock(s.mutex);
     const auto it = s.dialog_items.find({dialog, controlId});
     if (it != s.dialog_items.end()) text = it->second;
   }
-  return text ? static_cast<UINT>(zr::WStrCopy(buffer, static_cast<std::size_t>(max), *text)) : 0;
+  return text ? static_cast<UINT>(WStrCopy(buffer, static_cast<std::size_t>(max), *text)) : 0;
 }
 
 void DebugBreak() {
-  if (const auto h = zr::Current().debug_break) return h();
-  if (zr::IsDebuggerAttached()) {
+  if (const auto h = Current().debug_break) return h();
+  if (IsDebuggerAttached()) {
     ::raise(SIGTRAP);
     return;
   }
@@ -102,3 +101,5 @@ void DebugBreak() {
 }
 
 void InitCommonControls() {}
+
+}  // namespace zr::os

@@ -14,7 +14,8 @@
 #include "platform/profile.h"
 #include "platform/text.h"
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 // Writes each line of a message tagged "zrobj[channel:level] ", with carriage returns dropped.
@@ -148,23 +149,23 @@ void ConfigureDiagFromEnvironment() {
   if (const char* v = std::getenv("ZROBJ_DIAG_FILE")) SetDiagOutputFile(v);
 }
 
-}  // namespace zr
-
-void wPrintfV(unsigned channel, unsigned level, std::u16string_view format, const zr::FormatArg* args,
+void wPrintfV(unsigned channel, unsigned level, std::u16string_view format, const FormatArg* args,
               std::size_t count) {
-  if (!zr::Passes(channel, level)) return;
+  if (!Passes(channel, level)) return;
   std::u16string text;
-  zr::AppendFormatWide(text, format, args, count);
-  zr::DiagState& s = zr::State();
+  AppendFormatWide(text, format, args, count);
+  DiagState& s = State();
   std::lock_guard lock(s.mutex);
   if (s.sink) {
     s.sink->Write(channel, level, text);
     return;
   }
-  if (zr::DefaultSinkTakes(s, channel, level)) s.default_sink.Write(channel, level, text);
+  if (DefaultSinkTakes(s, channel, level)) s.default_sink.Write(channel, level, text);
 }
 
 int Is_wPrintf_Active(unsigned channel) {
-  zr::DiagState& s = zr::State();
-  return s.active.load() && (s.channel_mask.load() & zr::ChannelBit(channel)) ? 1 : 0;
+  DiagState& s = State();
+  return s.active.load() && (s.channel_mask.load() & ChannelBit(channel)) ? 1 : 0;
 }
+
+}  // namespace zr::os

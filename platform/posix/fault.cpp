@@ -17,7 +17,8 @@
 
 #include "platform/platdiag.h"
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 struct GuardFrame {
@@ -377,4 +378,4 @@ void BreakIntoDebugger() {
   if (*tracer != '0') raise(SIGTRAP);
 }
 
-}  // namespace zr
+}  // namespace zr::os

@@ -25,7 +25,7 @@
 
 #include "platform/text.h"
 
-namespace zr {
+namespace zr::os {
 
 struct PlatformFile {
   int fd = -1;
@@ -65,7 +65,6 @@ constexpr DWORD kStorableAttributes = kFileAttributeReadOnly | kFileAttributeHid
 constexpr UINT64 kUnixEpochAsFileTime = 116444736000000000ull;
 constexpr DWORD kGranularity = 65536;
 
-thread_local DWORD t_last_error = 0;
 std::atomic<UINT64> g_write_count{0};
 std::atomic<FileWriteHook> g_write_hook{nullptr};
 std::atomic<DiskFreeSpaceSource> g_disk_source{nullptr};
@@ -77,11 +76,11 @@ std::map<std::uintptr_t, std::size_t>& Views() {
 }
 
 bool Fail(DWORD error) {
-  t_last_error = error;
+  SetLastError(error);
   return false;
 }
 bool Succeed() {
-  t_last_error = 0;
+  SetLastError(0);
   return true;
 }
 
@@ -340,7 +339,6 @@ int OpenDescriptor(const std::string& path, int flags, DWORD rights, bool* writa
 
 }  // namespace
 
-DWORD GetLastFileError() { return t_last_error; }
 
 // --- Handles ----------------------------------------------------------------------------------------------
 
@@ -403,7 +401,7 @@ FileHandle CreateFileW(const char16_t* wide_path, DWORD access, DWORD share, DWO
   if (flags_attributes & kFileFlagRandomAccess) ::posix_fadvise(handle->fd, 0, 0, POSIX_FADV_RANDOM);
   if (flags_attributes & kFileFlagSequentialScan) ::posix_fadvise(handle->fd, 0, 0, POSIX_FADV_SEQUENTIAL);
   if (flags_attributes & kFileFlagDeleteOnClose) handle->delete_on_close = path;
-  t_last_error = existed && (creation == kCreateAlways || creation == kOpenAlways) ? kErrorAlreadyExists : 0;
+  SetLastError(existed && (creation == kCreateAlways || creation == kOpenAlways) ? kErrorAlreadyExists : 0);
   return handle.release();
 }
 
@@ -605,7 +603,7 @@ bool CopyThroughHandles(const char16_t* from, const char16_t* to, bool fail_if_e
   FileHandle target = CreateFileW(to, kGenericWrite, 0, fail_if_exists ? kCreateNew : kCreateAlways,
                                   (info.attributes & kStorableAttributes) | kFileFlagSequentialScan);
   if (target == kInvalidFile) {
-    const DWORD error = GetLastFileError();
+    const DWORD error = GetLastError();
     CloseFile(source);
     return Fail(error);
   }
@@ -616,7 +614,7 @@ bool CopyThroughHandles(const char16_t* from, const char16_t* to, bool fail_if_e
     if (!(ok = WriteFile(target, buffer.data(), got, nullptr))) break;
   }
   ok = ok && SetFileTime(target, nullptr, nullptr, &info.last_write_time);
-  const DWORD error = GetLastFileError();
+  const DWORD error = GetLastError();
   CloseFile(target);
   CloseFile(source);
   if (!ok) {
@@ -798,4 +796,4 @@ UINT64 GetFileWriteCount() { return g_write_count.load(std::memory_order_relaxed
 
 FileWriteHook SetFileWriteHook(FileWriteHook hook) { return g_write_hook.exchange(hook); }
 
-}  // namespace zr
+}  // namespace zr::os

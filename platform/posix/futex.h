@@ -10,10 +10,11 @@
 #include <atomic>
 #include <cstdint>
 
-#include "zrobj/coswait.h"
 #include "zrobj/zrtypes.h"
 
-namespace zr::posix {
+namespace zr::os {
+
+namespace posix {
 
 static_assert(sizeof(std::atomic<std::uint32_t>) == 4 && std::atomic<std::uint32_t>::is_always_lock_free,
               "futex words must be plain 32-bit words");
@@ -59,4 +60,6 @@ inline bool FutexWaitUntil(std::atomic<std::uint32_t>* word, std::uint32_t expec
   return !(r == -1 && errno == ETIMEDOUT);
 }
 
-}  // namespace zr::posix
+}  // namespace posix
+
+}  // namespace zr::os

@@ -17,7 +17,8 @@
 
 #include "platform/text.h"
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 std::optional<std::string> EnvValue(const char* name) {
@@ -177,4 +178,4 @@ bool StoreComputerName(const WCHAR* name) {
   return published;
 }
 
-}  // namespace zr
+}  // namespace zr::os

@@ -19,7 +19,8 @@
 #include <memory>
 #include <mutex>
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 constexpr off_t kMaxFileBytes = 16 << 20;   // larger files are not settings: treated as unreadable
@@ -372,4 +373,4 @@ void IniDropCache() {
   cache.entries.clear();
 }
 
-}  // namespace zr
+}  // namespace zr::os

@@ -12,7 +12,8 @@
 
 #include "platform/text.h"
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 struct PhdrSearch {
@@ -83,8 +84,6 @@ std::string MainExecutableFileName() {
   return n > 0 ? std::string(path, static_cast<std::size_t>(n)) : std::string();
 }
 
-}  // namespace zr
-
 void GetSystemInfo(SYSTEM_INFO* info) {
   if (!info) return;
   std::memset(info, 0, sizeof *info);
@@ -104,9 +103,11 @@ void GetSystemInfo(SYSTEM_INFO* info) {
 DWORD GetModuleFileNameW(HMODULE module, WCHAR* buffer, DWORD size) {
   if (!buffer || size == 0) return 0;
   buffer[0] = 0;
-  const std::string name = zr::ModuleFileName(module);
+  const std::string name = ModuleFileName(module);
   if (name.empty()) return 0;
-  const std::u16string wide = zr::Utf8ToUtf16(name);
-  zr::WStrCopy(buffer, size, wide);
+  const std::u16string wide = Utf8ToUtf16(name);
+  WStrCopy(buffer, size, wide);
   return wide.size() + 1 > size ? size : static_cast<DWORD>(wide.size());
 }
+
+}  // namespace zr::os

@@ -15,12 +15,13 @@
 #include "platform/crashio.h"
 #include "platform/procinfo.h"
 
+namespace zr::os {
+
 extern "C" {
 // Present only in processes built with AddressSanitizer.
 ZR_WEAK void __asan_get_shadow_mapping(std::size_t* shadow_scale, std::size_t* shadow_offset);
 }
 
-namespace zr {
 namespace {
 
 // The GNU build id note among the module's PT_NOTE segments.
@@ -278,4 +279,4 @@ bool IsSanitizerShadow(std::uintptr_t start, std::uintptr_t end) {
   return start < shadow_end && end > offset;  // the sanitizer owns that whole range
 }
 
-}  // namespace zr
+}  // namespace zr::os

@@ -13,6 +13,8 @@
 #include "platform/dlgsvc.h"
 #include "platform/fault.h"
 
+namespace zr::os {
+
 namespace {
 
 std::mutex g_dump_mutex;
@@ -26,7 +28,7 @@ int Walk(std::uintptr_t address, std::uintptr_t frame, std::uintptr_t* out, int 
   if (address) out[n++] = address;
   while (n < max && frame && (frame & 7) == 0) {
     std::uintptr_t pair[2];
-    if (!zr::ProbeRead(reinterpret_cast<const void*>(frame), pair, sizeof pair)) break;
+    if (!ProbeRead(reinterpret_cast<const void*>(frame), pair, sizeof pair)) break;
     if (pair[1] == 0) break;
     out[n++] = pair[1];
     if (pair[0] <= frame) break;  // stacks grow down: callers' frames lie above
@@ -120,9 +122,9 @@ void dmp_output(const char* text) {
   }
 }
 
-void dmp_printfV(const char* format, const zr::FormatArg* args, std::size_t count) {
+void dmp_printfV(const char* format, const FormatArg* args, std::size_t count) {
   std::string text;
-  zr::AppendFormatNarrow(text, format, args, count);
+  AppendFormatNarrow(text, format, args, count);
   dmp_output(text.c_str());
 }
 
@@ -134,3 +136,5 @@ bool dmp_SetOutputFile(const char* path) {
   g_dump_fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   return g_dump_fd >= 0;
 }
+
+}  // namespace zr::os

@@ -18,7 +18,8 @@
 #include "platform/identity.h"
 #include "platform/text.h"
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 char g_image_path[4096];
@@ -170,4 +171,4 @@ void GetUserLogonName(char* buffer, std::size_t capacity) { QueryAsUtf8(&QueryUs
 
 void GetComputerNameText(char* buffer, std::size_t capacity) { QueryAsUtf8(&QueryComputerName, buffer, capacity); }
 
-}  // namespace zr
+}  // namespace zr::os

@@ -11,7 +11,8 @@
 #include "platform/inifile.h"
 #include "platform/text.h"
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 const char* NonEmptyEnv(const char* name) {
@@ -81,34 +82,34 @@ std::string ProfileFilePath(const char* fileName) {
   return WindowsDirectory() + "/" + fileName;
 }
 
-}  // namespace zr
-
 UINT GetWindowsDirectoryW(WCHAR* buffer, UINT size) {
-  const std::u16string dir = zr::Utf8ToUtf16(zr::WindowsDirectory());
+  const std::u16string dir = Utf8ToUtf16(WindowsDirectory());
   if (!buffer || dir.size() + 1 > size) return static_cast<UINT>(dir.size() + 1);
-  zr::WStrCopy(buffer, size, dir);
+  WStrCopy(buffer, size, dir);
   return static_cast<UINT>(dir.size());
 }
 
 DWORD GetPrivateProfileStringA(const char* section, const char* key, const char* defaultValue, char* buffer,
                                DWORD size, const char* fileName) {
   if (!buffer || size == 0) return 0;
-  const std::string path = zr::ProfileFilePath(fileName);
-  if (path.empty()) return zr::CopyValue({}, buffer, size);
-  if (!section) return zr::CopyList(zr::IniSections(path), buffer, size);
-  if (!key) return zr::CopyList(zr::IniKeys(path, section), buffer, size);
-  if (const auto value = zr::IniRead(path, section, key)) return zr::CopyValue(*value, buffer, size);
+  const std::string path = ProfileFilePath(fileName);
+  if (path.empty()) return CopyValue({}, buffer, size);
+  if (!section) return CopyList(IniSections(path), buffer, size);
+  if (!key) return CopyList(IniKeys(path, section), buffer, size);
+  if (const auto value = IniRead(path, section, key)) return CopyValue(*value, buffer, size);
   // Like the system, the default loses its trailing blanks.
   std::string_view fallback = defaultValue ? defaultValue : "";
   while (!fallback.empty() && fallback.back() == ' ') fallback.remove_suffix(1);
-  return zr::CopyValue(fallback, buffer, size);
+  return CopyValue(fallback, buffer, size);
 }
 
 BOOL WritePrivateProfileStringA(const char* section, const char* key, const char* value, const char* fileName) {
-  const std::string path = zr::ProfileFilePath(fileName);
+  const std::string path = ProfileFilePath(fileName);
   if (path.empty() || !section) return FALSE;
-  zr::IniOp op{zr::IniOp::Kind::kSet, section, key ? key : "", value ? value : ""};
-  if (!key) op.kind = zr::IniOp::Kind::kDeleteSection;
-  else if (!value) op.kind = zr::IniOp::Kind::kDeleteKey;
-  return zr::IniUpdate(path, {&op, 1}) ? TRUE : FALSE;
+  IniOp op{IniOp::Kind::kSet, section, key ? key : "", value ? value : ""};
+  if (!key) op.kind = IniOp::Kind::kDeleteSection;
+  else if (!value) op.kind = IniOp::Kind::kDeleteKey;
+  return IniUpdate(path, {&op, 1}) ? TRUE : FALSE;
 }
+
+}  // namespace zr::os

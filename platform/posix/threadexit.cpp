@@ -6,7 +6,8 @@
 #include <atomic>
 #include <mutex>
 
-namespace zr {
+namespace zr::os {
+
 namespace {
 
 std::atomic<ThreadExitFn> g_callback{nullptr};
@@ -57,4 +58,4 @@ void DisarmThreadExit() {
   g_key_valid = false;
 }
 
-}  // namespace zr
+}  // namespace zr::os

@@ -19,6 +19,8 @@
 #include "platform/threadexit.h"
 #include "platform/waitable.h"
 
+namespace zr::os {
+
 namespace {
 
 constexpr DWORD kAckTimeoutMs = 10000;  // a thread that keeps the control signal blocked this long
@@ -26,22 +28,22 @@ constexpr DWORD kErrorTimeout = 1460;
 
 using Word = std::atomic<std::uint32_t>;
 
-void FutexWake(Word& word) { zr::posix::FutexWake(&word, false, INT_MAX); }
+void FutexWake(Word& word) { posix::FutexWake(&word, false, INT_MAX); }
 
 // Sleeps while `word` holds `expected`, at most `ms` milliseconds (INFINITE: no limit).
 void FutexWait(Word& word, std::uint32_t expected, DWORD ms) {
-  zr::posix::FutexWaitUntil(&word, expected, false, zr::posix::Deadline(ms));
+  posix::FutexWaitUntil(&word, expected, false, posix::Deadline(ms));
 }
 
 // Waits until done() holds, sleeping on `word` between looks; false when `ms` ran out first.
 template <class Done>
 bool WaitUntil(Word& word, Done done, DWORD ms) {
-  const zr::posix::Deadline deadline(ms);
+  const posix::Deadline deadline(ms);
   for (;;) {
     const std::uint32_t seen = word.load(std::memory_order_acquire);
     if (done()) return true;
     if (deadline.Passed()) return false;
-    zr::posix::FutexWaitUntil(&word, seen, false, deadline);
+    posix::FutexWaitUntil(&word, seen, false, deadline);
   }
 }
 
@@ -143,12 +145,12 @@ bool PassStartGate(ThreadControl* c) {
 void ReleaseOwnHandle(ThreadControl* c) {
   const HANDLE own = c->own_handle.exchange(nullptr, std::memory_order_acq_rel);
   if (!own) return;
-  zr::SetSignalHandle(own);
+  SetSignalHandle(own);
   CloseHandle(own);
 }
 
 void EndNormally(ThreadControl* c, DWORD code) {
-  zr::RunThreadExitNow();  // the library's detach comes before the handle is signalled
+  RunThreadExitNow();  // the library's detach comes before the handle is signalled
   SetControlSignalBlocked(true);
   {
     std::lock_guard lock(c->mutex);
@@ -180,7 +182,7 @@ void* ThreadMain(void* argument) {
 void DestroyControl(void* context) { delete static_cast<ThreadControl*>(context); }
 
 ThreadControl* ControlOf(HANDLE thread) {
-  auto* c = static_cast<ThreadControl*>(zr::GetSignalHandleContext(thread, zr::kHandleThread));
+  auto* c = static_cast<ThreadControl*>(GetSignalHandleContext(thread, kHandleThread));
   if (!c) SetLastError(ERROR_INVALID_HANDLE);
   return c;
 }
@@ -245,7 +247,7 @@ HANDLE CreateThread(SECURITY_ATTRIBUTES*, std::size_t stackSize, LPTHREAD_START_
   c->fn = fn;
   c->parameter = parameter;
   c->suspend_count.store((creationFlags & CREATE_SUSPENDED) ? 1 : 0, std::memory_order_relaxed);
-  const HANDLE handle = zr::CreateSignalHandle(zr::kHandleThread, c, DestroyControl);
+  const HANDLE handle = CreateSignalHandle(kHandleThread, c, DestroyControl);
   if (!handle) {
     delete c;
     return nullptr;
@@ -384,7 +386,6 @@ BOOL SetThreadPriority(HANDLE thread, int priority) {
   return TRUE;
 }
 
-namespace zr {
 namespace {
 
 struct ForkHandlers {
@@ -424,4 +425,4 @@ bool AddForkHandlers(ForkFn prepare, ForkFn parent, ForkChildFn child) {
   return true;
 }
 
-}  // namespace zr
+}  // namespace zr::os

@@ -10,7 +10,7 @@
 
 #include "platform/clock.h"
 
-namespace zr {
+namespace zr::os {
 
 bool GetThreadTimesById(DWORD threadId, ThreadTimes* times) {
   if (!times) return false;
@@ -45,4 +45,4 @@ bool GetThreadTimesById(DWORD threadId, ThreadTimes* times) {
   return true;
 }
 
-}  // namespace zr
+}  // namespace zr::os

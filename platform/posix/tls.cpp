@@ -3,6 +3,8 @@
 
 #include <pthread.h>
 
+namespace zr::os {
+
 static_assert(sizeof(pthread_key_t) <= sizeof(DWORD), "a key must fit an index");
 
 DWORD TlsAlloc() {
@@ -25,3 +27,5 @@ BOOL TlsSetValue(DWORD index, void* value) {
   if (index == TLS_OUT_OF_INDEXES) return FALSE;
   return pthread_setspecific(static_cast<pthread_key_t>(index), value) == 0 ? TRUE : FALSE;
 }
+
+}  // namespace zr::os

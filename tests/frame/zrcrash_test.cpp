@@ -28,6 +28,8 @@
 #include "zrobj/zrevent.h"
 #include "zrobj/zrobj.h"
 
+namespace os = zr::os;
+
 namespace {
 
 constexpr char kUser[] = "crash-user";
@@ -106,7 +108,7 @@ zrtest::ChildResult RunCrashingChild(const zrtest::TempDir& dir, void (*crash)()
     CEventLogger::LogEvent(u"child event %d", 1);
     CEventLogger::LogEvent(u"child event %d", 2);
     CUnhandledException handler;
-    zr::SetCrashRecordDirectory(zr::Utf8ToUtf16(dir.path()).c_str());
+    zr::SetCrashRecordDirectory(os::Utf8ToUtf16(dir.path()).c_str());
     CUnhandledException::iMiniDump = options.minidump;
     CUnhandledException::bDisable = options.disable;
     CUnhandledException::SetState(options.state);
@@ -188,7 +190,7 @@ std::atomic<bool> g_release_second{false};
 void DumpWhileSecondThreadCrashes() {
   g_release_second = true;
   for (int i = 0; i < 10000 && zr::GetParkedCrashThreadCount() == 0; ++i) ::usleep(1000);
-  dmp_printf("\rParked threads: %u\r\n", zr::GetParkedCrashThreadCount());
+  os::dmp_printf("\rParked threads: %u\r\n", zr::GetParkedCrashThreadCount());
 }
 
 void CrashTwice() {
@@ -310,7 +312,7 @@ TEST(Minidump, LevelsWriteDumpsThatLldbOpens) {
     EXPECT_GT(d.At<std::uint32_t>(threads + 4 + 32), 0u);
     // The program is among the modules; the user stream holds the thread register's dump (count,
     // then id, length and name per thread), which names the crashing (forked main) thread.
-    const std::u16string self16 = zr::Utf8ToUtf16(SelfPath());
+    const std::u16string self16 = os::Utf8ToUtf16(SelfPath());
     EXPECT_NE(d.bytes.find(std::string(reinterpret_cast<const char*>(self16.data()), self16.size() * 2)), std::string::npos);
     const std::uint32_t user = d.Rva(zr::kMinidumpThreadDumpStream);
     EXPECT_EQ(d.At<std::uint32_t>(user), 1u);
@@ -336,7 +338,7 @@ TEST(Minidump, LevelsWriteDumpsThatLldbOpens) {
 // ---- The handler's life cycle ----
 
 void ForeignHandler(int) {}
-void ForeignHook(const zr::FaultRecord&) {}
+void ForeignHook(const os::FaultRecord&) {}
 
 TEST(UnhandledException, CountsObjectsAndReinstallsAStolenHandler) {
   zrtest::TempDir dir;
@@ -345,10 +347,10 @@ TEST(UnhandledException, CountsObjectsAndReinstallsAStolenHandler) {
     if (CUnhandledException::ReInit() != 0) return 10;
     {
       CUnhandledException a;
-      if (CUnhandledException::uLockCnt != 1 || !zr::GetCrashHook()) return 11;
+      if (CUnhandledException::uLockCnt != 1 || !os::GetCrashHook()) return 11;
       { CUnhandledException b; }
-      if (CUnhandledException::uLockCnt != 1 || !zr::GetCrashHook()) return 12;
-      zr::ScopedDiagCapture capture;
+      if (CUnhandledException::uLockCnt != 1 || !os::GetCrashHook()) return 12;
+      os::ScopedDiagCapture capture;
       struct sigaction foreign {};
       foreign.sa_handler = ForeignHandler;
       SetDebugMode(1);
@@ -358,16 +360,16 @@ TEST(UnhandledException, CountsObjectsAndReinstallsAStolenHandler) {
       sigaction(SIGSEGV, nullptr, &current);
       if (current.sa_handler == ForeignHandler) return 14;
       CUnhandledException::bShowStolen = 1;
-      zr::SetCrashHook(ForeignHook);
+      os::SetCrashHook(ForeignHook);
       if (CUnhandledException::ReInit() != 1) return 15;
       SetDebugMode(0);
       sigaction(SIGFPE, &foreign, nullptr);
       if (CUnhandledException::ReInit() != 1) return 16;  // reinstalled, but not reported
       std::string text;
-      for (const auto& e : capture.Entries()) text += std::to_string(e.channel) + "|" + std::to_string(e.level) + "|" + zr::Utf16ToUtf8(e.text) + "\n";
+      for (const auto& e : capture.Entries()) text += std::to_string(e.channel) + "|" + std::to_string(e.level) + "|" + os::Utf16ToUtf8(e.text) + "\n";
       zrtest::WriteFile(log, text);
     }
-    return CUnhandledException::uLockCnt == 0 && !zr::GetCrashHook() ? 0 : 17;
+    return CUnhandledException::uLockCnt == 0 && !os::GetCrashHook() ? 0 : 17;
   });
   ASSERT_TRUE(result.exited);
   EXPECT_EQ(result.exit_code, 0);
@@ -417,7 +419,7 @@ class ExceptionAnalysis : public ::testing::Test {
   // The analysis of the last guarded fault with the given trap mode of "ACCESS_VIOLATION".
   std::string Analyse(DWORD mode, DWORD flag = 1) {
     ZROBJ_GetExceptionTable()[0].dwTrapMode = mode;
-    zr::ScopedDiagCapture capture;
+    os::ScopedDiagCapture capture;
     CUnhandledException::AnalyseException(CUnhandledException::GetExceptionInfo(), flag);
     return capture.Text();
   }
@@ -425,7 +427,7 @@ class ExceptionAnalysis : public ::testing::Test {
 };
 
 TEST_F(ExceptionAnalysis, ReportsGuardedFaultsAsTheTrapModeSays) {
-  EXPECT_EQ(zr::Guarded([] { *g_wild = 1; }), 0xC0000005u);
+  EXPECT_EQ(os::Guarded([] { *g_wild = 1; }), 0xC0000005u);
   const EXCEPTION_POINTERS* p = CUnhandledException::GetExceptionInfo();
   ASSERT_NE(p, nullptr);
   ASSERT_NE(p->ContextRecord, nullptr);
@@ -437,7 +439,7 @@ TEST_F(ExceptionAnalysis, ReportsGuardedFaultsAsTheTrapModeSays) {
   EXPECT_EQ(p->ContextRecord->Rip, address);
 
   const std::string at = Hex(address, 8);
-  const std::string thread = "\rThread: Thread <<<Main>>> (0x" + Hex(zr::CurrentOsThreadId(), 8) + ")\r\n";
+  const std::string thread = "\rThread: Thread <<<Main>>> (0x" + Hex(os::CurrentOsThreadId(), 8) + ")\r\n";
   std::string text = Analyse(0);
   EXPECT_TRUE(InOrder(text, {"\r\nException 0xC0000005 @ 0x" + at + "\r\n", thread, "\r\nACCESS_VIOLATION @ 0x" + at,
                              "\r\n" + SelfPath() + ", offset ", "\r\n[", "ReportsGuardedFaultsAsTheTrapModeSays"}));
@@ -470,7 +472,7 @@ TEST_F(ExceptionAnalysis, ReportsUnknownCodesAndMissingInformation) {
   record.ExceptionCode = 0x12345678;
   record.ExceptionAddress = reinterpret_cast<void*>(0x1234);
   EXCEPTION_POINTERS p{&record, nullptr};
-  zr::ScopedDiagCapture capture;
+  os::ScopedDiagCapture capture;
   CUnhandledException::AnalyseException(&p, 0);
   EXPECT_TRUE(InOrder(capture.Text(), {"\r\nException 0x12345678 @ 0x00001234\r\n", "\rNo context available\r\n",
                                        "\r\nException 0x12345678 @ 0x00001234", "\r\n<<Unknown>>, offset 00001234"}));
@@ -485,13 +487,13 @@ TEST_F(ExceptionAnalysis, ReportsUnknownCodesAndMissingInformation) {
 TEST_F(ExceptionAnalysis, FindsModulesAndListsLibraries) {
   WCHAR name[ZR_MAX_PATH];
   EXPECT_NE(CUnhandledException::GetModuleFilenameFromAddress(reinterpret_cast<const void*>(&CrashHereForTheDump), name), nullptr);
-  EXPECT_EQ(zr::Utf16ToUtf8(name), SelfPath());
+  EXPECT_EQ(os::Utf16ToUtf8(name), SelfPath());
   EXPECT_NE(CUnhandledException::GetModuleFilenameFromAddress(reinterpret_cast<const void*>(&CEventLogger::Init), name), nullptr);
-  EXPECT_NE(zr::Utf16ToUtf8(name).find("libzrobju.so"), std::string::npos);
+  EXPECT_NE(os::Utf16ToUtf8(name).find("libzrobju.so"), std::string::npos);
   EXPECT_EQ(CUnhandledException::GetModuleFilenameFromAddress(reinterpret_cast<const void*>(0x10), name), nullptr);
   EXPECT_EQ(name[0], u'\0');
 
-  zr::ScopedDiagCapture capture;
+  os::ScopedDiagCapture capture;
   CUnhandledException::DumpAppDLLs(1);
   const std::string all = capture.Text();
   EXPECT_TRUE(InOrder(all, {"\r\n<<Loaded libraries>>\r\n", SelfPath()}));
@@ -516,18 +518,18 @@ TEST_F(ExceptionAnalysis, FindsModulesAndListsLibraries) {
 
 TEST(CrashOutput, FormatsTheRecordDialectWithinItsBuffer) {
   char buffer[96];
-  zr::FixedText text(buffer, sizeof buffer);
+  os::FixedText text(buffer, sizeof buffer);
   text.Format("%08X|%08X|%-5u|%02u|%hu|%s|%hs|%%|%d|%016I64X", 0xC0000005u, std::uint64_t{0x55FD7F57E771}, 7u, 3u,
               70000, u"w\u00e9", "n", -12, std::uint64_t{0xABC});
   EXPECT_STREQ(buffer, "C0000005|55FD7F57E771|7    |03|4464|w\xc3\xa9|n|%|-12|0000000000000ABC");
   EXPECT_FALSE(text.truncated());
   char small[8];
-  zr::FixedText cut(small, sizeof small);
+  os::FixedText cut(small, sizeof small);
   cut.Format("%s", "0123456789");
   EXPECT_STREQ(small, "0123456");
   EXPECT_TRUE(cut.truncated());
   char16_t wide[3];
-  EXPECT_EQ(zr::Utf8ToUtf16Fixed("a\xf0\x9f\x98\x80z", wide, 3), 1u);  // a pair never splits
+  EXPECT_EQ(os::Utf8ToUtf16Fixed("a\xf0\x9f\x98\x80z", wide, 3), 1u);  // a pair never splits
   EXPECT_EQ(std::u16string(wide), u"a");
 }
 

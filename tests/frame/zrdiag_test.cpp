@@ -19,6 +19,8 @@
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrobj.h"
 
+namespace os = zr::os;
+
 namespace {
 
 using zrtest::ScopedHome;
@@ -50,7 +52,7 @@ struct Observed {
 class ScopedObserver {
  public:
   explicit ScopedObserver(Observed* o) {
-    zr::DesktopHandlers h;
+    os::DesktopHandlers h;
     h.debug_break = [o] { ++o->breaks; };
     h.message_beep = [o](UINT type) { ++o->beeps, o->beep_type = type; return TRUE; };
     h.message_box = [o](HWND, std::u16string_view text, std::u16string_view caption, UINT style) {
@@ -58,12 +60,12 @@ class ScopedObserver {
       return 6;
     };
     h.async_key_state = [o](int) { return o->key_state; };
-    previous_ = zr::SetDesktopHandlers(std::move(h));
+    previous_ = os::SetDesktopHandlers(std::move(h));
   }
-  ~ScopedObserver() { zr::SetDesktopHandlers(std::move(previous_)); }
+  ~ScopedObserver() { os::SetDesktopHandlers(std::move(previous_)); }
 
  private:
-  zr::DesktopHandlers previous_;
+  os::DesktopHandlers previous_;
 };
 
 DWORD TrapMode(int n) { return ZROBJ_GetExceptionTable()[n].dwTrapMode; }
@@ -71,15 +73,15 @@ DWORD TrapMode(int n) { return ZROBJ_GetExceptionTable()[n].dwTrapMode; }
 TEST(ZrdiagTable, CodesNamesAndLayout) {
   const tagZREXCENTRY* t = ZROBJ_GetExceptionTable();
   EXPECT_EQ(t[0].dwCode, 0xC0000005u);
-  EXPECT_EQ(zr::Utf16ToUtf8(t[0].szName), "ACCESS_VIOLATION");
+  EXPECT_EQ(os::Utf16ToUtf8(t[0].szName), "ACCESS_VIOLATION");
   EXPECT_EQ(t[12].dwCode, 0xC0000094u);
-  EXPECT_EQ(zr::Utf16ToUtf8(t[12].szName), "INT_DIVIDE_BY_ZERO");
+  EXPECT_EQ(os::Utf16ToUtf8(t[12].szName), "INT_DIVIDE_BY_ZERO");
   EXPECT_EQ(t[18].dwCode, 0xC00000FDu);
   EXPECT_EQ(t[20].dwCode, 0x80000001u);
-  EXPECT_EQ(zr::Utf16ToUtf8(t[20].szName), "GUARD_PAGE");
+  EXPECT_EQ(os::Utf16ToUtf8(t[20].szName), "GUARD_PAGE");
   EXPECT_EQ(t[ZR_EXC_WARNINGS].dwCode, 0u);
-  EXPECT_EQ(zr::Utf16ToUtf8(t[ZR_EXC_WARNINGS].szName), "Warnings (Debug)");
-  EXPECT_EQ(zr::Utf16ToUtf8(t[ZR_EXC_EXPECTED].szName), "Expected exceptions");
+  EXPECT_EQ(os::Utf16ToUtf8(t[ZR_EXC_WARNINGS].szName), "Warnings (Debug)");
+  EXPECT_EQ(os::Utf16ToUtf8(t[ZR_EXC_EXPECTED].szName), "Expected exceptions");
   EXPECT_EQ(offsetof(tagZREXCENTRY, dwTrapMode), 68u);
   EXPECT_EQ(offsetof(tagZREXCENTRY, szFilter), 72u);
   EXPECT_EQ(offsetof(tagZREXCENTRY, lower), 88u);
@@ -93,9 +95,9 @@ TEST(ZrdiagTable, TrapModesFromProfile) {
     zr::InitDiagnostics();
     for (int n = 0; n < ZR_EXCEPTION_TABLE_SIZE; ++n) EXPECT_EQ(TrapMode(n), 0u) << n;
     char text[16];
-    GetPrivateProfileStringA("ZROUtil", "TRAPALL", "", text, sizeof text, "ZRO.INI");
+    os::GetPrivateProfileStringA("ZROUtil", "TRAPALL", "", text, sizeof text, "ZRO.INI");
     EXPECT_STREQ(text, "0");  // written with its default
-    GetPrivateProfileStringA("ZROUtil", "TRAP_EXC3", "none", text, sizeof text, "ZRO.INI");
+    os::GetPrivateProfileStringA("ZROUtil", "TRAP_EXC3", "none", text, sizeof text, "ZRO.INI");
     EXPECT_STREQ(text, "none");  // per-entry keys are read without write-default
   }
   {
@@ -148,7 +150,7 @@ TEST(ZrdiagWarning, TrapBitsSteerTheReport) {
   ScopedObserver observer(&seen);
   tagZREXCENTRY& w = ZROBJ_GetExceptionTable()[ZR_EXC_WARNINGS];
   w.dwTrapMode = 0;
-  zr::ScopedDiagCapture capture;
+  os::ScopedDiagCapture capture;
   SetDebugMode(0);
   WarnHere(u"silent");
   EXPECT_TRUE(capture.Entries().empty());
@@ -160,7 +162,7 @@ TEST(ZrdiagWarning, TrapBitsSteerTheReport) {
   EXPECT_EQ(e[0].text, u"\r\nWarning: CHeap::Free: odd block\r\n");
   EXPECT_EQ(e[0].channel, 0u);
   EXPECT_EQ(e[0].level, 3u);
-  EXPECT_NE(zr::Utf16ToUtf8(e[1].text).find("frame_tests"), std::string::npos);
+  EXPECT_NE(os::Utf16ToUtf8(e[1].text).find("frame_tests"), std::string::npos);
   EXPECT_EQ(seen.breaks, 0);
 
   capture.Clear();
@@ -211,7 +213,7 @@ TEST(ZrdiagReports, ExpectedExceptionsStubsBeepsAndAssertions) {
 
   EXPECT_EQ(StubMsg(u"OldEntry", reinterpret_cast<std::uintptr_t>(&ZROBJ_AppInitialize)), 6);
   WCHAR library[ZR_MAX_PATH];
-  GetModuleFileNameW(ZROBJ_GetModuleHandle(), library, ZR_MAX_PATH);
+  os::GetModuleFileNameW(ZROBJ_GetModuleHandle(), library, ZR_MAX_PATH);
   EXPECT_EQ(seen.box_text, u"OldEntry called by " + std::u16string(library) + u" no longer supported");
   EXPECT_EQ(seen.box_caption, u"STUB MESSAGE");
   EXPECT_EQ(seen.box_style, 16u);
@@ -219,7 +221,7 @@ TEST(ZrdiagReports, ExpectedExceptionsStubsBeepsAndAssertions) {
   StubMsg(long_name.c_str(), 0);
   EXPECT_EQ(seen.box_text.size(), 259u);  // at most 260 characters with the terminator
 
-  zr::ScopedDiagCapture capture;
+  os::ScopedDiagCapture capture;
   SetDebugMode(0);
   EXPECT_EQ(DetailedMessageBeep(0x30, "cheap.cpp", 812), TRUE);
   ASSERT_EQ(capture.Entries().size(), 1u);
@@ -245,8 +247,8 @@ TEST(ZrdiagDialog, HexFieldsAndDefaultHandlers) {
   HWND dialog = reinterpret_cast<HWND>(0x1234);
   EXPECT_TRUE(_SetDlgItemHex(dialog, 7, 26));
   WCHAR text[16];
-  EXPECT_EQ(GetDlgItemTextW(dialog, 7, text, 16), 8u);
-  EXPECT_EQ(zr::Utf16ToUtf8(text), "0000001A");
+  EXPECT_EQ(os::GetDlgItemTextW(dialog, 7, text, 16), 8u);
+  EXPECT_EQ(os::Utf16ToUtf8(text), "0000001A");
   EXPECT_EQ(_GetDlgItemHex(dialog, 7), 26);
   _SetDlgItemHex(dialog, 7, -1);
   EXPECT_EQ(_GetDlgItemHex(dialog, 7), -1);
@@ -254,47 +256,47 @@ TEST(ZrdiagDialog, HexFieldsAndDefaultHandlers) {
       {u"zz", 0}, {u"1A", 26}, {u"  1a", 26}, {u"0x1F", 31}, {u"123456789", 0x12345678},
       {u"-2", -2}, {u"7fffffffff", 0x7FFFFFFF}, {u"", 0}, {u"0xg", 0}, {u"12zz", 0x12}};
   for (const auto& [input, value] : cases) {
-    SetDlgItemTextW(dialog, 8, input);
-    EXPECT_EQ(_GetDlgItemHex(dialog, 8), value) << zr::Utf16ToUtf8(input);
+    os::SetDlgItemTextW(dialog, 8, input);
+    EXPECT_EQ(_GetDlgItemHex(dialog, 8), value) << os::Utf16ToUtf8(input);
   }
   EXPECT_EQ(_GetDlgItemHex(dialog, 99), 0);  // no such control
 
-  zr::ScopedDiagCapture capture;
-  EXPECT_EQ(MessageBoxW(nullptr, u"text", u"Caption", MB_OK), IDOK);
-  EXPECT_TRUE(MessageBeep(0x10));
-  EXPECT_EQ(GetAsyncKeyState(0x41), 0);
-  DebugBreak();  // no debugger attached under ctest: a line instead of a trap
+  os::ScopedDiagCapture capture;
+  EXPECT_EQ(os::MessageBoxW(nullptr, u"text", u"Caption", os::MB_OK), os::IDOK);
+  EXPECT_TRUE(os::MessageBeep(0x10));
+  EXPECT_EQ(os::GetAsyncKeyState(0x41), 0);
+  os::DebugBreak();  // no debugger attached under ctest: a line instead of a trap
   const auto e = capture.Entries();
   ASSERT_EQ(e.size(), 3u);
   EXPECT_EQ(e[0].text, u"\rMessageBox [Caption]: text\r\n");
   EXPECT_EQ(e[1].text, u"\rMessageBeep 0x00000010\r\n");
   EXPECT_EQ(e[2].text, u"\rDebugBreak: no debugger attached, continuing\r\n");
-  EXPECT_FALSE(zr::IsDebuggerAttached());
+  EXPECT_FALSE(os::IsDebuggerAttached());
 }
 
 TEST(ZrdiagOutput, FilterAndFileFromProfileThenEnvironment) {
   ScopedHome home;
-  const zr::DiagFilter saved = zr::GetDiagFilter();
+  const os::DiagFilter saved = os::GetDiagFilter();
   for (const char* name : {"ZROBJ_DIAG_ACTIVE", "ZROBJ_DIAG_CHANNELS", "ZROBJ_DIAG_LEVEL", "ZROBJ_DIAG_FILE"})
     ::unsetenv(name);
-  WritePrivateProfileStringA("Diagnostics", "Active", "1", "ZRO.INI");
-  WritePrivateProfileStringA("Diagnostics", "Channels", "0x9", "ZRO.INI");
-  WritePrivateProfileStringA("Diagnostics", "MaxLevel", "4", "ZRO.INI");
-  WritePrivateProfileStringA("Diagnostics", "File", "diag.log", "ZRO.INI");
+  os::WritePrivateProfileStringA("Diagnostics", "Active", "1", "ZRO.INI");
+  os::WritePrivateProfileStringA("Diagnostics", "Channels", "0x9", "ZRO.INI");
+  os::WritePrivateProfileStringA("Diagnostics", "MaxLevel", "4", "ZRO.INI");
+  os::WritePrivateProfileStringA("Diagnostics", "File", "diag.log", "ZRO.INI");
   ::setenv("ZROBJ_DIAG_LEVEL", "3", 1);  // the environment has the last word
-  zr::ConfigureDiag();
+  os::ConfigureDiag();
   ::unsetenv("ZROBJ_DIAG_LEVEL");
-  const zr::DiagFilter f = zr::GetDiagFilter();
+  const os::DiagFilter f = os::GetDiagFilter();
   EXPECT_TRUE(f.active);
   EXPECT_EQ(f.channel_mask, 0x9u);
   EXPECT_EQ(f.max_level, 3u);
-  EXPECT_EQ(Is_wPrintf_Active(3), 1);
-  EXPECT_EQ(Is_wPrintf_Active(1), 0);
-  wPrintf(3, 3, u"\rto the file %d\r\n", 1);
-  wPrintf(3, 4, u"\rfiltered by level\r\n");
-  wPrintf(1, 0, u"\rfiltered by channel\r\n");
-  zr::SetDiagOutputFile("");
-  zr::SetDiagFilter(saved);
+  EXPECT_EQ(os::Is_wPrintf_Active(3), 1);
+  EXPECT_EQ(os::Is_wPrintf_Active(1), 0);
+  os::wPrintf(3, 3, u"\rto the file %d\r\n", 1);
+  os::wPrintf(3, 4, u"\rfiltered by level\r\n");
+  os::wPrintf(1, 0, u"\rfiltered by channel\r\n");
+  os::SetDiagOutputFile("");
+  os::SetDiagFilter(saved);
   EXPECT_EQ(zrtest::ReadFile(home.File("diag.log")), "zrobj[3:3] to the file 1\n");
 }
 
@@ -303,42 +305,42 @@ TEST(ZrdiagOutput, FilterAndFileFromProfileThenEnvironment) {
 TEST(ZrdiagRedirect, ListenerHearsEverythingWhileRedirected) {
   struct Recorder : zr::DiagListener {
     void OnMessage(unsigned channel, unsigned level, std::u16string_view text) override {
-      lines.push_back(std::to_string(channel) + ":" + std::to_string(level) + " " + zr::Utf16ToUtf8(text));
+      lines.push_back(std::to_string(channel) + ":" + std::to_string(level) + " " + zr::os::Utf16ToUtf8(text));
     }
     std::vector<std::string> lines;
   };
-  const zr::DiagFilter saved = zr::GetDiagFilter();
-  zr::DiagFilter narrow = saved;
+  const zr::os::DiagFilter saved = zr::os::GetDiagFilter();
+  zr::os::DiagFilter narrow = saved;
   narrow.channel_mask = 1u;
   narrow.max_level = 0;
-  zr::SetDiagFilter(narrow);
+  zr::os::SetDiagFilter(narrow);
   Recorder outer, inner;
   {
     zr::ScopedDiagRedirect to_outer(&outer);
-    wPrintf(5, 12, u"deep %d", 1);
+    os::wPrintf(5, 12, u"deep %d", 1);
     {
       zr::ScopedDiagRedirect to_inner(&inner);
-      wPrintf(0, 9, u"inner");
+      os::wPrintf(0, 9, u"inner");
     }
-    wPrintf(3, 0, u"outer again");
+    os::wPrintf(3, 0, u"outer again");
   }
   EXPECT_EQ(outer.lines, (std::vector<std::string>{"5:12 deep 1", "3:0 outer again"}));
   EXPECT_EQ(inner.lines, (std::vector<std::string>{"0:9 inner"}));
-  EXPECT_EQ(zr::GetDiagFilter().channel_mask, 1u);
-  EXPECT_EQ(zr::GetDiagFilter().max_level, 0u);
-  zr::SetDiagFilter(saved);
+  EXPECT_EQ(zr::os::GetDiagFilter().channel_mask, 1u);
+  EXPECT_EQ(zr::os::GetDiagFilter().max_level, 0u);
+  zr::os::SetDiagFilter(saved);
 }
 
 TEST(ZrdiagRedirect, SetDiagnosticsActiveSwitchesTheListenerAndDebugMode) {
-  const zr::DiagFilter saved = zr::GetDiagFilter();
+  const zr::os::DiagFilter saved = zr::os::GetDiagFilter();
   const DWORD mode = IsDebugOn();
   zr::SetDiagnosticsActive(true);
-  EXPECT_EQ(Is_wPrintf_Active(0), 1);
+  EXPECT_EQ(os::Is_wPrintf_Active(0), 1);
   EXPECT_NE(IsDebugOn(), 0u);
   zr::SetDiagnosticsActive(false);
-  EXPECT_EQ(Is_wPrintf_Active(0), 0);
+  EXPECT_EQ(os::Is_wPrintf_Active(0), 0);
   EXPECT_EQ(IsDebugOn(), 0u);
-  zr::SetDiagFilter(saved);
+  zr::os::SetDiagFilter(saved);
   SetDebugMode(mode);
 }
 

@@ -37,8 +37,8 @@ Events EventList() {
   return Events{{records.begin(), records.end()}};
 }
 
-std::string TextOf(const tagEVENTRECORD& r) { return zr::Utf16ToUtf8(r.szText); }
-std::string NameOf(const tagEVENTRECORD& r) { return zr::Utf16ToUtf8(r.szThreadName); }
+std::string TextOf(const tagEVENTRECORD& r) { return zr::os::Utf16ToUtf8(r.szText); }
+std::string NameOf(const tagEVENTRECORD& r) { return zr::os::Utf16ToUtf8(r.szThreadName); }
 std::uint64_t TimeOf(const tagEVENTRECORD& r) {
   return (static_cast<std::uint64_t>(r.ftTime.dwHighDateTime) << 32) | r.ftTime.dwLowDateTime;
 }
@@ -70,14 +70,14 @@ TEST_F(EventLog, RecordsEventsOldestFirstAndOverwritesTheOldest) {
   ASSERT_EQ(capacity, 1024u);  // the default "HistorySize"
   EXPECT_TRUE(EventList().empty());
 
-  const std::uint64_t before = zr::GetSystemTimeAsFileTime();
+  const std::uint64_t before = zr::os::GetSystemTimeAsFileTime();
   CEventLogger::LogEvent(u"first event %d", 1);
-  const std::uint64_t after = zr::GetSystemTimeAsFileTime();
+  const std::uint64_t after = zr::os::GetSystemTimeAsFileTime();
   Events list = EventList();
   ASSERT_EQ(list.size(), 1u);
   const tagEVENTRECORD& first = list.records[0];
   EXPECT_EQ(first.dwEventNo, 0u);
-  EXPECT_EQ(first.dwThreadId, zr::CurrentOsThreadId());
+  EXPECT_EQ(first.dwThreadId, zr::os::CurrentOsThreadId());
   EXPECT_EQ(NameOf(first), "<<Main>>");  // the tests run on the thread that loaded the library
   EXPECT_EQ(TextOf(first), "first event 1");
   EXPECT_GE(TimeOf(first), before);
@@ -120,7 +120,7 @@ TEST_F(EventLog, CutsLongTextsAndDescribesMissingFormats) {
   // A thread name longer than the field is cut to 63 characters.
   static const zr::ThreadInfoProvider long_names{
       [](DWORD, WCHAR* buffer, unsigned length) {
-        zr::WStrCopy(buffer, length, std::u16string(100, u'n'));
+        zr::os::WStrCopy(buffer, length, std::u16string(100, u'n'));
         return true;
       },
       nullptr, nullptr};
@@ -153,7 +153,7 @@ TEST(EventArgs, LongIsReadAs32Bits) {
   EXPECT_EQ(args.items[3].bytes, 8u);
   EXPECT_EQ(static_cast<std::int64_t>(args.items[3].bits), std::int64_t{-1} << 40);
   EXPECT_EQ(args.items[4].bits, std::uint64_t{1} << 33);
-  EXPECT_EQ(args.items[5].kind, zr::FormatArg::Kind::kNarrow);
+  EXPECT_EQ(args.items[5].kind, zr::os::FormatArg::Kind::kNarrow);
 }
 
 TEST(EventArgs, StarsTakeIntsAndUnknownConversionsTakeNothing) {
@@ -163,7 +163,7 @@ TEST(EventArgs, StarsTakeIntsAndUnknownConversionsTakeNothing) {
   EXPECT_EQ(args.items[1].bits, 2u);
   EXPECT_EQ(args.items[2].bits, 42u);
   EXPECT_EQ(args.items[3].bits, 9u);
-  EXPECT_EQ(args.items[4].kind, zr::FormatArg::Kind::kPointer);
+  EXPECT_EQ(args.items[4].kind, zr::os::FormatArg::Kind::kPointer);
 }
 
 TEST_F(EventLog, LongArgumentsAre32BitsInTheRecord) {
@@ -222,7 +222,7 @@ TEST_F(EventLog, ConcurrentLoggersKeepEveryRecordWhole) {
         std::lock_guard lock(names_mutex);
         const auto it = names.find(id);
         if (it == names.end()) return false;
-        zr::WStrCopy(buffer, length, it->second);
+        zr::os::WStrCopy(buffer, length, it->second);
         return true;
       },
       nullptr, nullptr};
@@ -235,10 +235,10 @@ TEST_F(EventLog, ConcurrentLoggersKeepEveryRecordWhole) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([&, t] {
-      const DWORD id = zr::CurrentOsThreadId();
+      const DWORD id = zr::os::CurrentOsThreadId();
       {
         std::lock_guard lock(names_mutex);
-        names[id] = u"worker " + zr::Utf8ToUtf16(std::to_string(t));
+        names[id] = u"worker " + zr::os::Utf8ToUtf16(std::to_string(t));
       }
       {
         std::lock_guard lock(ids_mutex);
@@ -294,8 +294,8 @@ TEST_F(EventLog, FormatsTheCrashRecordLine) {
   tagEVENTRECORD r{};
   r.dwEventNo = 7;
   r.dwThreadId = 0x1A2B;
-  zr::WStrCopy(r.szThreadName, 64, u"worker");
-  zr::WStrCopy(r.szText, 512, u"hello \u00e9");
+  zr::os::WStrCopy(r.szThreadName, 64, u"worker");
+  zr::os::WStrCopy(r.szText, 512, u"hello \u00e9");
   const std::uint64_t ft = 133536855091230000ull;  // 2024-02-29 13:05:09.123 UTC
   r.ftTime.dwLowDateTime = static_cast<DWORD>(ft);
   r.ftTime.dwHighDateTime = static_cast<DWORD>(ft >> 32);

@@ -96,10 +96,10 @@ TEST(ZrHash, Crc1615) {
 
 TEST(ZrHash, GeneratedNameFormat) {
   // 2025-03-07 01:02:03 UTC: year 29, seconds of the day 3723.
-  EXPECT_EQ(zr::Utf16ToUtf8(zr::GeneratedComputerName(1741309323, 0)), "VORN2903073723");
-  EXPECT_EQ(zr::Utf16ToUtf8(zr::GeneratedComputerName(1741309323, 2)), "VORN2903073725");
+  EXPECT_EQ(zr::os::Utf16ToUtf8(zr::GeneratedComputerName(1741309323, 0)), "VORN2903073723");
+  EXPECT_EQ(zr::os::Utf16ToUtf8(zr::GeneratedComputerName(1741309323, 2)), "VORN2903073725");
   // Midnight 1999-12-31: seconds of the day are printed without padding.
-  EXPECT_EQ(zr::Utf16ToUtf8(zr::GeneratedComputerName(946598400, 0)), "VORN0312310");
+  EXPECT_EQ(zr::os::Utf16ToUtf8(zr::GeneratedComputerName(946598400, 0)), "VORN0312310");
 }
 
 // Runs `body` in a child with the identity environment variables set (nullptr = unset).
@@ -115,7 +115,7 @@ void InChild(const char* computer, const char* user, const std::string& home, Bo
   EXPECT_EQ(result.exit_code, 0);
 }
 
-std::string Name(const WCHAR* w) { return zr::Utf16ToUtf8(w); }
+std::string Name(const WCHAR* w) { return zr::os::Utf16ToUtf8(w); }
 
 TEST(ZrHash, ComputerNameAndId) {
   zrtest::TempDir home;
@@ -125,16 +125,16 @@ TEST(ZrHash, ComputerNameAndId) {
     if (!GetCreateComputerName(buf, 16) || Name(buf) != "RENDER-NODE-012") return false;
     WCHAR user[64] = {};
     DWORD len = 64;
-    if (!zr::QueryUserName(user, &len) || Name(user) != "anna" || len != 4) return false;
+    if (!zr::os::QueryUserName(user, &len) || Name(user) != "anna" || len != 4) return false;
     return GetComputerID() == GetHashIDWi(u"RENDER-NODE-012") && GetComputerID() == GetComputerID();
   });
   // Buffers that cannot hold the name fail, and a name that exists is never replaced by a generated one.
   InChild("host7", nullptr, home.path(), [&] {
     WCHAR buf[16] = {};
     DWORD len = 3;
-    if (zr::QueryComputerName(buf, &len) || len != 6) return false;
+    if (zr::os::QueryComputerName(buf, &len) || len != 6) return false;
     if (GetCreateComputerName(buf, 3)) return false;
-    return !std::filesystem::exists(zr::StoredComputerNamePath());
+    return !std::filesystem::exists(zr::os::StoredComputerNamePath());
   });
   // Without any override the host name (or the kept name) is used, upper-cased.
   InChild(nullptr, nullptr, home.path(), [] {
@@ -154,7 +154,7 @@ TEST(ZrHash, MachineWithoutNameKeepsGeneratedName) {
   InChild("", nullptr, settings, [&] {
     WCHAR small[15] = {};
     if (GetCreateComputerName(small, 15)) return false;  // below 16 characters: no name is made
-    if (std::filesystem::exists(zr::StoredComputerNamePath())) return false;
+    if (std::filesystem::exists(zr::os::StoredComputerNamePath())) return false;
     WCHAR buf[16] = {};
     if (!GetCreateComputerName(buf, 16)) return false;
     const std::string name = Name(buf);
@@ -168,12 +168,12 @@ TEST(ZrHash, MachineWithoutNameKeepsGeneratedName) {
   InChild("", nullptr, settings, [&] {
     WCHAR buf[16] = {};
     return GetCreateComputerName(buf, 16) && Name(buf) == first &&
-           GetComputerID() == GetHashIDWi(zr::Utf8ToUtf16(first).c_str());
+           GetComputerID() == GetHashIDWi(zr::os::Utf8ToUtf16(first).c_str());
   });
   // The kept name is never overwritten, and invalid names are refused.
   InChild("", nullptr, settings, [&] {
-    return !zr::StoreComputerName(u"OTHER") && !zr::StoreComputerName(u"") &&
-           !zr::StoreComputerName(u"lower") && !zr::StoreComputerName(u"SIXTEEN-CHARS-XX") &&
+    return !zr::os::StoreComputerName(u"OTHER") && !zr::os::StoreComputerName(u"") &&
+           !zr::os::StoreComputerName(u"lower") && !zr::os::StoreComputerName(u"SIXTEEN-CHARS-XX") &&
            zrtest::ReadFile(settings + "/COMPUTERNAME") == first + "\n";
   });
   // A damaged file counts as no name and is replaced by a newly generated one.
@@ -181,7 +181,7 @@ TEST(ZrHash, MachineWithoutNameKeepsGeneratedName) {
   InChild("", nullptr, settings, [&] {
     WCHAR buf[16] = {};
     DWORD len = 16;
-    if (zr::QueryComputerName(buf, &len) || len != 16) return false;
+    if (zr::os::QueryComputerName(buf, &len) || len != 16) return false;
     if (!GetCreateComputerName(buf, 16) || Name(buf).rfind("VORN", 0) != 0) return false;
     return zrtest::ReadFile(settings + "/COMPUTERNAME") == Name(buf) + "\n";
   });

@@ -29,17 +29,19 @@
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrobj.h"
 
+namespace os = zr::os;
+
 namespace {
 
 using zrtest::ScopedHome;
 
 std::string Profile(const char* section, const char* key) {
   char text[64];
-  GetPrivateProfileStringA(section, key, "<none>", text, sizeof text, "ZRO.INI");
+  os::GetPrivateProfileStringA(section, key, "<none>", text, sizeof text, "ZRO.INI");
   return text;
 }
 
-std::string Utf8(const char16_t* s) { return zr::Utf16ToUtf8(s); }
+std::string Utf8(const char16_t* s) { return os::Utf16ToUtf8(s); }
 
 // A check inside a forked child: reports the line and fails the child's exit status.
 #define CHILD_CHECK(cond)                                                              \
@@ -58,12 +60,12 @@ TEST(ZrobjProfile, IntegersWithWriteDefault) {
   EXPECT_EQ(Profile("Heaps", "Missing"), "-42");  // the default appears, in decimal
   EXPECT_EQ(ZROBJ_GetProfileInt("HEAPS", "missing", 0, 1), -42);  // names are case-insensitive
 
-  ASSERT_TRUE(WritePrivateProfileStringA("Heaps", "Text", "abc", "ZRO.INI"));
+  ASSERT_TRUE(os::WritePrivateProfileStringA("Heaps", "Text", "abc", "ZRO.INI"));
   EXPECT_EQ(ZROBJ_GetProfileInt("Heaps", "Text", 5, 1), 0);  // non-numeric text is 0, not the default
   EXPECT_EQ(Profile("Heaps", "Text"), "abc");
-  WritePrivateProfileStringA("Heaps", "Mixed", " 17xyz", "ZRO.INI");
+  os::WritePrivateProfileStringA("Heaps", "Mixed", " 17xyz", "ZRO.INI");
   EXPECT_EQ(ZROBJ_GetProfileInt("Heaps", "Mixed", 0, 0), 17);
-  WritePrivateProfileStringA("Heaps", "Huge", "99999999999", "ZRO.INI");
+  os::WritePrivateProfileStringA("Heaps", "Huge", "99999999999", "ZRO.INI");
   EXPECT_EQ(ZROBJ_GetProfileInt("Heaps", "Huge", 0, 0), INT_MAX);
 
   EXPECT_NE(ZROBJ_WriteProfileInt("Network", "Port", 4711), 0);
@@ -95,7 +97,7 @@ TEST(ZrobjSettings, StringsIntegersBooleans) {
   // characters beyond the basic plane.
   const char16_t tricky[] = u"  \"quoted\\path\"\r\nnext\t\xD83D\xDE00 ";
   EXPECT_NE(ZROBJ_WriteCurrentSettingStr("Paths", "Tricky", tricky), 0);
-  zr::IniDropCache();
+  os::IniDropCache();
   ZROBJ_GetCurrentSettingStr("Paths", "tricky", u"", big, 64, 0);
   EXPECT_EQ(std::u16string(big), std::u16string(tricky));
 
@@ -134,7 +136,7 @@ TEST(ZrobjSettings, UnreadableOrCorruptFileGivesDefaults) {
   junk += std::string("\0\0[T]\nX=1\n", 11);
   for (int i = 0; i < 4000; ++i) junk.push_back(static_cast<char>((i * 7919) % 256));
   ASSERT_TRUE(zrtest::WriteFile(vst, junk));
-  zr::IniDropCache();
+  os::IniDropCache();
   EXPECT_EQ(ZROBJ_GetCurrentSettingInt("S", "Missing", 9, 0), 9);
   EXPECT_EQ(ZROBJ_GetCurrentSettingInt("T", "X", 0, 0), 1);  // what follows a NUL still reads
   EXPECT_NE(ZROBJ_WriteCurrentSettingInt("S", "New", 8), 0);
@@ -162,12 +164,12 @@ TEST(ZrobjSettings, ReadingWithoutDefaultTellsMissingFromUnreadable) {
   WCHAR path[ZR_MAX_PATH];
   const UINT n = ZROBJ_GetSettingsFilePath("ZRO.INI", path, ZR_MAX_PATH);
   EXPECT_EQ(Utf8(path), home.File("ZRO.INI"));
-  EXPECT_EQ(n, zr::WStrLen(path));
+  EXPECT_EQ(n, zr::os::WStrLen(path));
   EXPECT_EQ(ZROBJ_GetSettingsFilePath("ZRO.INI", path, n), 0u);  // no room for the terminator
 
   std::filesystem::remove(home.File("ZRO.INI"));
   std::filesystem::create_directories(home.File("ZRO.INI"));  // exists, cannot be read
-  zr::IniDropCache();
+  zr::os::IniDropCache();
   EXPECT_EQ(ZROBJ_ReadProfileString("Tool", "Name", text, sizeof text), -1);
 }
 
@@ -203,7 +205,7 @@ TEST(ZrobjSettings, ConcurrentProcessesLoseNoKey) {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   }
-  zr::IniDropCache();
+  os::IniDropCache();
   int found = 0;
   for (int c = 0; c < kChildren; ++c)
     for (int k = 0; k < kKeys; ++k) {
@@ -270,7 +272,7 @@ TEST(ZrobjLifecycle, EntryPointInChildProcess) {
     CHILD_CHECK(ZROBJ_DllMain(ZROBJ_GetModuleHandle(), 4, nullptr) == 1);
     CHILD_CHECK(ZROBJ_DllMain(ZROBJ_GetModuleHandle(), 0xFFFF, nullptr) == 1);
     {
-      zr::ScopedDiagCapture capture;
+      os::ScopedDiagCapture capture;
       ZROBJ_AppInitialize();
       CHILD_CHECK(ZROBJ_DllMain(ZROBJ_GetModuleHandle(), DLL_PROCESS_DETACH, nullptr) == 1);
       const auto e = capture.Entries();
@@ -279,7 +281,7 @@ TEST(ZrobjLifecycle, EntryPointInChildProcess) {
       CHILD_CHECK(e[1].text == u"\rClasses were not unregistered, dwInitCnt = 1\r\n");
       // The register's shut-down names the threads still registered: here the forking thread,
       // which keeps its name in the child.
-      CHILD_CHECK(e[2].text == zr::FormatWide(u"\rCOSThreadRegister::AppExit: %08X <<Main>>", GetCurrentThreadId()));
+      CHILD_CHECK(e[2].text == os::FormatWide(u"\rCOSThreadRegister::AppExit: %08X <<Main>>", os::GetCurrentThreadId()));
       CHILD_CHECK(e[2].channel == 0 && e[2].level == 0);
       CHILD_CHECK(e[3].text == u"ZROBJ: detached\n");
       ZROBJ_AppExit();
@@ -288,23 +290,23 @@ TEST(ZrobjLifecycle, EntryPointInChildProcess) {
     ZROBJ_INITCALLBACK previous = nullptr;
     ZROBJ_RegisterInitCallback([] { return 5; }, &previous);
     {
-      zr::ScopedDiagCapture capture;
+      os::ScopedDiagCapture capture;
       CHILD_CHECK(ZROBJ_DllMain(ZROBJ_GetModuleHandle(), DLL_PROCESS_ATTACH, nullptr) == 5);
       CHILD_CHECK(capture.Entries().empty());
     }
-    HKEY key = nullptr;
-    CHILD_CHECK(RegOpenKeyExW(HKEY_CLASSES_ROOT, u".zro", 0, KEY_READ, &key) == ERROR_FILE_NOT_FOUND);
+    os::HKEY key = nullptr;
+    CHILD_CHECK(os::RegOpenKeyExW(HKEY_CLASSES_ROOT, u".zro", 0, os::KEY_READ, &key) == ERROR_FILE_NOT_FOUND);
     WCHAR name[64];
     CHILD_CHECK(zr::steps::GetCurrentThreadName(name, 64) && std::u16string(name) == u"<<Main>>");
     ZROBJ_UnregisterInitCallback(nullptr);
     ZROBJ_DllMain(ZROBJ_GetModuleHandle(), DLL_PROCESS_DETACH, nullptr);
-    zr::ScopedDiagCapture capture;
+    os::ScopedDiagCapture capture;
     CHILD_CHECK(ZROBJ_DllMain(ZROBJ_GetModuleHandle(), DLL_PROCESS_ATTACH, nullptr) == 1);
     CHILD_CHECK(capture.Entries().size() == 1);
     CHILD_CHECK(capture.Entries()[0].text == u"ZROBJ: Process attached successfully\r\n");
     for (const char16_t* ext : {u".zro", u".zrs", u".ids"}) {
-      CHILD_CHECK(RegOpenKeyExW(HKEY_CLASSES_ROOT, ext, 0, KEY_READ, &key) == ERROR_SUCCESS);
-      RegCloseKey(key);
+      CHILD_CHECK(os::RegOpenKeyExW(HKEY_CLASSES_ROOT, ext, 0, os::KEY_READ, &key) == ERROR_SUCCESS);
+      os::RegCloseKey(key);
     }
     return 0;
   });
@@ -345,7 +347,7 @@ TEST(ZrobjLifecycle, FailedAttachFailsTheLoad) {
 TEST(ZrobjLifecycle, ThreadAttachAndDetach) {
   EXPECT_EQ(CurrentName(), u"<<Main>>");  // the thread that loaded the library
   g_fake_now = ZROBJ_GetStartTick() + 2500;
-  zr::SetTickSource(&FakeTicks);
+  os::SetTickSource(&FakeTicks);
   const DWORD detaches = zr::testing::ThreadExitDetachCount();
   std::u16string unknown, known, again;
   std::thread([&] {
@@ -362,7 +364,7 @@ TEST(ZrobjLifecycle, ThreadAttachAndDetach) {
     ZROBJ_DllMain(ZROBJ_GetModuleHandle(), DLL_THREAD_DETACH, nullptr);
     again += u"|" + CurrentName();
   }).join();
-  zr::SetTickSource(nullptr);
+  os::SetTickSource(nullptr);
   EXPECT_EQ(unknown, u"Unknown, created 2.500000 s after startup");
   EXPECT_EQ(known, u"Worker");
   EXPECT_EQ(again, u"<none>|<none>");
@@ -370,20 +372,20 @@ TEST(ZrobjLifecycle, ThreadAttachAndDetach) {
 }
 
 TEST(ZrobjLifecycle, ModuleSystemInfoAndRootDirectory) {
-  EXPECT_EQ(ZROBJ_GetModuleHandle(), zr::LibraryModule());
-  EXPECT_EQ(ZROBJ_GetModuleHandle(), zr::ModuleFromAddress(reinterpret_cast<const void*>(&ZROBJ_AppInitialize)));
+  EXPECT_EQ(ZROBJ_GetModuleHandle(), os::LibraryModule());
+  EXPECT_EQ(ZROBJ_GetModuleHandle(), os::ModuleFromAddress(reinterpret_cast<const void*>(&ZROBJ_AppInitialize)));
   const SYSTEM_INFO* info = ZROBJ_GetSystemInfo();
   EXPECT_EQ(info->dwAllocationGranularity, 65536u);
   EXPECT_EQ(info->dwPageSize, static_cast<DWORD>(::sysconf(_SC_PAGESIZE)));
   EXPECT_GE(info->dwNumberOfProcessors, 1u);
 
   WCHAR path[ZR_MAX_PATH];
-  ASSERT_GT(GetModuleFileNameW(ZROBJ_GetModuleHandle(), path, ZR_MAX_PATH), 0u);
+  ASSERT_GT(os::GetModuleFileNameW(ZROBJ_GetModuleHandle(), path, ZR_MAX_PATH), 0u);
   const std::filesystem::path library = Utf8(path);
   EXPECT_NE(library.filename().string().find("libzrobju.so"), std::string::npos);
-  EXPECT_EQ(GetModuleFileNameW(ZROBJ_GetModuleHandle(), path, 5), 5u);  // cut and terminated
+  EXPECT_EQ(os::GetModuleFileNameW(ZROBJ_GetModuleHandle(), path, 5), 5u);  // cut and terminated
   EXPECT_EQ(std::u16string(path).size(), 4u);
-  ASSERT_GT(GetModuleFileNameW(nullptr, path, ZR_MAX_PATH), 0u);
+  ASSERT_GT(os::GetModuleFileNameW(nullptr, path, ZR_MAX_PATH), 0u);
   EXPECT_EQ(std::filesystem::path(Utf8(path)).filename(), "frame_tests");
 
   WCHAR root[ZR_MAX_PATH];
@@ -401,7 +403,7 @@ TEST(ZrobjLifecycle, ModuleSystemInfoAndRootDirectory) {
 
 TEST(ZrobjLifecycle, ProductNameFromResourceFolder) {
   zrtest::TempDir dir;
-  const std::u16string library = zr::Utf8ToUtf16(dir.File("bin/libzrobju.so"));
+  const std::u16string library = os::Utf8ToUtf16(dir.File("bin/libzrobju.so"));
   zr::testing::SetLibraryFileNameOverride(library.c_str());
   zr::testing::ResetProductName();
   EXPECT_EQ(Utf8(ZROBJ_GetProductName()), "");  // no resource folder: empty, searched again later
@@ -420,12 +422,12 @@ TEST(ZrobjLifecycle, ProductNameFromResourceFolder) {
 
 // The default value as stored: the length passed is characters + 1, taken as bytes.
 std::string StoredDefault(const char16_t* keyPath) {
-  HKEY key = nullptr;
-  if (RegOpenKeyExW(HKEY_CLASSES_ROOT, keyPath, 0, KEY_READ, &key) != ERROR_SUCCESS) return "<no key>";
+  os::HKEY key = nullptr;
+  if (os::RegOpenKeyExW(HKEY_CLASSES_ROOT, keyPath, 0, os::KEY_READ, &key) != ERROR_SUCCESS) return "<no key>";
   BYTE data[256];
   DWORD size = sizeof data, type = 0;
-  const LONG rc = RegQueryValueExW(key, nullptr, nullptr, &type, data, &size);
-  RegCloseKey(key);
+  const LONG rc = os::RegQueryValueExW(key, nullptr, nullptr, &type, data, &size);
+  os::RegCloseKey(key);
   if (rc != ERROR_SUCCESS) return "<no value>";
   return std::string(reinterpret_cast<const char*>(data), size);
 }

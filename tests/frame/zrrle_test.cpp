@@ -209,7 +209,7 @@ TEST(ZrRle, CheckedExpanderRejectsDamage) {
   const DWORD previous = IsDebugOn();
   SetDebugMode(1);
   {
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     EXPECT_EQ(RLEDecompressChecked(dest.data(), 20, overrun.data(), 17, 1, nullptr, 0), 0);
     ASSERT_EQ(capture.Entries().size(), 1u);
     EXPECT_EQ(capture.Text(),

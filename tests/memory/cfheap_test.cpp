@@ -21,11 +21,11 @@ using zrtest::DebugMode;
 
 // Time that moves only when the test says so.
 struct FakeClock {
-  FakeClock() { previous = zr::SetTickSource(&Now); }
-  ~FakeClock() { zr::SetTickSource(previous); }
+  FakeClock() { previous = zr::os::SetTickSource(&Now); }
+  ~FakeClock() { zr::os::SetTickSource(previous); }
   static std::uint32_t Now() { return now; }
   static inline std::uint32_t now = 1000;
-  zr::TickSource previous;
+  zr::os::TickSource previous;
 };
 
 CFHeap::State StateOf(CFHeap& pool) {
@@ -34,7 +34,7 @@ CFHeap::State StateOf(CFHeap& pool) {
   return s;
 }
 
-std::string Text(const zr::ScopedDiagCapture& capture) { return capture.Text(); }
+std::string Text(const zr::os::ScopedDiagCapture& capture) { return capture.Text(); }
 
 TEST(CFHeap, SizingFollowsTheBlockRule) {
   CFHeap* library = zr::GetLibraryPool("PropHeap64");
@@ -49,14 +49,14 @@ TEST(CFHeap, SizingFollowsTheBlockRule) {
   CFHeap exact("Exact", 56, 1024, 0);
   EXPECT_EQ(StateOf(exact).blockSize, 0x20000u);
   EXPECT_EQ(StateOf(exact).slotsPerBlock, (0x20000u - 24) / 64);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   void* item = exact.Alloc();
   exact.Dump();
   EXPECT_EQ(Text(capture), "\rCFHeap [Exact] Dump: 1 items(0kB), 2046 items free (127kB), Total 128 kB allocated\r\n");
   exact.Free(item);
 
   CFHeap unnamed(nullptr, 8, 1, 0);
-  EXPECT_EQ(std::string(unnamed.GetName()), zr::FormatNarrow("Heap %08x", reinterpret_cast<std::uintptr_t>(&unnamed)));
+  EXPECT_EQ(std::string(unnamed.GetName()), zr::os::FormatNarrow("Heap %08x", reinterpret_cast<std::uintptr_t>(&unnamed)));
 }
 
 TEST(CFHeap, SlotsAreReusedMostUsefulBlockFirst) {
@@ -93,12 +93,12 @@ TEST(CFHeap, MisuseIsReportedAndChangesNothing) {
   DebugMode debug(1);
   CFHeap pool("Misused", 64, 64, 0);
   CFHeap other("Other", 64, 64, 0);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   const std::string unallocated = "\rCFHeap(Misused)::Free: Attempt to free unallocated pointer\r\n";
   const std::string not_ours = "\rCFHeap(Misused)::Free: Pointer not marked to belong to this heap (potential overwrite)\r\n";
   auto has = [&](const std::string& text) {
     for (const auto& e : capture.Entries())
-      if (e.channel == 3 && e.level == 5 && zr::Utf16ToUtf8(e.text) == text) return true;
+      if (e.channel == 3 && e.level == 5 && zr::os::Utf16ToUtf8(e.text) == text) return true;
     return false;
   };
   void* kept = pool.Alloc();
@@ -194,7 +194,7 @@ TEST(CFHeap, WhollyFreeBlocksAreReleasedOnlyAfterTwoMinutes) {
 
 TEST(CFHeap, DestructionReportsItemsNotFreed) {
   zrtest::ScopedQuietBeep quiet_beep;
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   {
     CFHeap clean("Clean", 64, 64, 0);
     clean.Free(clean.Alloc());
@@ -208,9 +208,9 @@ TEST(CFHeap, DestructionReportsItemsNotFreed) {
   }
   const auto entries = capture.Entries();
   ASSERT_EQ(entries.size(), 2u);
-  EXPECT_EQ(zr::Utf16ToUtf8(entries[0].text), "CFHeap(Leaky)::~CFHeap: 2 items (144 bytes) not freed\r\n");
+  EXPECT_EQ(zr::os::Utf16ToUtf8(entries[0].text), "CFHeap(Leaky)::~CFHeap: 2 items (144 bytes) not freed\r\n");
   EXPECT_EQ(entries[0].channel * 10 + entries[0].level, 9u);
-  EXPECT_EQ(zr::Utf16ToUtf8(entries[1].text), "\rMessage Beep: src/zrobj/cosobj, line 1411\r\n");
+  EXPECT_EQ(zr::os::Utf16ToUtf8(entries[1].text), "\rMessage Beep: src/zrobj/cosobj, line 1411\r\n");
 }
 
 TEST(CFHeap, DumpHeapsStopsAtTheFirstMatch) {
@@ -220,7 +220,7 @@ TEST(CFHeap, DumpHeapsStopsAtTheFirstMatch) {
   ASSERT_GE(n, 17);
   EXPECT_EQ(list[n - 3], &first);
   EXPECT_EQ(list[n - 1], &third);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   CFHeap::DumpHeaps("dumpsecond");  // the pools before the match are dumped too
   std::string text = Text(capture);
   EXPECT_NE(text.find("\rCFHeap [PropHeap64] Dump: "), std::string::npos);
@@ -239,7 +239,7 @@ TEST(CFHeap, DumpHeapsStopsAtTheFirstMatch) {
 TEST(CFHeap, UnableToAllocateAnotherBlock) {
   DebugMode debug(1);
   CFHeap huge("Huge", 0x7FFFFFF0, 16, 0);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(huge.Alloc(), nullptr);
   EXPECT_EQ(Text(capture), "\rCFHeap(Huge)::Alloc: Unable to allocate another block\r\n");
   EXPECT_EQ(capture.Entries().at(0).channel * 10 + capture.Entries().at(0).level, 35u);

@@ -16,7 +16,7 @@
 
 #include "platform/diag_capture.h"
 #include "test_support.h"
-#include "platform/privheap.h"
+#include "memory/heap/privheap_internal.h"
 #include "platform/wformat.h"
 #include "zrobj/cheap.h"
 #include "zrobj/zrdiag.h"
@@ -49,12 +49,12 @@ struct FakeSettings {
   zr::HeapSettings previous;
 };
 
-std::string Hex8(const void* p) { return zr::FormatNarrow("%08X", reinterpret_cast<std::uintptr_t>(p)); }
-std::string hex8(const void* p) { return zr::FormatNarrow("%08x", reinterpret_cast<std::uintptr_t>(p)); }
+std::string Hex8(const void* p) { return zr::os::FormatNarrow("%08X", reinterpret_cast<std::uintptr_t>(p)); }
+std::string hex8(const void* p) { return zr::os::FormatNarrow("%08x", reinterpret_cast<std::uintptr_t>(p)); }
 
-bool Has(const zr::ScopedDiagCapture& capture, unsigned channel, unsigned level, const std::string& text) {
+bool Has(const zr::os::ScopedDiagCapture& capture, unsigned channel, unsigned level, const std::string& text) {
   for (const auto& e : capture.Entries())
-    if (e.channel == channel && e.level == level && zr::Utf16ToUtf8(e.text) == text) return true;
+    if (e.channel == channel && e.level == level && zr::os::Utf16ToUtf8(e.text) == text) return true;
   return false;
 }
 
@@ -68,60 +68,60 @@ void SetWord(void* at, DWORD v) { std::memcpy(at, &v, sizeof v); }
 #define HERE __FILE__, __LINE__, 0
 
 TEST(PrivateHeap, BlocksSizesReallocationAndOwnership) {
-  HANDLE heap = HeapCreate(0, 0, 0);
+  HANDLE heap = zr::HeapCreate(0, 0, 0);
   ASSERT_NE(heap, nullptr);
-  auto* a = static_cast<unsigned char*>(HeapAlloc(heap, HEAP_ZERO_MEMORY, 40));
+  auto* a = static_cast<unsigned char*>(zr::HeapAlloc(heap, zr::HEAP_ZERO_MEMORY, 40));
   ASSERT_NE(a, nullptr);
   EXPECT_EQ(reinterpret_cast<std::uintptr_t>(a) % 16, 0u);
-  EXPECT_EQ(HeapSize(heap, 0, a), 40u);
+  EXPECT_EQ(zr::HeapSize(heap, 0, a), 40u);
   for (int i = 0; i < 40; ++i) EXPECT_EQ(a[i], 0);
   std::memset(a, 0x5A, 40);
   // In place within the slot's capacity, moved (content kept) beyond it unless in place only.
-  EXPECT_EQ(HeapReAlloc(heap, 0, a, 44), a);
-  EXPECT_EQ(HeapReAlloc(heap, HEAP_REALLOC_IN_PLACE_ONLY, a, 5000), nullptr);
-  auto* b = static_cast<unsigned char*>(HeapReAlloc(heap, 0, a, 20000));  // a large block
+  EXPECT_EQ(zr::HeapReAlloc(heap, 0, a, 44), a);
+  EXPECT_EQ(zr::HeapReAlloc(heap, zr::HEAP_REALLOC_IN_PLACE_ONLY, a, 5000), nullptr);
+  auto* b = static_cast<unsigned char*>(zr::HeapReAlloc(heap, 0, a, 20000));  // a large block
   ASSERT_NE(b, nullptr);
   EXPECT_EQ(b[39], 0x5A);
-  EXPECT_EQ(HeapSize(heap, 0, a), static_cast<SIZE_T>(-1));
-  EXPECT_EQ(HeapSize(heap, 0, b), 20000u);
+  EXPECT_EQ(zr::HeapSize(heap, 0, a), static_cast<SIZE_T>(-1));
+  EXPECT_EQ(zr::HeapSize(heap, 0, b), 20000u);
   // Foreign, interior, freed and null pointers are refused without being touched.
   char local[64] = {};
-  HANDLE other = HeapCreate(0, 0, 0);
-  void* theirs = HeapAlloc(other, 0, 16);
+  HANDLE other = zr::HeapCreate(0, 0, 0);
+  void* theirs = zr::HeapAlloc(other, 0, 16);
   EXPECT_FALSE(zr::HeapBlockOwned(heap, local + 16, nullptr));
   EXPECT_FALSE(zr::HeapBlockOwned(heap, theirs, nullptr));
   EXPECT_FALSE(zr::HeapBlockOwned(heap, b + 16, nullptr));
-  EXPECT_FALSE(HeapFree(heap, 0, nullptr));
-  EXPECT_FALSE(HeapFree(heap, 0, theirs));
-  EXPECT_TRUE(HeapFree(heap, 0, b));
-  EXPECT_FALSE(HeapFree(heap, 0, b));
+  EXPECT_FALSE(zr::HeapFree(heap, 0, nullptr));
+  EXPECT_FALSE(zr::HeapFree(heap, 0, theirs));
+  EXPECT_TRUE(zr::HeapFree(heap, 0, b));
+  EXPECT_FALSE(zr::HeapFree(heap, 0, b));
   // Destroying frees whatever is left (the leak checker of the sanitizer build would see it).
-  for (int i = 0; i < 1000; ++i) ASSERT_NE(HeapAlloc(heap, 0, 16 + i % 3000), nullptr);
+  for (int i = 0; i < 1000; ++i) ASSERT_NE(zr::HeapAlloc(heap, 0, 16 + i % 3000), nullptr);
   zr::HeapUsage usage;
   ASSERT_TRUE(zr::GetHeapUsage(heap, &usage));
   EXPECT_EQ(usage.blocks, 1000u);
-  EXPECT_TRUE(HeapDestroy(heap));
-  EXPECT_TRUE(HeapDestroy(other));
-  EXPECT_FALSE(HeapDestroy(GetProcessHeap()));
+  EXPECT_TRUE(zr::HeapDestroy(heap));
+  EXPECT_TRUE(zr::HeapDestroy(other));
+  EXPECT_FALSE(zr::HeapDestroy(zr::GetProcessHeap()));
   // A heap with a maximum refuses what does not fit.
-  HANDLE fixed = HeapCreate(0, 0, 0x1000);
-  EXPECT_EQ(HeapAlloc(fixed, 0, 0x2000), nullptr);
-  EXPECT_NE(HeapAlloc(fixed, 0, 0x100), nullptr);
-  HeapDestroy(fixed);
+  HANDLE fixed = zr::HeapCreate(0, 0, 0x1000);
+  EXPECT_EQ(zr::HeapAlloc(fixed, 0, 0x2000), nullptr);
+  EXPECT_NE(zr::HeapAlloc(fixed, 0, 0x100), nullptr);
+  zr::HeapDestroy(fixed);
 }
 
 TEST(PrivateHeap, FreedBlocksWaitInThreadCachesAndUsageStaysExact) {
-  HANDLE heap = HeapCreate(0, 0, 0);
+  HANDLE heap = zr::HeapCreate(0, 0, 0);
   ASSERT_NE(heap, nullptr);
   std::vector<void*> blocks;
-  for (int i = 0; i < 100; ++i) blocks.push_back(HeapAlloc(heap, 0, 16 + 8 * i));
+  for (int i = 0; i < 100; ++i) blocks.push_back(zr::HeapAlloc(heap, 0, 16 + 8 * i));
   zr::HeapUsage usage;
   ASSERT_TRUE(zr::GetHeapUsage(heap, &usage));
   EXPECT_EQ(usage.blocks, 100u);
   const std::size_t all_bytes = usage.bytes_in_use;
   // Half are freed by another thread, which counts them out at once and gives them back as it ends.
   std::thread([&] {
-    for (int i = 0; i < 50; ++i) EXPECT_TRUE(HeapFree(heap, 0, blocks[i]));
+    for (int i = 0; i < 50; ++i) EXPECT_TRUE(zr::HeapFree(heap, 0, blocks[i]));
     zr::HeapUsage inside;
     ASSERT_TRUE(zr::GetHeapUsage(heap, &inside));
     EXPECT_EQ(inside.blocks, 50u);
@@ -130,47 +130,47 @@ TEST(PrivateHeap, FreedBlocksWaitInThreadCachesAndUsageStaysExact) {
   EXPECT_EQ(usage.blocks, 50u);
   EXPECT_LT(usage.bytes_in_use, all_bytes);
   // A freed block is no block of the heap any more, wherever it waits for reuse.
-  EXPECT_EQ(HeapSize(heap, 0, blocks[0]), static_cast<SIZE_T>(-1));
+  EXPECT_EQ(zr::HeapSize(heap, 0, blocks[0]), static_cast<SIZE_T>(-1));
   EXPECT_FALSE(zr::HeapBlockOwned(heap, blocks[0], nullptr));
-  EXPECT_FALSE(HeapFree(heap, 0, blocks[0]));
-  for (int i = 50; i < 100; ++i) EXPECT_TRUE(HeapFree(heap, 0, blocks[i]));  // into this thread's cache
-  EXPECT_FALSE(HeapFree(heap, 0, blocks[99]));
-  EXPECT_EQ(HeapSize(heap, 0, blocks[99]), static_cast<SIZE_T>(-1));
+  EXPECT_FALSE(zr::HeapFree(heap, 0, blocks[0]));
+  for (int i = 50; i < 100; ++i) EXPECT_TRUE(zr::HeapFree(heap, 0, blocks[i]));  // into this thread's cache
+  EXPECT_FALSE(zr::HeapFree(heap, 0, blocks[99]));
+  EXPECT_EQ(zr::HeapSize(heap, 0, blocks[99]), static_cast<SIZE_T>(-1));
   ASSERT_TRUE(zr::GetHeapUsage(heap, &usage));
   EXPECT_EQ(usage.blocks, 0u);
   EXPECT_EQ(usage.bytes_in_use, 0u);
   // The block freed last comes back first, live again.
-  void* again = HeapAlloc(heap, 0, 16 + 8 * 99);
+  void* again = zr::HeapAlloc(heap, 0, 16 + 8 * 99);
   EXPECT_EQ(again, blocks[99]);
-  EXPECT_EQ(HeapSize(heap, 0, again), 16u + 8 * 99);
+  EXPECT_EQ(zr::HeapSize(heap, 0, again), 16u + 8 * 99);
   ASSERT_TRUE(zr::GetHeapUsage(heap, &usage));
   EXPECT_EQ(usage.blocks, 1u);
-  EXPECT_TRUE(HeapDestroy(heap));
+  EXPECT_TRUE(zr::HeapDestroy(heap));
 }
 
 TEST(PrivateHeap, DestroyedWhileAnotherThreadHoldsItsBlocks) {
-  HANDLE heap = HeapCreate(0, 0, 0);
+  HANDLE heap = zr::HeapCreate(0, 0, 0);
   std::vector<void*> blocks;
-  for (int i = 0; i < 40; ++i) blocks.push_back(HeapAlloc(heap, 0, 24 + 40 * (i % 4)));
+  for (int i = 0; i < 40; ++i) blocks.push_back(zr::HeapAlloc(heap, 0, 24 + 40 * (i % 4)));
   std::promise<void> freed, destroyed;
   std::thread holder([&] {
-    for (void* p : blocks) EXPECT_TRUE(HeapFree(heap, 0, p));  // kept in this thread's cache
+    for (void* p : blocks) EXPECT_TRUE(zr::HeapFree(heap, 0, p));  // kept in this thread's cache
     freed.set_value();
     destroyed.get_future().wait();
     // The destroyed heap's blocks are forgotten, never handed out or given back; a new heap starts clean.
     for (int round = 0; round < 20; ++round) {
-      HANDLE next = HeapCreate(0, 0, 0);
-      void* p = HeapAlloc(next, 0, 24);
+      HANDLE next = zr::HeapCreate(0, 0, 0);
+      void* p = zr::HeapAlloc(next, 0, 24);
       EXPECT_NE(p, nullptr);
       zr::HeapUsage usage;
       ASSERT_TRUE(zr::GetHeapUsage(next, &usage));
       EXPECT_EQ(usage.blocks, 1u);
-      EXPECT_TRUE(HeapFree(next, 0, p));
-      EXPECT_TRUE(HeapDestroy(next));
+      EXPECT_TRUE(zr::HeapFree(next, 0, p));
+      EXPECT_TRUE(zr::HeapDestroy(next));
     }
   });
   freed.get_future().wait();
-  EXPECT_TRUE(HeapDestroy(heap));
+  EXPECT_TRUE(zr::HeapDestroy(heap));
   destroyed.set_value();
   holder.join();  // ending the thread gives back nothing of the destroyed heap
 }
@@ -178,19 +178,19 @@ TEST(PrivateHeap, DestroyedWhileAnotherThreadHoldsItsBlocks) {
 TEST(CHeap, ConstructionNamesAndLazyCreation) {
   FakeSettings settings;
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   {
     CHeap proc("@proc-logged", 0, 0, 0, 0);  // "@" and "PROC": the process heap, logging on
     EXPECT_EQ(proc.GetHeapFlags(), CHEAP_LOG);
-    EXPECT_TRUE(Has(capture, 3, 5, "\rCHeap(proc-logged), Handle=" + Hex8(GetProcessHeap()) + "\r\n"));
+    EXPECT_TRUE(Has(capture, 3, 5, "\rCHeap(proc-logged), Handle=" + Hex8(zr::GetProcessHeap()) + "\r\n"));
     void* p = proc.Alloc(10, 0, HERE);
     EXPECT_TRUE(Has(capture, 3, 8, "Heap proc-logged: Alloc " + Hex8(p) + "\r\n"));
     EXPECT_NE(proc.Free(p, 0), 0);
     EXPECT_TRUE(Has(capture, 3, 8, "Heap proc-logged: Free " + Hex8(p) + "\r\n"));
   }
-  void* survivor = HeapAlloc(GetProcessHeap(), 0, 8);  // the process heap outlives its CHeaps
+  void* survivor = zr::HeapAlloc(zr::GetProcessHeap(), 0, 8);  // the process heap outlives its CHeaps
   EXPECT_NE(survivor, nullptr);
-  HeapFree(GetProcessHeap(), 0, survivor);
+  zr::HeapFree(zr::GetProcessHeap(), 0, survivor);
 
   CHeap unnamed(nullptr, 0, 0, 0, 0);
   char name[40] = {};
@@ -266,12 +266,12 @@ TEST(CHeap, PlainBlocksCountsAndReallocation) {
   EXPECT_EQ(std::memcmp(grown, "0123456789", 10), 0);
   EXPECT_EQ(heap.AllocSize(grown), 9000u);
   EXPECT_EQ(Word(grown + 9000), CHEAP_BLOCK_END);
-  EXPECT_EQ(heap.Realloc(grown, 200000, HEAP_REALLOC_IN_PLACE_ONLY, HERE), nullptr);  // cannot grow in place
+  EXPECT_EQ(heap.Realloc(grown, 200000, zr::HEAP_REALLOC_IN_PLACE_ONLY, HERE), nullptr);  // cannot grow in place
   EXPECT_EQ(heap.Verify(grown), 1);
   blocks[3] = grown;
   heap.GetHeapState(items);
   EXPECT_EQ(items, 6u);
-  void* fresh = heap.Realloc(nullptr, 24, HEAP_REALLOC_IN_PLACE_ONLY, HERE);  // null: a new block
+  void* fresh = heap.Realloc(nullptr, 24, zr::HEAP_REALLOC_IN_PLACE_ONLY, HERE);  // null: a new block
   ASSERT_NE(fresh, nullptr);
   blocks.push_back(static_cast<unsigned char*>(fresh));
   for (auto* p : blocks) EXPECT_NE(heap.Free(p, 0), 0);
@@ -284,7 +284,7 @@ TEST(CHeap, CorruptionIsReportedAndNeverReleased) {
   DebugMode debug(1);
   auto heap = std::make_unique<CHeap>("Damaged", 0, 0, 0, 1);
   CHeap other("Elsewhere", 0, 0, 0, 1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   const std::string end_broken = "\rHeap Damaged: Free: BlockEnd overwritten or already freed.\r\n";
   const std::string corruption = "\r\nWarning: Heap corruption!\r\n";
 
@@ -340,14 +340,14 @@ TEST(CHeap, CorruptionIsReportedAndNeverReleased) {
   capture.Clear();
   const unsigned long bytes = heap->GetHeapState(items);
   heap.reset();
-  EXPECT_TRUE(Has(capture, 0, 9, zr::FormatNarrow("Heap Damaged: %i items (%u bytes) not freed\r\n", items, bytes)));
+  EXPECT_TRUE(Has(capture, 0, 9, zr::os::FormatNarrow("Heap Damaged: %i items (%u bytes) not freed\r\n", items, bytes)));
   EXPECT_TRUE(Has(capture, 0, 9, "\rMessage Beep: src/zrobj/cosobj, line 543\r\n"));
 }
 
 TEST(CHeap, AllocationFailures) {
   FakeSettings settings;
-  zr::ScopedDiagCapture capture;
-  CHeap raising("Raising", 0x1000, 0, HEAP_GENERATE_EXCEPTIONS, 0);
+  zr::os::ScopedDiagCapture capture;
+  CHeap raising("Raising", 0x1000, 0, zr::HEAP_GENERATE_EXCEPTIONS, 0);
   EXPECT_EQ(raising.Alloc(0x2000, 0, HERE), nullptr);
   const std::string handle = capture.Text().substr(capture.Text().find("hHeap=") + 6, 8);
   EXPECT_TRUE(Has(capture, 0, 0, "\rHeapAlloc(" + handle + ",00000000,8212) failed \r\n"));
@@ -365,7 +365,7 @@ TEST(CHeap, WatchModeRecordsTracesAndDumps) {
   FakeSettings settings;
   FakeSettings::values = {{"Watched/Watch", 1}, {"Neighbour/Watch", 1}};
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   const bool first_watch_heap = zr::GetWatchHeap() == nullptr;
   auto heap = std::make_unique<CHeap>("Watched", 0, 0, 0, 1);
   EXPECT_EQ(Has(capture, 3, 5, "\rCHeap Watched: hWatchHeap = hWatchHeap\r\n"), first_watch_heap);
@@ -472,7 +472,7 @@ TEST(CHeap, DamagedWatchListEndsTheDump) {
   auto* record = reinterpret_cast<tagWATCHINFO*>(older - CHEAP_WATCH_LEAD);
   ASSERT_EQ(record->pNewer, reinterpret_cast<tagWATCHINFO*>(newer - CHEAP_WATCH_LEAD));
   record->pOlder = record->pNewer;  // the list now loops
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   heap.Dump(1);
   const std::string text = capture.Text();
   EXPECT_NE(text.find("\rHeap Looped: Heap corrupted...\r\n"), std::string::npos) << text;
@@ -485,7 +485,7 @@ TEST(CHeap, FreeTraceAndLoggingNeedDebugOutput) {
   FakeSettings settings;
   CHeap heap("@Traced", 0, 0, 0, 1);
   heap.SetHeapFlags(CHEAP_LOG | CHEAP_FREE_TRACE);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   {
     DebugMode off(0);
     heap.Free(heap.Alloc(4, 0, HERE), 0);
@@ -570,7 +570,7 @@ TEST(CHeap, StoreWatchConfigWritesOutsideTheRegistryLock) {
 TEST(CHeap, CountsStayExactWhenOtherThreadsFree) {
   FakeSettings settings;
   zrtest::ScopedQuietBeep quiet_beep;
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   const std::uint32_t allocs = zr::GetHeapCounter(zr::HeapCounter::kAlloc);
   const std::uint32_t frees = zr::GetHeapCounter(zr::HeapCounter::kFree);
   {
@@ -605,10 +605,10 @@ TEST(CHeap, CountsStayExactWhenOtherThreadsFree) {
 }
 
 // Prints through a sink that allocates from the heap being dumped, as a sink may.
-class AllocatingSink : public zr::DiagSink {
+class AllocatingSink : public zr::os::DiagSink {
  public:
-  explicit AllocatingSink(CHeap& heap) : heap_(heap), previous_(zr::SetDiagSink(this)) {}
-  ~AllocatingSink() override { zr::SetDiagSink(previous_); }
+  explicit AllocatingSink(CHeap& heap) : heap_(heap), previous_(zr::os::SetDiagSink(this)) {}
+  ~AllocatingSink() override { zr::os::SetDiagSink(previous_); }
   void Write(unsigned, unsigned, std::u16string_view text) override {
     void* note = heap_.Alloc(static_cast<unsigned long>(text.size()), 0, HERE);
     if (note) heap_.Free(note, 0);
@@ -618,7 +618,7 @@ class AllocatingSink : public zr::DiagSink {
 
  private:
   CHeap& heap_;
-  zr::DiagSink* previous_;
+  zr::os::DiagSink* previous_;
 };
 
 TEST(CHeap, DumpOutputMayUseTheHeapBeingDumped) {
@@ -673,12 +673,12 @@ TEST(CHeap, TwoThreadsOnOneHeap) {
 
 // A sink that appends every message to a file as it comes, for output written while the process
 // ends (static destructors run after every scoped capture is gone).
-class FileSink : public zr::DiagSink {
+class FileSink : public zr::os::DiagSink {
  public:
   explicit FileSink(const std::string& path) : file_(std::fopen(path.c_str(), "wb")) {}
   void Write(unsigned, unsigned, std::u16string_view text) override {
     if (!file_) return;
-    const std::string utf8 = zr::Utf16ToUtf8(std::u16string(text));
+    const std::string utf8 = zr::os::Utf16ToUtf8(std::u16string(text));
     std::fwrite(utf8.data(), 1, utf8.size(), file_);
     std::fflush(file_);
   }
@@ -691,11 +691,11 @@ class FileSink : public zr::DiagSink {
 std::string OutputAtExit(DWORD debug, const std::string& path) {
   const auto result = zrtest::RunChild([&] {
     alignas(FileSink) static unsigned char storage[sizeof(FileSink)];  // outlives every destructor
-    zr::DiagFilter all = zr::GetDiagFilter();
+    zr::os::DiagFilter all = zr::os::GetDiagFilter();
     all.channel_mask = 0xFFFFFFFFu;
     all.max_level = 0xFFFFFFFFu;
-    zr::SetDiagFilter(all);
-    zr::SetDiagSink(new (storage) FileSink(path));
+    zr::os::SetDiagFilter(all);
+    zr::os::SetDiagSink(new (storage) FileSink(path));
     SetDebugMode(debug);
     std::exit(0);
     return 0;

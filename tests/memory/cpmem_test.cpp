@@ -94,7 +94,7 @@ TEST(CPMemory, LoadReallocCopiesSharedBlocks) {
 
 TEST(CPMemory, ReadOnlyAndWriteCasts) {
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   CPMemory a;
   ASSERT_EQ(a.Alloc(8, 0), 1);
   CPMemory ro(a);
@@ -114,7 +114,7 @@ TEST(CPMemory, ReadOnlyAndWriteCasts) {
 
 TEST(CPMemory, AssignmentBetweenClassesAndDamage) {
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   CPMemory a;
   ASSERT_EQ(a.Alloc(8, 0), 1);
   OtherMemory other;
@@ -148,7 +148,7 @@ TEST(CPMemory, UnreadableHeaderReported) {
   for (const DWORD mode : {DWORD{1}, DWORD{0}}) {
     SCOPED_TRACE(mode);
     DebugMode debug(mode);
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     alignas(16) static unsigned char storage[sizeof(CPMemory)];
     CPMemory* m = CPMemory::Construct(storage);
     ASSERT_EQ(m->Alloc(8, 0), 1);

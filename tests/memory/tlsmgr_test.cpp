@@ -15,11 +15,11 @@ namespace {
 // The manager, initialised whether or not the library's attach already did it.
 void EnsureInit() {
   synctest::DebugOn quiet_off;
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   TlsManager::Init();
 }
 
-std::u16string Only(const zr::ScopedDiagCapture& capture) {
+std::u16string Only(const zr::os::ScopedDiagCapture& capture) {
   const auto entries = capture.Entries();
   return entries.size() == 1 ? entries[0].text : u"<" + std::u16string(entries.size() ? u"many" : u"none") + u">";
 }
@@ -34,7 +34,7 @@ TEST(TlsManager, SlotsAllocateToExhaustionAndFree) {
     slots.push_back(slot);
   }
   {
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     EXPECT_EQ(TlsManager::ThreadSlotAlloc(), TlsManager::kInvalidSlot);
     EXPECT_EQ(Only(capture), u"ThreadSlotAlloc failed!");
     EXPECT_EQ(capture.Entries()[0].level, 4u);
@@ -46,12 +46,12 @@ TEST(TlsManager, SlotsAllocateToExhaustionAndFree) {
   EXPECT_EQ(TlsManager::ThreadSlotAlloc(), 7ul);
   for (unsigned long slot = 0; slot < TlsManager::kSlotCount; ++slot) EXPECT_EQ(TlsManager::ThreadSlotFree(slot), 1);
   {
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     EXPECT_EQ(TlsManager::ThreadSlotFree(5), 0);
     EXPECT_EQ(Only(capture), u"ThreadSlotFree: Attempt to free slot never allocated");
   }
   {
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     EXPECT_EQ(TlsManager::ThreadSlotFree(30), 0);
     EXPECT_EQ(Only(capture), u"ThreadSlotFree: Invalid index");
   }
@@ -117,13 +117,13 @@ TEST(TlsManager, ReservedIndicesAndMessages) {
   EXPECT_EQ(TlsManager::GetThreadValue(0xFFFFFF01ul), 0xABCDul);
   TlsManager::SetThreadValue(0xFFFFFF01ul, 0);
   {
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     EXPECT_EQ(TlsManager::GetThreadValue(30), 0ul);
     EXPECT_EQ(Only(capture), u"GetThreadValPtr: Invalid reserved index");
     EXPECT_EQ(capture.Entries()[0].level, 3u);
   }
   {
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     EXPECT_EQ(TlsManager::Init(), 0);
     EXPECT_EQ(Only(capture), u"TlsManager can be initialized only once");
     EXPECT_EQ(capture.Entries()[0].level, 5u);
@@ -131,7 +131,7 @@ TEST(TlsManager, ReservedIndicesAndMessages) {
   {
     synctest::DebugOn unused;
     SetDebugMode(0);
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     EXPECT_EQ(TlsManager::ThreadSlotFree(40), 0);
     EXPECT_TRUE(capture.Entries().empty());  // messages only while debug output is on
   }
@@ -141,7 +141,7 @@ TEST(TlsManager, ReservedIndicesAndMessages) {
   // After Exit nothing is addressable until Init.
   ASSERT_EQ(TlsManager::Exit(), 1);
   {
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     EXPECT_EQ(TlsManager::SetThreadValue(0, 1), 0);
     EXPECT_EQ(Only(capture), u"GetThreadValPtr: Not initialized");
   }

@@ -17,14 +17,16 @@
 #include "zrobj/cheap.h"
 #include "zrobj/coslock.h"
 
+namespace os = zr::os;
+
 namespace {
 
 using synctest::DebugOn;
 using synctest::WaitFor;
 using synctest::WaitUntilSleeping;
-using Capture = zr::ScopedDiagCapture;
+using Capture = os::ScopedDiagCapture;
 
-std::u16string U(const std::string& text) { return zr::Utf8ToUtf16(text); }
+std::u16string U(const std::string& text) { return os::Utf8ToUtf16(text); }
 
 bool Contains(const Capture& capture, const std::string& text) { return capture.Text().find(text) != std::string::npos; }
 
@@ -51,7 +53,7 @@ TEST(COSCriticalSection, RecursionOwnerAndTryEnter) {
   SetDebugMode(0);
   DWORD other_id = 0;
   std::thread([&] {
-    other_id = GetCurrentThreadId();
+    other_id = os::GetCurrentThreadId();
     EXPECT_TRUE(cs.TryEnter());
     cs.Leave();
   }).join();
@@ -62,10 +64,10 @@ TEST(COSCriticalSection, RecursionOwnerAndTryEnter) {
   {
     DebugOn debug;
     cs.Enter(0);
-    EXPECT_EQ(cs.GetOwningThread(), GetCurrentThreadId());
+    EXPECT_EQ(cs.GetOwningThread(), os::GetCurrentThreadId());
     cs.Leave();
   }
-  EXPECT_EQ(cs.GetOwningThread(), GetCurrentThreadId());
+  EXPECT_EQ(cs.GetOwningThread(), os::GetCurrentThreadId());
 
   COSCriticalSection spinning(DWORD{4000});
   COSCriticalSection later(1);
@@ -132,7 +134,7 @@ TEST(COSCriticalSection, ContentionReportNamesBothThreads) {
   std::atomic<bool> entered{false}, release{false};
   std::atomic<DWORD> owner_id{0}, waiter_id{0};
   std::thread owner([&] {
-    owner_id = GetCurrentThreadId();
+    owner_id = os::GetCurrentThreadId();
     cs.Enter(Site(OwnerSite));
     cs.Enter(Site(WaiterSite));  // recursion keeps the outermost call site
     entered = true;
@@ -142,7 +144,7 @@ TEST(COSCriticalSection, ContentionReportNamesBothThreads) {
   });
   ASSERT_TRUE(WaitFor([&] { return entered.load(); }));
   std::thread waiter([&] {
-    waiter_id = GetCurrentThreadId();
+    waiter_id = os::GetCurrentThreadId();
     cs.Enter(Site(WaiterSite));
     cs.Leave();
   });
@@ -159,11 +161,11 @@ TEST(COSCriticalSection, ContentionReportNamesBothThreads) {
     EXPECT_EQ(e.channel, 3u);
     EXPECT_EQ(e.level, 5u);
   }
-  EXPECT_EQ(entries[0].text, zr::FormatWide(u"\rCS [LockCnt=2] owned by %08X ", owner_id.load()));
-  EXPECT_EQ(entries[1].text, u"<< " + U(GetAddressInfoString(Site(OwnerSite))) + u" >>\r\n");
-  EXPECT_EQ(entries[2].text, zr::FormatWide(u"is blocking thread %08X ", waiter_id.load()));
-  EXPECT_EQ(entries[3].text, u"<< " + U(GetAddressInfoString(Site(WaiterSite))) + u" >>\r\n");
-  EXPECT_EQ(entries[4].text, zr::FormatWide(u"\r%08X entered CS previously blocked by %08X after %u ms",
+  EXPECT_EQ(entries[0].text, os::FormatWide(u"\rCS [LockCnt=2] owned by %08X ", owner_id.load()));
+  EXPECT_EQ(entries[1].text, u"<< " + U(os::GetAddressInfoString(Site(OwnerSite))) + u" >>\r\n");
+  EXPECT_EQ(entries[2].text, os::FormatWide(u"is blocking thread %08X ", waiter_id.load()));
+  EXPECT_EQ(entries[3].text, u"<< " + U(os::GetAddressInfoString(Site(WaiterSite))) + u" >>\r\n");
+  EXPECT_EQ(entries[4].text, os::FormatWide(u"\r%08X entered CS previously blocked by %08X after %u ms",
                                             waiter_id.load(), owner_id.load(), 25u));
   EXPECT_NE(entries[1].text.find(u"os_tests"), std::u16string::npos);
 }
@@ -252,7 +254,7 @@ TEST(COSRWInterlock, ReadsInsideWriteAndUpgrade) {
   for (int i = 0; i < 3; ++i) rw.LeaveRead();
   EXPECT_EQ(rw.GetWriteReadRecursion(), 0u);
   EXPECT_EQ(rw.GetWriteCount(), 2u);
-  EXPECT_EQ(rw.GetWriteOwner(), GetCurrentThreadId());
+  EXPECT_EQ(rw.GetWriteOwner(), os::GetCurrentThreadId());
   rw.LeaveWrite();
   rw.LeaveWrite();
   EXPECT_EQ(rw.GetWriteOwner(), 0u);
@@ -270,7 +272,7 @@ TEST(COSRWInterlock, ReadsInsideWriteAndUpgrade) {
   std::atomic<bool> wrote{false};
   std::atomic<DWORD> writer_tid{0};
   std::thread writer([&] {
-    writer_tid = GetCurrentThreadId();
+    writer_tid = os::GetCurrentThreadId();
     COSRWWAutoLock lock(rw);
     wrote = true;
   });
@@ -349,7 +351,7 @@ TEST(COSRWInterlock, WaitingWriterBlocksNewReaders) {
   });
   ASSERT_TRUE(WaitFor([&] { return rw.GetWaitingWriters() == 1; }));
   std::thread reader([&] {
-    reader_tid = GetCurrentThreadId();
+    reader_tid = os::GetCurrentThreadId();
     rw.EnterRead();
     reader_turn = ++order;
     rw.LeaveRead();
@@ -385,7 +387,7 @@ TEST(COSRWInterlock, ThirtyThirdReaderWaitsForASlot) {
     });
   ASSERT_TRUE(WaitFor([&] { return holding.load() == kHolders; }));
   std::thread last([&] {
-    last_tid = GetCurrentThreadId();
+    last_tid = os::GetCurrentThreadId();
     rw.EnterRead();
     last_in = true;
     rw.LeaveRead();

@@ -20,6 +20,8 @@
 #include "sync_test_util.h"
 #include "zrobj/cosobject.h"
 
+namespace os = zr::os;
+
 namespace {
 
 using synctest::DebugOn;
@@ -28,10 +30,10 @@ using synctest::WaitUntilSleeping;
 
 // A name unique to this process and test.
 std::u16string UniqueName(const char* what) {
-  return zr::Utf8ToUtf16(std::string("ZrKernelTest.") + what + "." + std::to_string(::getpid()));
+  return os::Utf8ToUtf16(std::string("ZrKernelTest.") + what + "." + std::to_string(::getpid()));
 }
 
-std::u16string DefaultName(DWORD number) { return zr::FormatWide(u"CNamedOSObject%u", number); }
+std::u16string DefaultName(DWORD number) { return os::FormatWide(u"CNamedOSObject%u", number); }
 
 COSEvent* ManualEvent(bool initial) { return new COSEvent(nullptr, TRUE, initial, nullptr); }
 
@@ -47,17 +49,17 @@ TEST(CNamedOSObject, DefaultNamesAreCountedKernelNames) {
   EXPECT_EQ(CNamedOSObject::GetObjectCounter(), before + 3);
 
   // The names are real object names: another handle opened by name reaches the same event.
-  HANDLE opened = OpenEventW(SYNCHRONIZE | EVENT_MODIFY_STATE, FALSE, DefaultName(before + 1).c_str());
+  HANDLE opened = os::OpenEventW(SYNCHRONIZE | EVENT_MODIFY_STATE, FALSE, DefaultName(before + 1).c_str());
   ASSERT_NE(opened, nullptr);
-  ASSERT_TRUE(SetEvent(opened));
+  ASSERT_TRUE(os::SetEvent(opened));
   EXPECT_EQ(second.Wait(0), WAIT_TIMEOUT);
   EXPECT_EQ(first.Wait(0), 0u);
-  CloseHandle(opened);
-  HANDLE sem = OpenSemaphoreW(SYNCHRONIZE, FALSE, DefaultName(before + 3).c_str());
+  os::CloseHandle(opened);
+  HANDLE sem = os::OpenSemaphoreW(SYNCHRONIZE, FALSE, DefaultName(before + 3).c_str());
   ASSERT_NE(sem, nullptr);
-  EXPECT_EQ(WaitForSingleObject(sem, 0), 0u);
+  EXPECT_EQ(os::WaitForSingleObject(sem, 0), 0u);
   EXPECT_EQ(semaphore.Wait(0), WAIT_TIMEOUT);  // the one unit was taken through the other handle
-  CloseHandle(sem);
+  os::CloseHandle(sem);
 }
 
 TEST(COSEvent, AutoManualAndPulse) {
@@ -82,7 +84,7 @@ TEST(COSEvent, AutoManualAndPulse) {
   std::vector<std::thread> waiters;
   for (int i = 0; i < 2; ++i)
     waiters.emplace_back([&, i] {
-      tids[i] = GetCurrentThreadId();
+      tids[i] = os::GetCurrentThreadId();
       if (manual->Wait(20000) == 0) ++released;
     });
   for (auto& tid : tids) {
@@ -100,7 +102,7 @@ TEST(COSEvent, AutoManualAndPulse) {
   for (auto& tid : tids) tid = 0;
   for (int i = 0; i < 2; ++i)
     waiters.emplace_back([&, i] {
-      tids[i] = GetCurrentThreadId();
+      tids[i] = os::GetCurrentThreadId();
       if (automatic.Wait(20000) == 0) ++released;
     });
   for (auto& tid : tids) {
@@ -151,26 +153,26 @@ TEST(COSEvent, OpenByNameUsesAccessZero) {
   std::u16string missing = UniqueName("missing");
   COSEvent absent(missing.data(), 0);
   EXPECT_FALSE(absent.AssertValid());
-  EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(os::GetLastError(), ERROR_FILE_NOT_FOUND);
 
   std::u16string name = UniqueName("open");
   COSEvent created(name.data(), 1);
   ASSERT_TRUE(created.AssertValid());
-  EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+  EXPECT_EQ(os::GetLastError(), ERROR_SUCCESS);
   COSEvent again(name.data(), 1);  // creating an existing name opens it
-  EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+  EXPECT_EQ(os::GetLastError(), ERROR_ALREADY_EXISTS);
   COSEvent opened(name.data(), 0);
   ASSERT_TRUE(opened.AssertValid());
   // Opened with access 0: the handle names the event but may neither wait nor set.
   EXPECT_EQ(opened.Wait(0), WAIT_FAILED);
-  EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+  EXPECT_EQ(os::GetLastError(), ERROR_ACCESS_DENIED);
   EXPECT_EQ(opened.Set(), 0);
   EXPECT_TRUE(again.Set());
   EXPECT_EQ(created.Wait(0), 0u);
 
   // The same name as another type is refused.
-  EXPECT_EQ(CreateSemaphoreW(nullptr, 1, 1, name.c_str()), nullptr);
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(os::CreateSemaphoreW(nullptr, 1, 1, name.c_str()), nullptr);
+  EXPECT_EQ(os::GetLastError(), ERROR_INVALID_HANDLE);
 }
 
 TEST(COSSemaphore, CountsAndLimits) {
@@ -181,7 +183,7 @@ TEST(COSSemaphore, CountsAndLimits) {
   EXPECT_TRUE(one.Release(1, &previous));
   EXPECT_EQ(previous, 0);
   EXPECT_FALSE(one.Release(1, &previous));
-  EXPECT_EQ(GetLastError(), ERROR_TOO_MANY_POSTS);
+  EXPECT_EQ(os::GetLastError(), ERROR_TOO_MANY_POSTS);
 
   COSSemaphore three(2, 3, nullptr);
   EXPECT_EQ(three.Wait(0), 0u);
@@ -199,10 +201,10 @@ TEST(COSSemaphore, CountsAndLimits) {
 
 TEST(COSObject, MissingObjectsAndTooManyObjects) {
   DebugOn debug;
-  zr::ScopedDiagCapture capture;
+  os::ScopedDiagCapture capture;
   COSExtEvent empty;
   EXPECT_EQ(empty.Wait(10), WAIT_FAILED);
-  EXPECT_EQ(GetLastError(), 0x80000000u);
+  EXPECT_EQ(os::GetLastError(), 0x80000000u);
   EXPECT_NE(capture.Text().find("ObjectWait: Object does not exist"), std::string::npos);
 
   std::vector<std::unique_ptr<COSEvent>> events;
@@ -213,21 +215,21 @@ TEST(COSObject, MissingObjectsAndTooManyObjects) {
   }
   capture.Clear();
   EXPECT_EQ(COSObject::WaitMultiple(65, objects.data(), FALSE, 0), WAIT_FAILED);
-  EXPECT_EQ(GetLastError(), 0x80000001u);
+  EXPECT_EQ(os::GetLastError(), 0x80000001u);
   EXPECT_NE(capture.Text().find("ObjectWaitMultiple: Too many objects"), std::string::npos);
   EXPECT_EQ(COSObject::MsgWaitMultiple(65, objects.data(), FALSE, 0, 0), WAIT_FAILED);
-  EXPECT_EQ(GetLastError(), 0x80000001u);
+  EXPECT_EQ(os::GetLastError(), 0x80000001u);
   EXPECT_NE(capture.Text().find("MsgObjectWaitMultiple: Too many objects"), std::string::npos);
   EXPECT_EQ(COSObject::WaitMultiple(64, objects.data(), FALSE, 0), 63u);  // 64 is the limit
 
   capture.Clear();
   COSObject* with_gap[] = {objects[0], &empty};
   EXPECT_EQ(COSObject::WaitMultiple(2, with_gap, FALSE, 0), WAIT_FAILED);
-  EXPECT_EQ(GetLastError(), 0x80000000u);
+  EXPECT_EQ(os::GetLastError(), 0x80000000u);
   EXPECT_NE(capture.Text().find("ObjectWaitMultiple: Object(s) do(es) not exist"), std::string::npos);
   COSObject* gap_first[] = {&empty, objects[0]};
   EXPECT_EQ(COSObject::MsgWaitMultiple(2, gap_first, FALSE, 0, 0), WAIT_FAILED);
-  EXPECT_EQ(GetLastError(), 0x80000000u);
+  EXPECT_EQ(os::GetLastError(), 0x80000000u);
   EXPECT_NE(capture.Text().find("MsgObjectWaitMultiple: Object(s) do(es) not exist"), std::string::npos);
 }
 
@@ -253,7 +255,7 @@ TEST(COSObject, WaitMultipleAnyAndAll) {
   std::atomic<DWORD> waiter{0};
   std::atomic<DWORD> result{0xDEAD};
   std::thread t([&] {
-    waiter = GetCurrentThreadId();
+    waiter = os::GetCurrentThreadId();
     result = COSObject::WaitMultiple(3, all, TRUE, 20000);
   });
   ASSERT_TRUE(WaitFor([&] { return waiter.load() != 0; }));
@@ -268,7 +270,7 @@ TEST(COSObject, WaitMultipleAnyAndAll) {
   // An object twice in a wait for all is refused.
   COSObject* twice[] = {&e0, &e0};
   EXPECT_EQ(COSObject::WaitMultiple(2, twice, TRUE, 0), WAIT_FAILED);
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(os::GetLastError(), ERROR_INVALID_PARAMETER);
 }
 
 TEST(COSObject, MsgWaitMultipleWaitsOnTheFirstObjectOnly) {
@@ -287,7 +289,7 @@ TEST(COSObject, MsgWaitMultipleWaitsOnTheFirstObjectOnly) {
   // Waiting for all of the same handle twice is refused by the system.
   first.Set();
   EXPECT_EQ(COSObject::MsgWaitMultiple(2, pair, TRUE, 0, 0), WAIT_FAILED);
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(os::GetLastError(), ERROR_INVALID_PARAMETER);
   COSObject* single[] = {&first};
   EXPECT_EQ(COSObject::MsgWaitMultiple(1, single, TRUE, 0, 0), 0u);
 }
@@ -342,9 +344,9 @@ TEST(NamedObjects, SharedBetweenTwoProcesses) {
     std::thread runner([&] {
       child = zrtest::RunChild([&] {
         COSEvent mine(nullptr, FALSE, FALSE, event_name.data());
-        if (!mine.AssertValid() || GetLastError() != ERROR_ALREADY_EXISTS) return 10;
+        if (!mine.AssertValid() || os::GetLastError() != ERROR_ALREADY_EXISTS) return 10;
         COSSemaphore counter(0, 5, sem_name.data());
-        if (!counter.AssertValid() || GetLastError() != ERROR_ALREADY_EXISTS) return 11;
+        if (!counter.AssertValid() || os::GetLastError() != ERROR_ALREADY_EXISTS) return 11;
         if (!counter.Release(1, nullptr)) return 12;  // ready
         if (mine.Wait(20000) != 0) return 13;          // the parent's Set
         if (!counter.Release(2, nullptr)) return 14;
@@ -361,14 +363,14 @@ TEST(NamedObjects, SharedBetweenTwoProcesses) {
     EXPECT_EQ(event.Wait(0), WAIT_TIMEOUT);  // the child consumed the auto-reset event
   }
   // The last handle anywhere is gone, and so is the object.
-  EXPECT_EQ(OpenEventW(SYNCHRONIZE, FALSE, event_name.c_str()), nullptr);
-  EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-  EXPECT_EQ(OpenSemaphoreW(SYNCHRONIZE, FALSE, sem_name.c_str()), nullptr);
+  EXPECT_EQ(os::OpenEventW(SYNCHRONIZE, FALSE, event_name.c_str()), nullptr);
+  EXPECT_EQ(os::GetLastError(), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(os::OpenSemaphoreW(SYNCHRONIZE, FALSE, sem_name.c_str()), nullptr);
 }
 
 TEST(NamedObjects, SurviveProcessesThatDie) {
   // A process that dies holding the shared lock word does not hang the others.
-  const zrtest::ChildResult holder = zrtest::RunChild([] { return zr::LockSharedWaitWord() ? 0 : 1; });
+  const zrtest::ChildResult holder = zrtest::RunChild([] { return os::LockSharedWaitWord() ? 0 : 1; });
   ASSERT_TRUE(holder.exited);
   ASSERT_EQ(holder.exit_code, 0);
   std::u16string a = UniqueName("all.a"), b = UniqueName("all.b");
@@ -388,10 +390,10 @@ TEST(NamedObjects, SurviveProcessesThatDie) {
     return leaked->AssertValid() ? 0 : 1;
   });
   ASSERT_EQ(creator.exit_code, 0);
-  EXPECT_EQ(OpenEventW(SYNCHRONIZE, FALSE, stale.c_str()), nullptr);
-  EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(os::OpenEventW(SYNCHRONIZE, FALSE, stale.c_str()), nullptr);
+  EXPECT_EQ(os::GetLastError(), ERROR_FILE_NOT_FOUND);
   COSEvent fresh(nullptr, FALSE, FALSE, stale.data());
-  EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+  EXPECT_EQ(os::GetLastError(), ERROR_SUCCESS);
   EXPECT_EQ(fresh.Wait(0), WAIT_TIMEOUT);
 }
 
@@ -400,7 +402,7 @@ TEST(NamedObjects, SurviveProcessesThatDie) {
 // Counts the wake-ups that the notification rejected.
 class CountingNotify : public COSFileChangeNotify {
  public:
-  CountingNotify(const std::string& path, DWORD filter) : COSFileChangeNotify(zr::Utf8ToUtf16(path).c_str(), filter) {}
+  CountingNotify(const std::string& path, DWORD filter) : COSFileChangeNotify(os::Utf8ToUtf16(path).c_str(), filter) {}
   DWORD VerifyWaitSuccessful(DWORD result) override {
     const DWORD verdict = COSFileChangeNotify::VerifyWaitSuccessful(result);
     if (verdict == WAIT_TIMEOUT) ++rejected;
@@ -487,9 +489,9 @@ TEST(COSFileChangeNotify, RefusedSetups) {
   zrtest::TempDir dir;
   EXPECT_FALSE(COSFileChangeNotify(u"", 0x1D).AssertValid());
   EXPECT_FALSE(COSFileChangeNotify(nullptr, 0x1D).AssertValid());
-  EXPECT_FALSE(COSFileChangeNotify(zr::Utf8ToUtf16(dir.File("a")).c_str(), FILE_NOTIFY_CHANGE_DIR_NAME).AssertValid());
+  EXPECT_FALSE(COSFileChangeNotify(os::Utf8ToUtf16(dir.File("a")).c_str(), FILE_NOTIFY_CHANGE_DIR_NAME).AssertValid());
   EXPECT_FALSE(COSFileChangeNotify(u"no-directory.txt", 0x1D).AssertValid());
-  EXPECT_FALSE(COSFileChangeNotify(zr::Utf8ToUtf16(dir.File("missing/a.txt")).c_str(), 0x1D).AssertValid());
+  EXPECT_FALSE(COSFileChangeNotify(os::Utf8ToUtf16(dir.File("missing/a.txt")).c_str(), 0x1D).AssertValid());
   COSFileChangeNotify none(u"", 0x1D);
   EXPECT_EQ(none.VerifyWaitSuccessful(0), WAIT_FAILED);
 }

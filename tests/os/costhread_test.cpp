@@ -13,13 +13,15 @@
 
 #include "zrobj/byteorder.h"
 #include "platform/diag_capture.h"
-#include "platform/privheap.h"
+#include "memory/heap/privheap_internal.h"
 #include "platform/clock.h"
 #include "platform/text.h"
 #include "platform/threads.h"
 #include "platform/waitable.h"
 #include "platform/wformat.h"
 #include "zrobj/zrevent.h"
+
+namespace os = zr::os;
 
 namespace {
 
@@ -36,7 +38,7 @@ TEST(COSThreadRegister, RegisterRenameAndUnregister) {
   EXPECT_EQ(COSThreadRegister::Register(id, u"second"), 1);  // a second registration replaces the name
   EXPECT_EQ(NameOf(id), u"second");
   {
-    zr::ScopedDiagCapture capture;
+    os::ScopedDiagCapture capture;
     EXPECT_EQ(COSThreadRegister::Unregister(id), 1);
     ASSERT_EQ(capture.Entries().size(), 1u);  // the thread has no times: only the exited line
     EXPECT_EQ(capture.Entries()[0].text, u"\rThread second exited\r\n");
@@ -44,21 +46,21 @@ TEST(COSThreadRegister, RegisterRenameAndUnregister) {
   }
   EXPECT_EQ(NameOf(id), u"<none>");
   {
-    zr::ScopedDiagCapture capture;
+    os::ScopedDiagCapture capture;
     COSThreadRegister::Unregister(id);
     EXPECT_EQ(capture.Text().find("exited"), std::string::npos);  // unknown ids write no exited line
   }
   // Many registrations grow the table; every name stays readable.
   for (unsigned long i = 0; i < 40; ++i) ASSERT_EQ(COSThreadRegister::Register(0x7FFE0000 + i, u"many"), 1);
   for (unsigned long i = 0; i < 40; ++i) EXPECT_EQ(NameOf(0x7FFE0000 + i), u"many");
-  zr::ScopedDiagCapture quiet;
+  os::ScopedDiagCapture quiet;
   for (unsigned long i = 0; i < 40; ++i) COSThreadRegister::Unregister(0x7FFE0000 + i);
 }
 
 TEST(COSThreadRegister, ExitStatisticsLineAndScopedRegistration) {
   std::u16string exited, busy, inside;
   std::thread worker([&] {
-    zr::ScopedDiagCapture capture;
+    os::ScopedDiagCapture capture;
     {
       COSThreadRegister scope(u"Worker");
       WCHAR buffer[32] = {};
@@ -73,7 +75,7 @@ TEST(COSThreadRegister, ExitStatisticsLineAndScopedRegistration) {
   worker.join();
   EXPECT_EQ(inside, u"Worker");
   EXPECT_EQ(exited, u"\rThread Worker exited\r\n");
-  const std::string line = zr::Utf16ToUtf8(busy);
+  const std::string line = os::Utf16ToUtf8(busy);
   EXPECT_TRUE(std::regex_match(line, std::regex("\r  Busy=[ 0-9]{2}[0-9]% Lifetime [ 0-9][0-9]:[0-9]{2}:[0-9]{2}\\.[0-9]{3} "
                                                 "\\(User:[ 0-9][0-9]:[0-9]{2}:[0-9]{2}\\.[0-9]{3}, "
                                                 "Kernel:[ 0-9][0-9]:[0-9]{2}:[0-9]{2}\\.[0-9]{3}\\)\r\n")))
@@ -99,8 +101,8 @@ TEST(COSThreadRegister, DumpBlockLayout) {
   }
   EXPECT_EQ(at, size);
   EXPECT_TRUE(found);
-  HeapFree(GetProcessHeap(), 0, block);
-  zr::ScopedDiagCapture capture;
+  zr::HeapFree(zr::GetProcessHeap(), 0, block);
+  os::ScopedDiagCapture capture;
   COSThreadRegister::DumpRegistered();
   EXPECT_NE(capture.Text().find("\r7FFD0001 abc\r\n"), std::string::npos);
   COSThreadRegister::Unregister(0x7FFD0001);
@@ -150,14 +152,14 @@ DWORD WaitForGo(void* p) {
 // A handle of the thread that outlives the CThread object.
 HANDLE KeepHandle(CThread& thread) {
   HANDLE copy = nullptr;
-  DuplicateHandle(GetCurrentProcess(), thread.GetHandle(), GetCurrentProcess(), &copy, 0, FALSE,
+  os::DuplicateHandle(os::GetCurrentProcess(), thread.GetHandle(), os::GetCurrentProcess(), &copy, 0, FALSE,
                   DUPLICATE_SAME_ACCESS);
   return copy;
 }
 
 DWORD ExitCodeOf(HANDLE thread) {
   DWORD code = 0;
-  return GetExitCodeThread(thread, &code) ? code : 0xDEADu;
+  return os::GetExitCodeThread(thread, &code) ? code : 0xDEADu;
 }
 
 TEST(CThread, RunsSuspendsResumesAndReportsItsEnd) {
@@ -168,7 +170,7 @@ TEST(CThread, RunsSuspendsResumesAndReportsItsEnd) {
   ASSERT_NE(thread.GetHandle(), nullptr);
   const unsigned long id = thread.GetID();
   EXPECT_NE(id, 0xFFFFFFFFul);
-  EXPECT_EQ(NameOf(id), zr::FormatWide(u"ZROBJ::CThread (%08X)", static_cast<DWORD>(id)));
+  EXPECT_EQ(NameOf(id), os::FormatWide(u"ZROBJ::CThread (%08X)", static_cast<DWORD>(id)));
   ASSERT_EQ(s.started.Wait(kWaitMs), WAIT_OBJECT_0);
   EXPECT_EQ(thread.GetStatus(), CTHREAD_RUNNING);
   unsigned long code = 0;
@@ -223,15 +225,15 @@ TEST(CThread, SuspendedCreationPrioritiesAndDestruction) {
     EXPECT_EQ(s.started.Wait(20), WAIT_TIMEOUT);  // still at its start gate
     // Destroyed without Resume: resumed, given 20 ms, then terminated in its wait.
   }
-  EXPECT_EQ(WaitForSingleObject(handle, kWaitMs), WAIT_OBJECT_0);
+  EXPECT_EQ(os::WaitForSingleObject(handle, kWaitMs), WAIT_OBJECT_0);
   EXPECT_EQ(ExitCodeOf(handle), 0u);
   s.go.Set();
   EXPECT_EQ(s.passed.Wait(50), WAIT_TIMEOUT);  // it never runs again
   EXPECT_LE(s.runs.load(), 1);
   // Terminating or resuming an ended thread fails.
-  EXPECT_FALSE(TerminateThread(handle, 5));
-  EXPECT_EQ(ResumeThread(handle), 0xFFFFFFFFu);
-  CloseHandle(handle);
+  EXPECT_FALSE(os::TerminateThread(handle, 5));
+  EXPECT_EQ(os::ResumeThread(handle), 0xFFFFFFFFu);
+  os::CloseHandle(handle);
 }
 
 TEST(CThread, TerminateRunningAndSuspendedThreads) {
@@ -256,7 +258,7 @@ TEST(CThread, TerminateRunningAndSuspendedThreads) {
     EXPECT_EQ(s.passed.Wait(50), WAIT_TIMEOUT);
     // A terminated thread runs no detach: its name stays until someone removes it.
     EXPECT_NE(NameOf(id), u"<none>");
-    zr::ScopedDiagCapture quiet;
+    os::ScopedDiagCapture quiet;
     COSThreadRegister::Unregister(id);
   }
 }
@@ -273,24 +275,24 @@ TEST(CThread, TerminateRacingTheThreadsEndReleasesItsHandleOnce) {
   SKIP_SIGNAL_CONTROL_UNDER_TSAN();
   for (int i = 0; i < 300; ++i) {
     DWORD id = 0;
-    const HANDLE thread = CreateThread(nullptr, 0, [](void*) -> DWORD { return 7; }, nullptr, 0, &id);
+    const HANDLE thread = os::CreateThread(nullptr, 0, [](void*) -> DWORD { return 7; }, nullptr, 0, &id);
     ASSERT_NE(thread, nullptr);
-    TerminateThread(thread, 9);  // either stops it or finds it ended
-    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);  // may take a freed number
+    os::TerminateThread(thread, 9);  // either stops it or finds it ended
+    const HANDLE event = os::CreateEventW(nullptr, TRUE, FALSE, nullptr);  // may take a freed number
     ASSERT_NE(event, nullptr);
-    ASSERT_EQ(WaitForSingleObject(thread, kWaitMs), WAIT_OBJECT_0);
+    ASSERT_EQ(os::WaitForSingleObject(thread, kWaitMs), WAIT_OBJECT_0);
     const DWORD code = ExitCodeOf(thread);
     EXPECT_TRUE(code == 7 || code == 9) << code;
-    ASSERT_EQ(WaitForSingleObject(event, 0), WAIT_TIMEOUT) << "iteration " << i;
-    ASSERT_TRUE(SetEvent(event));
-    ASSERT_TRUE(CloseHandle(event));
-    ASSERT_TRUE(CloseHandle(thread));
+    ASSERT_EQ(os::WaitForSingleObject(event, 0), WAIT_TIMEOUT) << "iteration " << i;
+    ASSERT_TRUE(os::SetEvent(event));
+    ASSERT_TRUE(os::CloseHandle(event));
+    ASSERT_TRUE(os::CloseHandle(thread));
   }
 }
 
 TEST(CThread, AnExceptionOrFaultEndsWithStatusThree) {
   for (ZR_THREAD_FN fn : {Throws, Faults}) {
-    zr::ScopedDiagCapture capture;
+    os::ScopedDiagCapture capture;
     CThread thread(nullptr, 0, fn, nullptr, 0);
     ASSERT_EQ(thread.Wait(kWaitMs), WAIT_OBJECT_0);
     EXPECT_EQ(thread.GetStatus(), CTHREAD_EXCEPTION);
@@ -318,7 +320,7 @@ DWORD HoldUntilReleased(void* p) {
   auto* s = static_cast<AutoScript*>(info->pParam);
   s->parameter.store(info->pParam);
   s->runs.fetch_add(1);
-  SetEvent(info->hEvent);  // release the creator early
+  os::SetEvent(info->hEvent);  // release the creator early
   s->release.Wait(INFINITE);
   if (s->left.fetch_add(1) + 1 == s->leavers) s->all_left.Set();  // the last use of the script
   return 0;
@@ -355,7 +357,7 @@ TEST_F(COSAutoThreadTest, HandshakeTableLimitAndSelfDeletion) {
   // Once a thread has left, its slot is free again (it deleted its object under the table lock).
   for (int tries = 0; COSAutoThread::CreateAutoThread(nullptr, 0, ReturnAtOnce, &s) == 0; ++tries) {
     ASSERT_LT(tries, 10000);
-    Sleep(1);
+    os::Sleep(1);
   }
   EXPECT_EQ(s.runs.load(), 129);
   ASSERT_EQ(s.all_left.Wait(10000), WAIT_OBJECT_0);  // nothing uses the script after this
@@ -365,13 +367,13 @@ TEST_F(COSAutoThreadTest, ShutdownRefusesNewThreadsAndTerminatesStuckOnes) {
   SKIP_SIGNAL_CONTROL_UNDER_TSAN();
   AutoScript s;
   ASSERT_EQ(COSAutoThread::CreateAutoThread(nullptr, 0, HoldUntilReleased, &s), 1);
-  const DWORD start = GetTickCount();
+  const DWORD start = os::GetTickCount();
   COSAutoThread::AppExit();  // waits 100 ms for the stuck thread, then terminates it
-  EXPECT_GE(GetTickCount() - start, 100u);
+  EXPECT_GE(os::GetTickCount() - start, 100u);
   EXPECT_EQ(COSAutoThread::CreateAutoThread(nullptr, 0, ReturnAtOnce, &s), 0);
   EXPECT_EQ(s.runs.load(), 1);
   s.release.Set();
-  Sleep(50);
+  os::Sleep(50);
   EXPECT_EQ(s.left.load(), 0);  // terminated in its wait: it never got past it
   COSAutoThread::AppInit();
   EXPECT_EQ(COSAutoThread::CreateAutoThread(nullptr, 0, ReturnAtOnce, &s), 1);
@@ -397,7 +399,7 @@ TEST_F(COSAutoThreadTest, ExitEndingAThreadBeforeItsHandshakeReleasesTheCreator)
   });
   for (int tries = 0; s.runs.load() == 0; ++tries) {
     ASSERT_LT(tries, 10000);
-    Sleep(1);
+    os::Sleep(1);
   }
   EXPECT_EQ(created.Wait(0), static_cast<DWORD>(WAIT_TIMEOUT));  // still waiting for the handshake
   COSAutoThread::AppExit();  // terminates the thread after its 100 ms
@@ -411,19 +413,19 @@ TEST_F(COSAutoThreadTest, ExitEndingAThreadBeforeItsHandshakeReleasesTheCreator)
 }
 
 TEST(ThreadAttach, NamesUnknownThreadsAndUnregistersThemAtTheirEnd) {
-  zr::ScopedDiagCapture capture;
+  os::ScopedDiagCapture capture;
   DWORD id = 0;
   std::u16string name;
   std::thread worker([&] {
-    id = GetCurrentThreadId();
+    id = os::GetCurrentThreadId();
     WCHAR buffer[64] = {};
     CEventLogger::LogEvent(u"first use");  // the thread's first call into the library attaches it
     if (COSThreadRegister::GetCurrentName(buffer, 63)) name = buffer;
   });
   worker.join();
-  EXPECT_TRUE(std::regex_match(zr::Utf16ToUtf8(name), std::regex("Unknown, created [0-9]+\\.[0-9]{6} s after startup")))
-      << zr::Utf16ToUtf8(name);
-  EXPECT_NE(capture.Text().find("\rThread " + zr::Utf16ToUtf8(name) + " exited\r\n"), std::string::npos);
+  EXPECT_TRUE(std::regex_match(os::Utf16ToUtf8(name), std::regex("Unknown, created [0-9]+\\.[0-9]{6} s after startup")))
+      << os::Utf16ToUtf8(name);
+  EXPECT_NE(capture.Text().find("\rThread " + os::Utf16ToUtf8(name) + " exited\r\n"), std::string::npos);
   EXPECT_EQ(NameOf(id), u"<none>");
 }
 

@@ -23,7 +23,7 @@ using zrtest::DebugMode;
 constexpr DWORD kRead = CHNK_ACCESS_READ;
 constexpr DWORD kWrite = CHNK_ACCESS_WRITE;
 
-std::u16string W(const std::string& text) { return zr::Utf8ToUtf16(text); }
+std::u16string W(const std::string& text) { return zr::os::Utf8ToUtf16(text); }
 char* N(const char* name) { return const_cast<char*>(name); }
 bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
@@ -44,8 +44,8 @@ std::string Bytes(const CPMemoryFile& memory) {
 // A file archive over a fresh file in a scratch directory.
 class FileArchiveTest : public ::testing::Test {
  protected:
-  void OpenNew() { ASSERT_EQ(arc.Open(W(path).c_str(), kWrite, zr::kCreateAlways, 0), 0ul); }
-  void OpenExisting(DWORD access = kRead) { ASSERT_EQ(arc.Open(W(path).c_str(), access, zr::kOpenExisting, 0), 0ul); }
+  void OpenNew() { ASSERT_EQ(arc.Open(W(path).c_str(), kWrite, zr::os::kCreateAlways, 0), 0ul); }
+  void OpenExisting(DWORD access = kRead) { ASSERT_EQ(arc.Open(W(path).c_str(), access, zr::os::kOpenExisting, 0), 0ul); }
   void Write(const std::string& data) {
     ASSERT_EQ(arc.Chnk_Write(const_cast<char*>(data.data()), data.size()), data.size());
   }
@@ -86,7 +86,7 @@ TEST_F(FileArchiveTest, SixteenLevelsAndNoSeventeenth) {
   for (unsigned i = 0; i < CHNK_MAX_LEVELS; ++i) ASSERT_EQ(arc.Chnk_Open(N("L"), kWrite), i);
   {
     DebugMode debug(1);
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     EXPECT_EQ(arc.Chnk_Open(N("L"), kWrite), CHNK_INVALID);
     ASSERT_EQ(capture.Entries().size(), 1u);
     EXPECT_EQ(capture.Entries()[0].channel, 3u);
@@ -109,12 +109,12 @@ TEST_F(FileArchiveTest, SixteenLevelsAndNoSeventeenth) {
 
 TEST_F(FileArchiveTest, AccessRules) {
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Open(N("A"), kWrite), CHNK_INVALID);
   EXPECT_EQ(capture.Text(), "\rCChunkArchive::OpenChunk denied: No file access\r\n");
   EXPECT_EQ(capture.Entries()[0].level, 3u);
 
-  ASSERT_EQ(arc.Open(W(path).c_str(), kRead | kWrite, zr::kCreateAlways, 0), 0ul);
+  ASSERT_EQ(arc.Open(W(path).c_str(), kRead | kWrite, zr::os::kCreateAlways, 0), 0ul);
   capture.Clear();
   EXPECT_EQ(arc.Chnk_Open(N("A"), kRead | kWrite), CHNK_INVALID);
   EXPECT_EQ(arc.Chnk_Open(N("A"), 0x3FFFFFFF), CHNK_INVALID);
@@ -152,7 +152,7 @@ TEST_F(FileArchiveTest, AccessRules) {
 
 TEST_F(FileArchiveTest, MessagesOnlyInDebugMode) {
   DebugMode quiet(0);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Open(N("A"), kWrite), CHNK_INVALID);
   OpenNew();
   EXPECT_EQ(arc.Chnk_Open(N("A"), kRead | kWrite), CHNK_INVALID);
@@ -169,7 +169,7 @@ TEST_F(FileArchiveTest, ClosingSeveralLevelsPatchesAllAndWarns) {
   Write("abc");
   {
     DebugMode debug(1);
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     EXPECT_EQ(arc.Chnk_Close(0), 1);
     EXPECT_TRUE(Has(capture.Text(), "\rCChunkArchive::Chnk_Close: Multiple close detected!"));
     capture.Clear();
@@ -186,21 +186,21 @@ TEST_F(FileArchiveTest, ClosingSeveralLevelsPatchesAllAndWarns) {
 
 // A file-size limit as a full disk gives it: a system write stops at `g_limit` bytes of file.
 DWORD g_limit = 0;
-DWORD LimitedWrite(zr::FileHandle file, DWORD count) {
+DWORD LimitedWrite(zr::os::FileHandle file, DWORD count) {
   UINT64 at = 0;
-  if (!zr::SetFilePointer(file, 0, zr::kFileCurrent, &at)) return 0;
+  if (!zr::os::SetFilePointer(file, 0, zr::os::kFileCurrent, &at)) return 0;
   return at >= g_limit ? 0 : static_cast<DWORD>(std::min<UINT64>(count, g_limit - at));
 }
-DWORD RefuseWrite(zr::FileHandle, DWORD) { return 0; }
+DWORD RefuseWrite(zr::os::FileHandle, DWORD) { return 0; }
 
 // Sets a write hook for its lifetime.
 class ScopedWriteHook {
  public:
-  explicit ScopedWriteHook(zr::FileWriteHook hook) : previous_(zr::SetFileWriteHook(hook)) {}
-  ~ScopedWriteHook() { zr::SetFileWriteHook(previous_); }
+  explicit ScopedWriteHook(zr::os::FileWriteHook hook) : previous_(zr::os::SetFileWriteHook(hook)) {}
+  ~ScopedWriteHook() { zr::os::SetFileWriteHook(previous_); }
 
  private:
-  zr::FileWriteHook previous_;
+  zr::os::FileWriteHook previous_;
 };
 
 // An archive whose derived class moves its file's position, as a writer may.
@@ -211,15 +211,15 @@ class SeekingArchive : public CChunkArchive {
 
 TEST_F(FileArchiveTest, EveryCallReachesTheFileAtOnce) {
   OpenNew();
-  const UINT64 writes = zr::GetFileWriteCount();
+  const UINT64 writes = zr::os::GetFileWriteCount();
   ASSERT_EQ(arc.Chnk_Open(N("root"), kWrite), 0u);
   EXPECT_EQ(zrtest::ReadFile(path), LE32(GetHashID("root")) + LE32(0));
   ASSERT_EQ(arc.Chnk_Open(N("item"), kWrite), 1u);
   Write("0123456789");
   EXPECT_EQ(zrtest::ReadFile(path), LE32(GetHashID("root")) + LE32(0) + LE32(GetHashID("item")) + LE32(0) + "0123456789");
-  EXPECT_EQ(zr::GetFileWriteCount(), writes + 3);  // two headers and the data
+  EXPECT_EQ(zr::os::GetFileWriteCount(), writes + 3);  // two headers and the data
   ASSERT_EQ(arc.Chnk_Close(1), 1);
-  EXPECT_EQ(zr::GetFileWriteCount(), writes + 4);  // one size patch
+  EXPECT_EQ(zr::os::GetFileWriteCount(), writes + 4);  // one size patch
   EXPECT_EQ(zrtest::ReadFile(path), LE32(GetHashID("root")) + LE32(0) + Chunk("item", "0123456789"));
   ASSERT_EQ(arc.Chnk_Close(0), 1);
   EXPECT_EQ(zrtest::ReadFile(path), Chunk("root", Chunk("item", "0123456789")));
@@ -235,11 +235,11 @@ TEST_F(FileArchiveTest, FileLimitAtEveryByte) {
   for (DWORD limit = 0; limit <= full.size(); ++limit) {
     SCOPED_TRACE("limit " + std::to_string(limit));
     CChunkArchive archive;
-    ASSERT_EQ(archive.Open(W(path).c_str(), kWrite, zr::kCreateAlways, 0), 0ul);
+    ASSERT_EQ(archive.Open(W(path).c_str(), kWrite, zr::os::kCreateAlways, 0), 0ul);
     g_limit = limit;
     ScopedWriteHook hook(LimitedWrite);
     DebugMode debug(1);
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     const auto on_disk = [&] { return static_cast<DWORD>(zrtest::ReadFile(path).size()); };
     const auto header_cut = [&](DWORD end) {
       return end > limit ? "\rCChunkArchive::OpenChunk denied: Error writing chunk header\r\n" : "";
@@ -298,10 +298,10 @@ TEST_F(FileArchiveTest, FailedSizePatchIsReported) {
 // the position stay in the file.
 TEST_F(FileArchiveTest, SeekBackShortensTheChunk) {
   SeekingArchive archive;
-  ASSERT_EQ(archive.Open(W(path).c_str(), kWrite, zr::kCreateAlways, 0), 0ul);
+  ASSERT_EQ(archive.Open(W(path).c_str(), kWrite, zr::os::kCreateAlways, 0), 0ul);
   ASSERT_EQ(archive.Chnk_Open(N("A"), kWrite), 0u);
   ASSERT_EQ(archive.Chnk_Write(N("\x01\x02\x03\x04\x05"), 5), 5ul);
-  ASSERT_EQ(archive.Seek(-3, zr::kFileCurrent), 1);
+  ASSERT_EQ(archive.Seek(-3, zr::os::kFileCurrent), 1);
   EXPECT_EQ(archive.GetFilePtr(), 10u);
   ASSERT_EQ(archive.Chnk_Close(0), 1);
   EXPECT_EQ(archive.GetFilePtr(), 10u);
@@ -312,10 +312,10 @@ TEST_F(FileArchiveTest, SeekBackShortensTheChunk) {
 // A seek forward takes effect at once too: the next chunk starts where the writer moved to.
 TEST_F(FileArchiveTest, SeekForwardPlacesTheNextChunk) {
   SeekingArchive archive;
-  ASSERT_EQ(archive.Open(W(path).c_str(), kWrite, zr::kCreateAlways, 0), 0ul);
+  ASSERT_EQ(archive.Open(W(path).c_str(), kWrite, zr::os::kCreateAlways, 0), 0ul);
   ASSERT_EQ(archive.Chnk_Open(N("A"), kWrite), 0u);
   ASSERT_EQ(archive.Chnk_Close(0), 1);
-  ASSERT_EQ(archive.Seek(12, zr::kFileBegin), 1);
+  ASSERT_EQ(archive.Seek(12, zr::os::kFileBegin), 1);
   ASSERT_EQ(archive.Chnk_Open(N("B"), kWrite), 0u);
   ASSERT_EQ(archive.Chnk_Write(N("z"), 1), 1ul);
   ASSERT_EQ(archive.Close(), 1);
@@ -327,7 +327,7 @@ TEST_F(FileArchiveTest, OpenWhileOpenKeepsTheWrittenBytes) {
   OpenNew();
   ASSERT_EQ(arc.Chnk_Open(N("A"), kWrite), 0u);
   Write("abc");
-  EXPECT_EQ(arc.Open(W(path).c_str(), kWrite, zr::kCreateAlways, 0), 0xFFFFFFFFul);
+  EXPECT_EQ(arc.Open(W(path).c_str(), kWrite, zr::os::kCreateAlways, 0), 0xFFFFFFFFul);
   EXPECT_EQ(arc.Close(), 1);
   EXPECT_EQ(zrtest::ReadFile(path), LE32(GetHashID("A")) + LE32(0) + "abc");  // Open reset the levels
 }
@@ -387,7 +387,7 @@ TEST_F(FileArchiveTest, ReadingPastTheEndLeavesThePosition) {
 TEST_F(FileArchiveTest, FailedReadOpenRestoresThePosition) {
   Reading(Chunk("A", "1234") + "\x01\x02");
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Open(N("B"), kRead), CHNK_INVALID);
   EXPECT_EQ(arc.GetFilePtr(), 0u);
   ASSERT_EQ(arc.Chnk_Open(N("A"), kRead), 0u);
@@ -407,7 +407,7 @@ TEST_F(FileArchiveTest, ParentChunkExceeded) {
     ASSERT_EQ(arc.Chnk_Close(1), 1);  // the parent's counter follows the closed child
   }
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Open(N("C"), kRead), CHNK_INVALID);
   EXPECT_EQ(capture.Text(), "\rCChunkArchive::OpenChunk denied: Parent chunk exceeded\r\n");
 }
@@ -447,7 +447,7 @@ TEST_F(FindTest, FindsByNameAndOpensWhatItFound) {
   ASSERT_EQ(arc.Chnk_Close(1), 1);
   // Everything of P is accounted for: no room for another sub-chunk.
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Find(N("X")), 0);
   EXPECT_EQ(capture.Text(), "\rCChunkArchive::Chnk_Find failed: Not enough data for subchunk\r\n");
 }
@@ -468,7 +468,7 @@ TEST_F(FindTest, NoMatchRestoresThePosition) {
   ASSERT_EQ(arc.Chnk_Open(N("U"), kRead), 0u);
   const DWORD start = arc.GetFilePtr();
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Find(N("X")), 0);  // only an unnamed sub-chunk: never found by name
   EXPECT_EQ(arc.GetFilePtr(), start);
   EXPECT_EQ(capture.Text(), "\rCChunkArchive::Chnk_Find failed: No matching subchunk\r\n");
@@ -486,7 +486,7 @@ TEST_F(FindTest, OversizeSubChunkIsBadInfo) {
   Reading(Chunk("P", LE32(GetHashID("X")) + LE32(100) + "short") + Chunk("Q", "abc"));
   ASSERT_EQ(arc.Chnk_Open(N("P"), kRead), 0u);
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Find(N("X")), 0);
   EXPECT_EQ(arc.GetFilePtr(), 8u);
   EXPECT_EQ(capture.Text(), "\rCChunkArchive::Chnk_Find failed: Bad subchunk info\r\n");
@@ -497,7 +497,7 @@ TEST_F(FindTest, OversizeSubChunkIsBadInfo) {
 TEST_F(FindTest, NothingToSearchWithoutAChunk) {
   ASSERT_EQ(arc.Chnk_Close(0), 1);
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(arc.Chnk_Find(N("X")), 0);
   EXPECT_EQ(capture.Text(), "");
 }
@@ -505,28 +505,28 @@ TEST_F(FindTest, NothingToSearchWithoutAChunk) {
 std::uint32_t g_tick_calls = 0;
 std::uint32_t CountingTicks() {
   ++g_tick_calls;
-  return static_cast<std::uint32_t>(zr::GetSystemTimeAsFileTime() / 10000);
+  return static_cast<std::uint32_t>(zr::os::GetSystemTimeAsFileTime() / 10000);
 }
 
 TEST_F(FileArchiveTest, BusyFileTimesOut) {
   ASSERT_TRUE(zrtest::WriteFile(path, Chunk("A", "")));
   CZRFile holder(W(path).c_str());
-  ASSERT_EQ(holder.Open(kRead | kWrite, 0, zr::kOpenExisting, 0, 0), 0u);
+  ASSERT_EQ(holder.Open(kRead | kWrite, 0, zr::os::kOpenExisting, 0, 0), 0u);
   g_tick_calls = 0;
-  const zr::TickSource previous = zr::SetTickSource(CountingTicks);
+  const zr::os::TickSource previous = zr::os::SetTickSource(CountingTicks);
   const std::uint32_t start = CountingTicks();
-  EXPECT_EQ(arc.Open(W(path).c_str(), kRead, zr::kOpenExisting, 40), CHNK_OPEN_TIMEOUT);
+  EXPECT_EQ(arc.Open(W(path).c_str(), kRead, zr::os::kOpenExisting, 40), CHNK_OPEN_TIMEOUT);
   const std::uint32_t elapsed = CountingTicks() - start;
-  zr::SetTickSource(previous);
+  zr::os::SetTickSource(previous);
   EXPECT_GE(elapsed, 40u);
   EXPECT_LT(elapsed, 5000u);
   EXPECT_GE(g_tick_calls, 4u);  // it retried rather than waiting once
   EXPECT_LE(g_tick_calls, 40u / 5 + 4);  // no faster than every 5 ms
 
-  EXPECT_EQ(arc.Open(W(dir.File("none/x")).c_str(), kRead, zr::kOpenExisting, 40), 0xFFFFFFFFul);
+  EXPECT_EQ(arc.Open(W(dir.File("none/x")).c_str(), kRead, zr::os::kOpenExisting, 40), 0xFFFFFFFFul);
   holder.Close();
-  EXPECT_EQ(arc.Open(W(path).c_str(), kRead, zr::kOpenExisting, 40), 0ul);
-  EXPECT_EQ(arc.Open(W(path).c_str(), kRead, zr::kOpenExisting, 40), 0xFFFFFFFFul);  // already open
+  EXPECT_EQ(arc.Open(W(path).c_str(), kRead, zr::os::kOpenExisting, 40), 0ul);
+  EXPECT_EQ(arc.Open(W(path).c_str(), kRead, zr::os::kOpenExisting, 40), 0xFFFFFFFFul);  // already open
 }
 
 TEST_F(FileArchiveTest, SetEOFAndDelete) {
@@ -646,7 +646,7 @@ TEST(CMemChunkArchive, SameLayoutAsTheFile) {
 
 TEST(CMemChunkArchive, MessagesNameTheMemoryVariant) {
   DebugMode debug(1);
-  zr::ScopedDiagCapture capture;
+  zr::os::ScopedDiagCapture capture;
   CMemChunkArchive arc;
   EXPECT_EQ(arc.Chnk_Open(N("A"), kWrite), CHNK_INVALID);
   ASSERT_NE(arc.Open(kWrite), 0);
@@ -759,8 +759,8 @@ TEST(CPMemoryPersistence, RoundTripThroughAFile) {
   zrtest::TempDir dir;
   const std::u16string path = W(dir.File("mem.arc"));
   CChunkArchive arc;
-  ASSERT_EQ(arc.Open(path.c_str(), kWrite, zr::kCreateAlways, 0), 0ul);
-  RoundTrip(arc, [&] { return arc.Open(path.c_str(), kRead, zr::kOpenExisting, 0) == 0; });
+  ASSERT_EQ(arc.Open(path.c_str(), kWrite, zr::os::kCreateAlways, 0), 0ul);
+  RoundTrip(arc, [&] { return arc.Open(path.c_str(), kRead, zr::os::kOpenExisting, 0) == 0; });
   const std::string bytes = zrtest::ReadFile(dir.File("mem.arc"));
   EXPECT_EQ(bytes.size(), 8u + 5000 + 8 + 8 + 3);
   EXPECT_EQ(bytes.substr(5008), Chunk("empty", "") + Chunk("second", "xyz"));

@@ -23,14 +23,16 @@
 #include "zrobj/czrfile.h"
 #include "zrobj/zrdiag.h"
 
+namespace os = zr::os;
+
 namespace {
 
-using zr::kGenericRead;
-using zr::kGenericWrite;
-constexpr DWORD kRW = kGenericRead | kGenericWrite;
-constexpr DWORD kShareRW = zr::kFileShareRead | zr::kFileShareWrite;
+using os::kGenericRead;
+using os::kGenericWrite;
+constexpr DWORD kRW = os::kGenericRead | os::kGenericWrite;
+constexpr DWORD kShareRW = os::kFileShareRead | os::kFileShareWrite;
 
-std::u16string W(const std::string& text) { return zr::Utf8ToUtf16(text); }
+std::u16string W(const std::string& text) { return os::Utf8ToUtf16(text); }
 
 bool Exists(const std::string& path) {
   struct stat st {};
@@ -73,70 +75,70 @@ TEST(CZRFile, OpenResultCodesAndDirectoryCreation) {
   zrtest::TempDir dir;
   CZRFile file;
   EXPECT_EQ(file.GetStatus(), CZRFile::kStatusNeverOpened);
-  EXPECT_EQ(file.Open(kGenericRead, 0, zr::kOpenExisting, 0, 0), 4u);
-  EXPECT_EQ(file.Open(nullptr, kGenericRead, 0, zr::kOpenExisting, 0, 0), 4u);
-  EXPECT_EQ(file.Open(W(dir.File("missing")).c_str(), kGenericRead, 0, zr::kOpenExisting, 0, 0), 2u);
+  EXPECT_EQ(file.Open(os::kGenericRead, 0, os::kOpenExisting, 0, 0), 4u);
+  EXPECT_EQ(file.Open(nullptr, os::kGenericRead, 0, os::kOpenExisting, 0, 0), 4u);
+  EXPECT_EQ(file.Open(W(dir.File("missing")).c_str(), os::kGenericRead, 0, os::kOpenExisting, 0, 0), 2u);
   EXPECT_EQ(file.GetStatus(), CZRFile::kStatusNeverOpened);
 
   // Creating dispositions make the missing directories; "create new" does not.
   const std::string deep = dir.File("a/b/c/new.bin");
-  EXPECT_EQ(file.Open(W(dir.File("x/y/new.bin")).c_str(), kGenericWrite, 0, zr::kCreateNew, 0, 0), 2u);
+  EXPECT_EQ(file.Open(W(dir.File("x/y/new.bin")).c_str(), os::kGenericWrite, 0, os::kCreateNew, 0, 0), 2u);
   EXPECT_FALSE(Exists(dir.File("x")));
-  ASSERT_EQ(file.Open(W(deep).c_str(), kGenericWrite, 0, zr::kCreateAlways, 0, 0), 0u);
+  ASSERT_EQ(file.Open(W(deep).c_str(), os::kGenericWrite, 0, os::kCreateAlways, 0, 0), 0u);
   EXPECT_TRUE(Exists(deep));
   EXPECT_EQ(file.GetStatus(), CZRFile::kStatusReady);
-  EXPECT_EQ(file.GetAccess(), kGenericWrite);
-  EXPECT_EQ(file.Open(W(deep).c_str(), kGenericRead, 0, zr::kOpenExisting, 0, 0), 1u);
+  EXPECT_EQ(file.GetAccess(), os::kGenericWrite);
+  EXPECT_EQ(file.Open(W(deep).c_str(), os::kGenericRead, 0, os::kOpenExisting, 0, 0), 1u);
   EXPECT_EQ(file.Write("hello", 5), 5u);
   EXPECT_EQ(file.Close(), 1);
   EXPECT_EQ(file.Close(), 1);
   EXPECT_EQ(file.GetStatus(), CZRFile::kStatusNeverOpened);
-  EXPECT_EQ(zr::Utf16ToUtf8(file.GetFilename()), deep);  // the name survives closing
+  EXPECT_EQ(os::Utf16ToUtf8(file.GetFilename()), deep);  // the name survives closing
 
   CZRFile other;
-  EXPECT_EQ(other.Open(W(dir.File("p/q/always.bin")).c_str(), kRW, 0, zr::kOpenAlways, 0, 0), 0u);
-  EXPECT_EQ(file.Open(kGenericRead, 0, zr::kOpenExisting, 0, 0), 0u);  // by the stored name
+  EXPECT_EQ(other.Open(W(dir.File("p/q/always.bin")).c_str(), kRW, 0, os::kOpenAlways, 0, 0), 0u);
+  EXPECT_EQ(file.Open(os::kGenericRead, 0, os::kOpenExisting, 0, 0), 0u);  // by the stored name
   file.Close();
-  EXPECT_EQ(file.Open(file.GetFilename(), kGenericRead, 0, zr::kOpenExisting, 0, 0), 0u);
+  EXPECT_EQ(file.Open(file.GetFilename(), os::kGenericRead, 0, os::kOpenExisting, 0, 0), 0u);
   EXPECT_EQ(file.GetSize(), 5u);
 
   // A path that does not fit the name is refused, not cut.
   CZRFile long_name;
   const std::string too_long = dir.File(std::string(300, 'n'));
-  EXPECT_EQ(long_name.Open(W(too_long).c_str(), kRW, 0, zr::kCreateAlways, 0, 0), 2u);
+  EXPECT_EQ(long_name.Open(W(too_long).c_str(), kRW, 0, os::kCreateAlways, 0, 0), 2u);
   EXPECT_EQ(long_name.GetFilename()[0], 0);
   CZRFile named(W(too_long).c_str());
   EXPECT_EQ(named.GetFilename()[0], 0);
   CZRFile named_ok(W(deep).c_str());
-  EXPECT_EQ(zr::Utf16ToUtf8(named_ok.GetFilename()), deep);
+  EXPECT_EQ(os::Utf16ToUtf8(named_ok.GetFilename()), deep);
 }
 
 TEST(CZRFile, ShareModesBetweenHandlesOfOneProcess) {
   zrtest::TempDir dir;
   const std::u16string path = W(dir.File("shared.bin"));
   CZRFile a, b, c;
-  ASSERT_EQ(a.Open(path.c_str(), kRW, 0, zr::kCreateAlways, 0, 0), 0u);
-  EXPECT_EQ(b.Open(path.c_str(), kGenericRead, kShareRW, zr::kOpenExisting, 0, 0), 5u);
-  EXPECT_EQ(b.Open(path.c_str(), 0, kShareRW, zr::kOpenExisting, 0, 0), 0u);  // no data access: no clash
+  ASSERT_EQ(a.Open(path.c_str(), kRW, 0, os::kCreateAlways, 0, 0), 0u);
+  EXPECT_EQ(b.Open(path.c_str(), os::kGenericRead, kShareRW, os::kOpenExisting, 0, 0), 5u);
+  EXPECT_EQ(b.Open(path.c_str(), 0, kShareRW, os::kOpenExisting, 0, 0), 0u);  // no data access: no clash
   b.Close();
   // A replacing open that is refused must not have truncated the file.
   EXPECT_EQ(a.Write("data", 4), 4u);
   a.FlushCache();
-  EXPECT_EQ(b.Open(path.c_str(), kGenericWrite, kShareRW, zr::kCreateAlways, 0, 0), 5u);
+  EXPECT_EQ(b.Open(path.c_str(), os::kGenericWrite, kShareRW, os::kCreateAlways, 0, 0), 5u);
   EXPECT_EQ(DiskSize(dir.File("shared.bin")), 4);
   a.Close();
 
-  ASSERT_EQ(a.Open(path.c_str(), kGenericRead, zr::kFileShareRead, zr::kOpenExisting, 0, 0), 0u);
-  EXPECT_EQ(b.Open(path.c_str(), kGenericRead, zr::kFileShareRead, zr::kOpenExisting, 0, 0), 0u);
-  EXPECT_EQ(c.Open(path.c_str(), kGenericWrite, kShareRW, zr::kOpenExisting, 0, 0), 5u);  // a denies write
-  EXPECT_EQ(c.Open(path.c_str(), kGenericRead, 0, zr::kOpenExisting, 0, 0), 5u);  // c would deny a's read
+  ASSERT_EQ(a.Open(path.c_str(), os::kGenericRead, os::kFileShareRead, os::kOpenExisting, 0, 0), 0u);
+  EXPECT_EQ(b.Open(path.c_str(), os::kGenericRead, os::kFileShareRead, os::kOpenExisting, 0, 0), 0u);
+  EXPECT_EQ(c.Open(path.c_str(), os::kGenericWrite, kShareRW, os::kOpenExisting, 0, 0), 5u);  // a denies write
+  EXPECT_EQ(c.Open(path.c_str(), os::kGenericRead, 0, os::kOpenExisting, 0, 0), 5u);  // c would deny a's read
   // Deleting needs delete sharing from every open handle.
   CZRFile by_name(path.c_str());
   EXPECT_EQ(by_name.Delete(), 0);
-  EXPECT_EQ(zr::GetLastFileError(), zr::kErrorSharingViolation);
+  EXPECT_EQ(os::GetLastError(), os::kErrorSharingViolation);
   a.Close();
   b.Close();
-  EXPECT_EQ(c.Open(path.c_str(), kGenericWrite, kShareRW, zr::kOpenExisting, 0, 0), 0u);
+  EXPECT_EQ(c.Open(path.c_str(), os::kGenericWrite, kShareRW, os::kOpenExisting, 0, 0), 0u);
   c.Close();
   EXPECT_EQ(by_name.Delete(), 1);
   EXPECT_FALSE(Exists(dir.File("shared.bin")));
@@ -152,22 +154,22 @@ TEST(CZRFile, ExclusiveHolderInAnotherProcess) {
   // The child holds the file exclusively until told to let go.
   std::thread parent_side([&] {
     ASSERT_TRUE(ready.Wait());
-    const DWORD start = GetTickCount();
-    EXPECT_EQ(probe.Open(kGenericRead, kShareRW, zr::kOpenExisting, 0, 0), 5u);
-    EXPECT_EQ(probe.Open(kGenericWrite, kShareRW, zr::kOpenExisting, 0, 0), 5u);
-    EXPECT_LT(GetTickCount() - start, 1000u);  // refused at once, not after a wait
+    const DWORD start = os::GetTickCount();
+    EXPECT_EQ(probe.Open(os::kGenericRead, kShareRW, os::kOpenExisting, 0, 0), 5u);
+    EXPECT_EQ(probe.Open(os::kGenericWrite, kShareRW, os::kOpenExisting, 0, 0), 5u);
+    EXPECT_LT(os::GetTickCount() - start, 1000u);  // refused at once, not after a wait
     release.Raise();
   });
   result = zrtest::RunChild([&] {
     CZRFile held(W(path).c_str());
-    if (held.Open(kRW, 0, zr::kOpenExisting, 0, 0) != 0) return 3;
+    if (held.Open(kRW, 0, os::kOpenExisting, 0, 0) != 0) return 3;
     ready.Raise();
     return release.Wait() ? 0 : 4;
   });
   parent_side.join();
   EXPECT_TRUE(result.exited);
   EXPECT_EQ(result.exit_code, 0);
-  EXPECT_EQ(probe.Open(kGenericRead, kShareRW, zr::kOpenExisting, 0, 0), 0u);  // released with the process
+  EXPECT_EQ(probe.Open(os::kGenericRead, kShareRW, os::kOpenExisting, 0, 0), 0u);  // released with the process
 }
 
 TEST(CZRFile, ReadWriteFailedStatusAndSeeking) {
@@ -180,7 +182,7 @@ TEST(CZRFile, ReadWriteFailedStatusAndSeeking) {
   EXPECT_EQ(file.SetFilePtr(0, 0), 0);
   EXPECT_EQ(file.FlushCache(), 0);
   EXPECT_EQ(file.GetSize(), 0u);
-  ASSERT_EQ(file.Open(kRW, 0, zr::kCreateAlways, 0, 0), 0u);
+  ASSERT_EQ(file.Open(kRW, 0, os::kCreateAlways, 0, 0), 0u);
   EXPECT_EQ(file.Write("0123456789", 10), 10u);
   EXPECT_EQ(file.GetFilePtr(), 10u);
   EXPECT_EQ(file.GetSize(), 10u);
@@ -214,68 +216,68 @@ TEST(CZRFile, ReadWriteFailedStatusAndSeeking) {
   EXPECT_EQ(zrtest::ReadFile(path), "0123");
 
   // Access decides what is allowed.
-  ASSERT_EQ(file.Open(kGenericRead, 0, zr::kOpenExisting, 0, 0), 0u);
+  ASSERT_EQ(file.Open(os::kGenericRead, 0, os::kOpenExisting, 0, 0), 0u);
   EXPECT_EQ(file.Write("x", 1), 0u);
   EXPECT_EQ(file.FlushCache(), 0);
   file.Close();
-  ASSERT_EQ(file.Open(kGenericWrite, 0, zr::kOpenExisting, 0, 0), 0u);
+  ASSERT_EQ(file.Open(os::kGenericWrite, 0, os::kOpenExisting, 0, 0), 0u);
   EXPECT_EQ(file.Read(buffer, 1), 0u);
   EXPECT_EQ(file.FlushCache(), 1);
   file.Close();
 
   // With write sharing the size is asked from the system: another handle may grow the file.
   CZRFile a(W(path).c_str()), b(W(path).c_str());
-  ASSERT_EQ(a.Open(kRW, kShareRW, zr::kOpenExisting, 0, 0), 0u);
-  ASSERT_EQ(b.Open(kRW, kShareRW, zr::kOpenExisting, 0, 0), 0u);
+  ASSERT_EQ(a.Open(kRW, kShareRW, os::kOpenExisting, 0, 0), 0u);
+  ASSERT_EQ(b.Open(kRW, kShareRW, os::kOpenExisting, 0, 0), 0u);
   ASSERT_EQ(b.SetFilePtr(0, 2), 1);
   EXPECT_EQ(b.Write("grow", 4), 4u);
   EXPECT_EQ(a.GetSize(), 8u);
 }
 
 UINT64 g_allowed = ~0ull;
-DWORD LimitWrites(zr::FileHandle, DWORD count) { return static_cast<DWORD>(std::min<UINT64>(count, g_allowed)); }
+DWORD LimitWrites(os::FileHandle, DWORD count) { return static_cast<DWORD>(std::min<UINT64>(count, g_allowed)); }
 
 TEST(CZRFile, WriteCacheTurnsSmallWritesIntoOneSystemWrite) {
   zrtest::TempDir dir;
   const std::string path = dir.File("cached.bin");
   const std::string data = Pattern(10000);
   CZRFile file(W(path).c_str());
-  ASSERT_EQ(file.Open(kGenericWrite, 0, zr::kCreateAlways, 0, 65536), 0u);
-  const UINT64 before = zr::GetFileWriteCount();
+  ASSERT_EQ(file.Open(os::kGenericWrite, 0, os::kCreateAlways, 0, 65536), 0u);
+  const UINT64 before = os::GetFileWriteCount();
   for (int i = 0; i < 1000; ++i) ASSERT_EQ(file.Write(data.data() + i * 10, 10), 10u);
-  EXPECT_EQ(zr::GetFileWriteCount(), before);
+  EXPECT_EQ(os::GetFileWriteCount(), before);
   EXPECT_EQ(DiskSize(path), 0);
   EXPECT_EQ(file.GetSize(), 10000u);
   EXPECT_EQ(file.GetFilePtr(), 10000u);
   EXPECT_EQ(file.FlushCache(), 1);
-  EXPECT_EQ(zr::GetFileWriteCount(), before + 1);
+  EXPECT_EQ(os::GetFileWriteCount(), before + 1);
   EXPECT_EQ(zrtest::ReadFile(path), data);
 
   // A write larger than the cache goes straight to the system.
   const std::string big = Pattern(100 * 1024);
-  const UINT64 before_big = zr::GetFileWriteCount();
+  const UINT64 before_big = os::GetFileWriteCount();
   EXPECT_EQ(file.Write(big.data(), static_cast<DWORD>(big.size())), big.size());
-  EXPECT_EQ(zr::GetFileWriteCount(), before_big + 1);
+  EXPECT_EQ(os::GetFileWriteCount(), before_big + 1);
   EXPECT_EQ(DiskSize(path), static_cast<long long>(10000 + big.size()));
 
   // A write that does not fit the free part flushes first.
   EXPECT_EQ(file.Write(big.data(), 60000), 60000u);
-  const UINT64 before_full = zr::GetFileWriteCount();
+  const UINT64 before_full = os::GetFileWriteCount();
   EXPECT_EQ(file.Write(big.data(), 6000), 6000u);
-  EXPECT_EQ(zr::GetFileWriteCount(), before_full + 1);
+  EXPECT_EQ(os::GetFileWriteCount(), before_full + 1);
   file.Close();  // closing writes the rest
   EXPECT_EQ(DiskSize(path), static_cast<long long>(10000 + big.size() + 66000));
 
   // No cache unless the file is exclusive and writable.
-  ASSERT_EQ(file.Open(kGenericWrite, zr::kFileShareRead, zr::kCreateAlways, 0, 65536), 0u);
-  const UINT64 before_shared = zr::GetFileWriteCount();
+  ASSERT_EQ(file.Open(os::kGenericWrite, os::kFileShareRead, os::kCreateAlways, 0, 65536), 0u);
+  const UINT64 before_shared = os::GetFileWriteCount();
   for (int i = 0; i < 3; ++i) file.Write("abc", 3);
-  EXPECT_EQ(zr::GetFileWriteCount(), before_shared + 3);
+  EXPECT_EQ(os::GetFileWriteCount(), before_shared + 3);
   file.Close();
 
   // Bytes written after a read land at the read's end.
   ASSERT_TRUE(zrtest::WriteFile(path, "AAAAAAAAAA"));
-  ASSERT_EQ(file.Open(kRW, 0, zr::kOpenExisting, 0, 4096), 0u);
+  ASSERT_EQ(file.Open(kRW, 0, os::kOpenExisting, 0, 4096), 0u);
   char head[4];
   EXPECT_EQ(file.Read(head, 4), 4u);
   EXPECT_EQ(file.Write("BB", 2), 2u);
@@ -289,20 +291,20 @@ TEST(CZRFile, ShortWritesSetTheFailedStatus) {
   const std::string path = dir.File("short.bin");
   const std::string data = Pattern(1000);
   CZRFile file(W(path).c_str());
-  ASSERT_EQ(file.Open(kGenericWrite, 0, zr::kCreateAlways, 0, 0), 0u);
+  ASSERT_EQ(file.Open(os::kGenericWrite, 0, os::kCreateAlways, 0, 0), 0u);
   g_allowed = 100;
-  const zr::FileWriteHook previous = zr::SetFileWriteHook(LimitWrites);
+  const os::FileWriteHook previous = os::SetFileWriteHook(LimitWrites);
   EXPECT_EQ(file.Write(data.data(), 300), 100u);
   EXPECT_EQ(file.GetStatus(), CZRFile::kStatusFailed);
   EXPECT_EQ(file.GetFilePtr(), 100u);
   EXPECT_EQ(file.Write(data.data(), 10), 0u);
   file.Close();
 
-  ASSERT_EQ(file.Open(kGenericWrite, 0, zr::kCreateAlways, 0, 4096), 0u);
+  ASSERT_EQ(file.Open(os::kGenericWrite, 0, os::kCreateAlways, 0, 4096), 0u);
   EXPECT_EQ(file.Write(data.data(), 500), 500u);  // into the cache
   EXPECT_EQ(file.FlushCache(), 0);                // only 100 reach the disk
   EXPECT_EQ(file.GetStatus(), CZRFile::kStatusFailed);
-  zr::SetFileWriteHook(previous);
+  os::SetFileWriteHook(previous);
   g_allowed = ~0ull;
   EXPECT_EQ(file.SetFilePtr(0, 2), 1);
   EXPECT_EQ(file.GetStatus(), CZRFile::kStatusReady);
@@ -315,21 +317,21 @@ TEST(CZRFile, ByteRangeLocksBetweenHandlesOfOneProcess) {
   const std::string path = dir.File("locks.bin");
   ASSERT_TRUE(zrtest::WriteFile(path, Pattern(100)));
   CZRFile a(W(path).c_str()), b(W(path).c_str());
-  ASSERT_EQ(a.Open(kRW, kShareRW, zr::kOpenExisting, 0, 0), 0u);
-  ASSERT_EQ(b.Open(kRW, kShareRW, zr::kOpenExisting, 0, 0), 0u);
+  ASSERT_EQ(a.Open(kRW, kShareRW, os::kOpenExisting, 0, 0), 0u);
+  ASSERT_EQ(b.Open(kRW, kShareRW, os::kOpenExisting, 0, 0), 0u);
   EXPECT_EQ(a.FileLock(0, 10), 1);
   EXPECT_EQ(b.FileLock(5, 10), 0);
   EXPECT_EQ(b.FileLock(10, 10), 1);
   EXPECT_EQ(a.FileLock(0, 0), 0);  // the whole file overlaps locked ranges
-  const DWORD start = GetTickCount();
+  const DWORD start = os::GetTickCount();
   EXPECT_EQ(b.WaitFileLock(0, 10, 30), 0);
-  EXPECT_GE(GetTickCount() - start, 30u);
+  EXPECT_GE(os::GetTickCount() - start, 30u);
   EXPECT_EQ(a.FileUnlock(0, 10), 1);
   EXPECT_EQ(b.WaitFileLock(0, 10, 1000), 1);
   EXPECT_EQ(b.FileUnlock(0, 10), 1);
   EXPECT_EQ(b.FileUnlock(10, 10), 1);
 
-  zr::ScopedDiagCapture capture;
+  os::ScopedDiagCapture capture;
   // Uncounted waits: the lock stays, and unlocking it is reported as illegal.
   EXPECT_EQ(a.WaitFileLock(50, 10, 0xFFFFFFFFu), 1);
   EXPECT_EQ(a.FileUnlock(50, 10), 0);
@@ -344,7 +346,7 @@ TEST(CZRFile, ByteRangeLocksBetweenHandlesOfOneProcess) {
   capture.Clear();
   const std::string empty = dir.File("empty.bin");
   CZRFile e(W(empty).c_str());
-  ASSERT_EQ(e.Open(kRW, 0, zr::kCreateAlways, 0, 0), 0u);
+  ASSERT_EQ(e.Open(kRW, 0, os::kCreateAlways, 0, 0), 0u);
   EXPECT_EQ(e.FileLock(0, 0), 0);
   EXPECT_EQ(e.WaitFileLock(0, 0, 10), 0);
   ASSERT_EQ(capture.Entries().size(), 2u);
@@ -375,7 +377,7 @@ TEST(CZRFile, ByteRangeLocksBetweenProcesses) {
   CZRFile mine(W(path).c_str());
   std::thread parent_side([&] {
     ASSERT_TRUE(locked.Wait());
-    ASSERT_EQ(mine.Open(kRW, kShareRW, zr::kOpenExisting, 0, 0), 0u);
+    ASSERT_EQ(mine.Open(kRW, kShareRW, os::kOpenExisting, 0, 0), 0u);
     EXPECT_EQ(mine.FileLock(0, 10), 0);
     EXPECT_EQ(mine.FileLock(100, 10), 1);  // outside the child's range
     EXPECT_EQ(mine.WaitFileLock(0, 10, 20), 0);
@@ -385,7 +387,7 @@ TEST(CZRFile, ByteRangeLocksBetweenProcesses) {
   });
   const zrtest::ChildResult result = zrtest::RunChild([&] {
     CZRFile theirs(W(path).c_str());
-    if (theirs.Open(kRW, kShareRW, zr::kOpenExisting, 0, 0) != 0 || !theirs.FileLock(0, 50)) return 3;
+    if (theirs.Open(kRW, kShareRW, os::kOpenExisting, 0, 0) != 0 || !theirs.FileLock(0, 50)) return 3;
     locked.Raise();
     if (!release.Wait()) return 4;
     if (!theirs.FileUnlock(0, 50)) return 5;
@@ -400,7 +402,7 @@ TEST(CZRFile, ByteRangeLocksBetweenProcesses) {
   Signal holding;
   const zrtest::ChildResult died = zrtest::RunChild([&] {
     CZRFile theirs(W(path).c_str());
-    if (theirs.Open(kRW, kShareRW, zr::kOpenExisting, 0, 0) != 0 || !theirs.FileLock(150, 10)) return 3;
+    if (theirs.Open(kRW, kShareRW, os::kOpenExisting, 0, 0) != 0 || !theirs.FileLock(150, 10)) return 3;
     holding.Raise();
     ::_exit(0);
   });
@@ -414,7 +416,7 @@ TEST(CZRFile, MappingAlignsToTheAllocationGranularity) {
   const std::string path = dir.File("map.bin");
   const std::string data = Pattern(200000);
   ASSERT_TRUE(zrtest::WriteFile(path, data));
-  ASSERT_EQ(zr::GetAllocationGranularity(), 65536u);
+  ASSERT_EQ(os::GetAllocationGranularity(), 65536u);
   CZRFile file(W(path).c_str());
 
   auto* p = static_cast<const char*>(file.MapFileR(100, 70000));
@@ -467,9 +469,9 @@ TEST(CZRFile, MappingAlignsToTheAllocationGranularity) {
   EXPECT_EQ(zrtest::ReadFile(grown).substr(70000, 7), "mapped!");
 
   // On a file that was open already, the view comes and goes and the file stays.
-  ASSERT_EQ(rw.Open(kRW, 0, zr::kOpenExisting, 0, 4096), 0u);
+  ASSERT_EQ(rw.Open(kRW, 0, os::kOpenExisting, 0, 4096), 0u);
   EXPECT_EQ(rw.Write("head", 4), 4u);
-  EXPECT_EQ(rw.MapFile(kRW, 0, zr::kOpenExisting, 0, zr::kPageReadWrite, 0, 10, nullptr, zr::kFileMapWrite, 0),
+  EXPECT_EQ(rw.MapFile(kRW, 0, os::kOpenExisting, 0, os::kPageReadWrite, 0, 10, nullptr, os::kFileMapWrite, 0),
             nullptr);  // real open parameters are for closed files
   q = static_cast<char*>(rw.MapFileRW(FALSE, 10, 0));
   ASSERT_NE(q, nullptr);
@@ -489,7 +491,7 @@ TEST(CZRFile, MappingAlignsToTheAllocationGranularity) {
   rw.Close();
   EXPECT_EQ(DiskSize(grown), 100);
 
-  ASSERT_EQ(rw.Open(kGenericRead, 0, zr::kOpenExisting, 0, 0), 0u);
+  ASSERT_EQ(rw.Open(os::kGenericRead, 0, os::kOpenExisting, 0, 0), 0u);
   EXPECT_EQ(rw.MapFileRW(FALSE, 10, 0), nullptr);  // needs read and write access
   ASSERT_NE(rw.MapFileR(0, 0), nullptr);
   EXPECT_EQ(rw.GetViewSize(), 100u);
@@ -505,7 +507,7 @@ TEST(CZRFile, ByNameOperations) {
   EXPECT_EQ(nameless.Delete(), 0);
   EXPECT_EQ(nameless.Move(W(dir.File("x")).c_str()), 0);
 
-  ASSERT_EQ(file.Open(kGenericRead, 0, zr::kOpenExisting, 0, 0), 0u);
+  ASSERT_EQ(file.Open(os::kGenericRead, 0, os::kOpenExisting, 0, 0), 0u);
   EXPECT_EQ(file.Name(W(dir.File("n")).c_str()), 0);
   EXPECT_EQ(file.Move(W(dir.File("moved.bin")).c_str()), 0);
   EXPECT_EQ(file.Copy(W(dir.File("copy.bin")).c_str(), FALSE), 0);
@@ -514,7 +516,7 @@ TEST(CZRFile, ByNameOperations) {
   EXPECT_EQ(file.Move(W(dir.File("taken.bin")).c_str()), 0);  // the target exists
   EXPECT_EQ(file.Move(u""), 0);
   EXPECT_EQ(file.Move(W(dir.File("moved.bin")).c_str()), 1);
-  EXPECT_EQ(zr::Utf16ToUtf8(file.GetFilename()), dir.File("moved.bin"));
+  EXPECT_EQ(os::Utf16ToUtf8(file.GetFilename()), dir.File("moved.bin"));
   EXPECT_FALSE(Exists(first));
 
   EXPECT_EQ(file.Copy(W(dir.File("taken.bin")).c_str(), TRUE), 0);
@@ -524,38 +526,38 @@ TEST(CZRFile, ByNameOperations) {
 
   EXPECT_EQ(file.Rename(u"sub/renamed.bin"), 0);
   EXPECT_EQ(file.Rename(u"renamed.bin"), 1);
-  EXPECT_EQ(zr::Utf16ToUtf8(file.GetFilename()), dir.File("renamed.bin"));
+  EXPECT_EQ(os::Utf16ToUtf8(file.GetFilename()), dir.File("renamed.bin"));
   EXPECT_EQ(zrtest::ReadFile(dir.File("renamed.bin")), "payload");
 
   // Touch with a new path moves the file first.
-  const UINT64 before = zr::GetSystemTimeAsFileTime();
+  const UINT64 before = os::GetSystemTimeAsFileTime();
   EXPECT_EQ(file.Touch(W(dir.File("touched.bin")).c_str()), 1);
   EXPECT_FALSE(Exists(dir.File("renamed.bin")));
   FILETIME write{};
   ASSERT_EQ(file.GetTime(nullptr, nullptr, &write), 1);
   EXPECT_GE(U64(write) + 20000000, before);  // within the clock's granularity
 
-  ASSERT_EQ(file.Open(kRW, 0, zr::kOpenExisting, 0, 0), 0u);
+  ASSERT_EQ(file.Open(kRW, 0, os::kOpenExisting, 0, 0), 0u);
   EXPECT_EQ(file.Delete(), 1);  // closes first
   EXPECT_EQ(file.GetStatus(), CZRFile::kStatusNeverOpened);
   EXPECT_FALSE(Exists(dir.File("touched.bin")));
   EXPECT_EQ(file.Delete(), 0);
   EXPECT_EQ(file.Name(u"/nowhere/else"), 1);
-  EXPECT_EQ(zr::Utf16ToUtf8(file.GetFilename()), "/nowhere/else");
+  EXPECT_EQ(os::Utf16ToUtf8(file.GetFilename()), "/nowhere/else");
 }
 
 TEST(CZRFile, TransferFromTakesOverTheOpenFile) {
   zrtest::TempDir dir;
   const std::string path = dir.File("transfer.bin");
   CZRFile source(W(path).c_str()), target(W(dir.File("target-old.bin")).c_str());
-  ASSERT_EQ(source.Open(kGenericWrite, 0, zr::kCreateAlways, 0, 4096), 0u);
-  ASSERT_EQ(target.Open(kGenericWrite, 0, zr::kCreateAlways, 0, 0), 0u);
+  ASSERT_EQ(source.Open(os::kGenericWrite, 0, os::kCreateAlways, 0, 4096), 0u);
+  ASSERT_EQ(target.Open(os::kGenericWrite, 0, os::kCreateAlways, 0, 0), 0u);
   EXPECT_EQ(source.Write("cached", 6), 6u);
   EXPECT_EQ(source.FileLock(0, 6), 1);
   EXPECT_EQ(target.TransferFrom(source), 1);
   EXPECT_EQ(source.GetStatus(), CZRFile::kStatusNeverOpened);
   EXPECT_EQ(source.GetFilename()[0], 0);
-  EXPECT_EQ(zr::Utf16ToUtf8(target.GetFilename()), path);
+  EXPECT_EQ(os::Utf16ToUtf8(target.GetFilename()), path);
   EXPECT_EQ(target.GetFilePtr(), 6u);
   EXPECT_EQ(target.Write("+more", 5), 5u);
   EXPECT_EQ(target.FileUnlock(0, 6), 1);
@@ -570,7 +572,7 @@ TEST(CZRFile, ThreadLockAccessHoldsOffOpenAndClose) {
   std::atomic<bool> opened{false};
   file.ThreadLockAccess();
   std::thread other([&] {
-    file.Open(kRW, 0, zr::kCreateAlways, 0, 0);
+    file.Open(kRW, 0, os::kCreateAlways, 0, 0);
     opened = true;
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -591,8 +593,8 @@ TEST(CZRFile, WholeFileLockAndUnlockNameTheSameRange) {
   for (const DWORD cache : {DWORD{0}, DWORD{4096}}) {
     SCOPED_TRACE(cache);
     CZRFile file(W(path).c_str());
-    ASSERT_EQ(file.Open(kRW, 0, zr::kOpenExisting, 0, cache), 0u);
-    ASSERT_EQ(file.SetFilePtr(0, zr::kFileEnd), 1);
+    ASSERT_EQ(file.Open(kRW, 0, zr::os::kOpenExisting, 0, cache), 0u);
+    ASSERT_EQ(file.SetFilePtr(0, zr::os::kFileEnd), 1);
     ASSERT_EQ(file.FileLock(0, 0), 1);
     const std::string more = Pattern(100);
     ASSERT_EQ(file.Write(more.data(), 100), 100u);
@@ -600,7 +602,7 @@ TEST(CZRFile, WholeFileLockAndUnlockNameTheSameRange) {
     EXPECT_EQ(file.FileUnlock(0, 0), 0);  // the count went back to 0
     EXPECT_EQ(file.FileLock(5, 0), 1);    // nothing of the range stayed locked
     EXPECT_EQ(file.FileUnlock(5, 0), 1);
-    zr::ScopedDiagCapture capture;
+    zr::os::ScopedDiagCapture capture;
     zrtest::DebugMode debug(1);
     EXPECT_EQ(file.Close(), 1);
     EXPECT_EQ(capture.Text().find("Attempt to close file while locked"), std::string::npos);
@@ -615,7 +617,7 @@ TEST(CZRFile, WriteCacheLivesInANamedHeap) {
   unsigned int items_before = 0;
   const unsigned long bytes_before = pool->GetHeapState(items_before);
   CZRFile file(W(dir.File("cached.bin")).c_str());
-  ASSERT_EQ(file.Open(kRW, 0, zr::kCreateAlways, 0, 4096), 0u);
+  ASSERT_EQ(file.Open(kRW, 0, zr::os::kCreateAlways, 0, 4096), 0u);
   unsigned int items = 0;
   EXPECT_EQ(pool->GetHeapState(items), bytes_before + 4096 + 8);
   EXPECT_EQ(items, items_before + 1);
@@ -640,9 +642,9 @@ TEST(CZRFile, OperationsByNameAgainstCloseOnAnotherThread) {
   });
   start.arrive_and_wait();
   for (int i = 0; i < kRounds; ++i) {
-    const unsigned int by_path = file.Open(path.c_str(), kRW, 0, zr::kOpenAlways, 0, 64);
+    const unsigned int by_path = file.Open(path.c_str(), kRW, 0, zr::os::kOpenAlways, 0, 64);
     EXPECT_TRUE(by_path == CZRFile::kOpened || by_path == CZRFile::kAlreadyOpen) << by_path;
-    const unsigned int stored = file.Open(kRW, 0, zr::kOpenAlways, 0, 64);
+    const unsigned int stored = file.Open(kRW, 0, zr::os::kOpenAlways, 0, 64);
     EXPECT_TRUE(stored == CZRFile::kOpened || stored == CZRFile::kAlreadyOpen) << stored;
     const int copied = file.Copy(copy.c_str(), FALSE);
     EXPECT_TRUE(copied == 0 || copied == 1);
@@ -683,44 +685,44 @@ TEST(CZRFile, TimesAndAttributes) {
   EXPECT_EQ(CZRFile::TouchFile(W(dir.File("missing")).c_str()), 0);
 
   // Through an open handle: reading handles cannot set times.
-  ASSERT_EQ(file.Open(kGenericRead, zr::kFileShareRead, zr::kOpenExisting, 0, 0), 0u);
+  ASSERT_EQ(file.Open(os::kGenericRead, os::kFileShareRead, os::kOpenExisting, 0, 0), 0u);
   EXPECT_EQ(file.SetTime(nullptr, nullptr, &w), 0);
   EXPECT_EQ(file.GetTime(nullptr, nullptr, &w2), 1);
   file.Close();
 
   // Attributes: stored ones win over what the file system says.
   const std::u16string wpath = W(path);
-  EXPECT_EQ(zr::GetFileAttributesW(wpath.c_str()), zr::kFileAttributeNormal);
-  EXPECT_EQ(zr::GetFileAttributesW(W(dir.path()).c_str()), zr::kFileAttributeDirectory);
-  EXPECT_EQ(zr::GetFileAttributesW(W(dir.File("missing")).c_str()), zr::kInvalidFileAttributes);
-  ASSERT_TRUE(zr::SetFileAttributesW(wpath.c_str(), zr::kFileAttributeReadOnly | zr::kFileAttributeHidden));
-  EXPECT_EQ(zr::GetFileAttributesW(wpath.c_str()), zr::kFileAttributeReadOnly | zr::kFileAttributeHidden);
-  EXPECT_EQ(file.Open(kGenericWrite, 0, zr::kOpenExisting, 0, 0), 2u);
+  EXPECT_EQ(os::GetFileAttributesW(wpath.c_str()), os::kFileAttributeNormal);
+  EXPECT_EQ(os::GetFileAttributesW(W(dir.path()).c_str()), os::kFileAttributeDirectory);
+  EXPECT_EQ(os::GetFileAttributesW(W(dir.File("missing")).c_str()), os::kInvalidFileAttributes);
+  ASSERT_TRUE(os::SetFileAttributesW(wpath.c_str(), os::kFileAttributeReadOnly | os::kFileAttributeHidden));
+  EXPECT_EQ(os::GetFileAttributesW(wpath.c_str()), os::kFileAttributeReadOnly | os::kFileAttributeHidden);
+  EXPECT_EQ(file.Open(os::kGenericWrite, 0, os::kOpenExisting, 0, 0), 2u);
   EXPECT_EQ(file.Delete(), 0);
-  EXPECT_EQ(file.Open(kGenericRead, 0, zr::kOpenExisting, 0, 0), 0u);
+  EXPECT_EQ(file.Open(os::kGenericRead, 0, os::kOpenExisting, 0, 0), 0u);
   file.Close();
-  ASSERT_TRUE(zr::SetFileAttributesW(wpath.c_str(), zr::kFileAttributeNormal));
-  EXPECT_EQ(zr::GetFileAttributesW(wpath.c_str()), zr::kFileAttributeNormal);
-  EXPECT_EQ(file.Open(kGenericWrite, 0, zr::kOpenExisting, 0, 0), 0u);
+  ASSERT_TRUE(os::SetFileAttributesW(wpath.c_str(), os::kFileAttributeNormal));
+  EXPECT_EQ(os::GetFileAttributesW(wpath.c_str()), os::kFileAttributeNormal);
+  EXPECT_EQ(file.Open(os::kGenericWrite, 0, os::kOpenExisting, 0, 0), 0u);
   file.Close();
 
   // A new file takes the attributes it was created with; a copy keeps them and the write time.
   CZRFile hidden(W(dir.File("hidden.bin")).c_str());
-  ASSERT_EQ(hidden.Open(kGenericWrite, 0, zr::kCreateNew, zr::kFileAttributeHidden, 0), 0u);
+  ASSERT_EQ(hidden.Open(os::kGenericWrite, 0, os::kCreateNew, os::kFileAttributeHidden, 0), 0u);
   hidden.Write("h", 1);
   hidden.Close();
   EXPECT_EQ(hidden.SetTime(nullptr, nullptr, &w), 1);
-  EXPECT_EQ(zr::GetFileAttributesW(W(dir.File("hidden.bin")).c_str()), zr::kFileAttributeHidden);
+  EXPECT_EQ(os::GetFileAttributesW(W(dir.File("hidden.bin")).c_str()), os::kFileAttributeHidden);
   EXPECT_EQ(hidden.Copy(W(dir.File("hidden-copy.bin")).c_str(), TRUE), 1);
-  zr::FileInfo info;
-  ASSERT_TRUE(zr::GetFileInfoW(W(dir.File("hidden-copy.bin")).c_str(), &info));
-  EXPECT_EQ(info.attributes, zr::kFileAttributeHidden);
+  os::FileInfo info;
+  ASSERT_TRUE(os::GetFileInfoW(W(dir.File("hidden-copy.bin")).c_str(), &info));
+  EXPECT_EQ(info.attributes, os::kFileAttributeHidden);
   EXPECT_EQ(info.last_write_time, write);
   EXPECT_EQ(info.size, 1u);
 }
 
-zr::DiskFreeSpace g_fake_space;
-BOOL FakeSpace(const char16_t*, zr::DiskFreeSpace* space) {
+os::DiskFreeSpace g_fake_space;
+BOOL FakeSpace(const char16_t*, os::DiskFreeSpace* space) {
   *space = g_fake_space;
   return g_fake_space.bytes_per_sector != 0;
 }
@@ -739,7 +741,7 @@ TEST(CZRFile, FreeDiskSpaceIsWholeClustersClampedTo32Bits) {
   EXPECT_EQ(CZRFile::GetFreeDiskSpace(nullptr), 0u);
   EXPECT_EQ(CZRFile::GetFreeDiskSpace(u""), 0u);
 
-  const zr::DiskFreeSpaceSource previous = zr::SetDiskFreeSpaceSource(FakeSpace);
+  const os::DiskFreeSpaceSource previous = os::SetDiskFreeSpaceSource(FakeSpace);
   g_fake_space = {8, 512, 10, 100};
   EXPECT_EQ(CZRFile::GetFreeDiskSpace(u"/x"), 40960u);
   g_fake_space = {8, 512, 1ull << 40, 1ull << 41};
@@ -748,7 +750,7 @@ TEST(CZRFile, FreeDiskSpaceIsWholeClustersClampedTo32Bits) {
   EXPECT_EQ(CZRFile::GetFreeDiskSpace(u"/x"), 3000u * (0xFFFFFFFFu / 3000u));
   g_fake_space = {0, 0, 5, 5};
   EXPECT_EQ(CZRFile::GetFreeDiskSpace(u"/x"), 0u);
-  zr::SetDiskFreeSpaceSource(previous);
+  os::SetDiskFreeSpaceSource(previous);
 }
 
 TEST(CZRFile, InfoAttributesAndVolumeByName) {
@@ -778,7 +780,7 @@ TEST(CZRFile, InfoAttributesAndVolumeByName) {
   EXPECT_EQ(CZRFile::GetLastError(), CZRFile::kErrorFileNotFound);
   EXPECT_FALSE(CZRFile::GetInfo(W(dir.File("missing")).c_str(), &info));
 
-  const zr::DiskFreeSpaceSource previous = zr::SetDiskFreeSpaceSource(FakeSpace);
+  const zr::os::DiskFreeSpaceSource previous = zr::os::SetDiskFreeSpaceSource(FakeSpace);
   g_fake_space = {8, 512, 1ull << 40, 1ull << 41};
   UINT64 free_bytes = 0;
   DWORD cluster = 0;
@@ -787,63 +789,63 @@ TEST(CZRFile, InfoAttributesAndVolumeByName) {
   EXPECT_EQ(free_bytes, 4096ull << 40);  // the full figure, beyond 32 bits
   g_fake_space = {};
   EXPECT_FALSE(CZRFile::GetVolumeSpace(u"/x", &free_bytes, &cluster));
-  zr::SetDiskFreeSpaceSource(previous);
+  zr::os::SetDiskFreeSpaceSource(previous);
 }
 
 TEST(CZRFile, PlatformLayerRefusesBadArguments) {
   zrtest::TempDir dir;
   const std::u16string path = W(dir.File("bad.bin"));
-  EXPECT_EQ(zr::CreateFileW(nullptr, kGenericRead, 0, zr::kOpenExisting, 0), zr::kInvalidFile);
-  EXPECT_EQ(zr::CreateFileW(path.c_str(), kGenericRead, 0, 9, 0), zr::kInvalidFile);
-  EXPECT_EQ(zr::GetLastFileError(), zr::kErrorInvalidParameter);
-  EXPECT_EQ(zr::CreateFileW(path.c_str(), kGenericRead, 0, zr::kOpenExisting, 0), zr::kInvalidFile);
-  EXPECT_EQ(zr::GetLastFileError(), zr::kErrorFileNotFound);
-  EXPECT_EQ(zr::CreateFileW(W(dir.File("no/dir/f")).c_str(), kGenericRead, 0, zr::kOpenExisting, 0),
-            zr::kInvalidFile);
-  EXPECT_EQ(zr::GetLastFileError(), zr::kErrorPathNotFound);
-  EXPECT_EQ(zr::CreateFileW(W(dir.path()).c_str(), kGenericRead, 0, zr::kOpenExisting, 0), zr::kInvalidFile);
-  EXPECT_EQ(zr::GetLastFileError(), zr::kErrorAccessDenied);
+  EXPECT_EQ(os::CreateFileW(nullptr, os::kGenericRead, 0, os::kOpenExisting, 0), os::kInvalidFile);
+  EXPECT_EQ(os::CreateFileW(path.c_str(), os::kGenericRead, 0, 9, 0), os::kInvalidFile);
+  EXPECT_EQ(os::GetLastError(), os::kErrorInvalidParameter);
+  EXPECT_EQ(os::CreateFileW(path.c_str(), os::kGenericRead, 0, os::kOpenExisting, 0), os::kInvalidFile);
+  EXPECT_EQ(os::GetLastError(), os::kErrorFileNotFound);
+  EXPECT_EQ(os::CreateFileW(W(dir.File("no/dir/f")).c_str(), os::kGenericRead, 0, os::kOpenExisting, 0),
+            os::kInvalidFile);
+  EXPECT_EQ(os::GetLastError(), os::kErrorPathNotFound);
+  EXPECT_EQ(os::CreateFileW(W(dir.path()).c_str(), os::kGenericRead, 0, os::kOpenExisting, 0), os::kInvalidFile);
+  EXPECT_EQ(os::GetLastError(), os::kErrorAccessDenied);
 
-  zr::FileHandle h = zr::CreateFileW(path.c_str(), kRW, 0, zr::kCreateNew, 0);
-  ASSERT_NE(h, zr::kInvalidFile);
-  EXPECT_EQ(zr::CreateFileW(path.c_str(), kRW, kShareRW, zr::kCreateNew, 0), zr::kInvalidFile);
-  EXPECT_EQ(zr::GetLastFileError(), zr::kErrorFileExists);
-  EXPECT_FALSE(zr::LockFile(h, 0, 0));
-  EXPECT_FALSE(zr::LockFile(h, ~0ull - 5, 10));
-  EXPECT_TRUE(zr::LockFile(h, 0, 10));
-  EXPECT_FALSE(zr::LockFile(h, 5, 1));  // overlaps a range this handle holds
-  EXPECT_EQ(zr::GetLastFileError(), zr::kErrorLockViolation);
-  EXPECT_FALSE(zr::UnlockFile(h, 0, 5));  // not the locked range
-  EXPECT_EQ(zr::GetLastFileError(), zr::kErrorNotLocked);
-  EXPECT_TRUE(zr::UnlockFile(h, 0, 10));
-  EXPECT_FALSE(zr::SetFilePointer(h, -1, zr::kFileBegin, nullptr));
-  EXPECT_EQ(zr::GetLastFileError(), zr::kErrorNegativeSeek);
-  EXPECT_FALSE(zr::WriteFile(h, nullptr, 4, nullptr));
-  EXPECT_EQ(zr::CreateFileMappingW(h, zr::kPageReadOnly, 0, nullptr), nullptr);  // empty file
-  EXPECT_EQ(zr::GetLastFileError(), zr::kErrorFileInvalid);
-  zr::FileMapping* m = zr::CreateFileMappingW(h, zr::kPageReadWrite, 70000, nullptr);
+  os::FileHandle h = os::CreateFileW(path.c_str(), kRW, 0, os::kCreateNew, 0);
+  ASSERT_NE(h, os::kInvalidFile);
+  EXPECT_EQ(os::CreateFileW(path.c_str(), kRW, kShareRW, os::kCreateNew, 0), os::kInvalidFile);
+  EXPECT_EQ(os::GetLastError(), os::kErrorFileExists);
+  EXPECT_FALSE(os::LockFile(h, 0, 0));
+  EXPECT_FALSE(os::LockFile(h, ~0ull - 5, 10));
+  EXPECT_TRUE(os::LockFile(h, 0, 10));
+  EXPECT_FALSE(os::LockFile(h, 5, 1));  // overlaps a range this handle holds
+  EXPECT_EQ(os::GetLastError(), os::kErrorLockViolation);
+  EXPECT_FALSE(os::UnlockFile(h, 0, 5));  // not the locked range
+  EXPECT_EQ(os::GetLastError(), os::kErrorNotLocked);
+  EXPECT_TRUE(os::UnlockFile(h, 0, 10));
+  EXPECT_FALSE(os::SetFilePointer(h, -1, os::kFileBegin, nullptr));
+  EXPECT_EQ(os::GetLastError(), os::kErrorNegativeSeek);
+  EXPECT_FALSE(os::WriteFile(h, nullptr, 4, nullptr));
+  EXPECT_EQ(os::CreateFileMappingW(h, os::kPageReadOnly, 0, nullptr), nullptr);  // empty file
+  EXPECT_EQ(os::GetLastError(), os::kErrorFileInvalid);
+  os::FileMapping* m = os::CreateFileMappingW(h, os::kPageReadWrite, 70000, nullptr);
   ASSERT_NE(m, nullptr);
-  EXPECT_EQ(zr::MapViewOfFile(m, zr::kFileMapRead, 4096, 10), nullptr);
-  EXPECT_EQ(zr::GetLastFileError(), zr::kErrorMappedAlignment);
-  EXPECT_EQ(zr::MapViewOfFile(m, zr::kFileMapRead, 65536, 10000), nullptr);  // beyond the mapping
-  EXPECT_TRUE(zr::CloseFileMapping(m));
-  EXPECT_FALSE(zr::UnmapViewOfFile(&m));
-  EXPECT_FALSE(zr::FlushViewOfFile(&m, 1));
-  EXPECT_TRUE(zr::CloseFile(h));
-  EXPECT_FALSE(zr::CloseFile(nullptr));
-  EXPECT_FALSE(zr::ReadFile(nullptr, nullptr, 0, nullptr));
-  EXPECT_FALSE(zr::DeleteFileW(W(dir.File("missing")).c_str()));
-  EXPECT_FALSE(zr::MoveFileW(path.c_str(), W(dir.File("no/dir/f")).c_str()));
-  EXPECT_EQ(zr::GetLastFileError(), zr::kErrorPathNotFound);
+  EXPECT_EQ(os::MapViewOfFile(m, os::kFileMapRead, 4096, 10), nullptr);
+  EXPECT_EQ(os::GetLastError(), os::kErrorMappedAlignment);
+  EXPECT_EQ(os::MapViewOfFile(m, os::kFileMapRead, 65536, 10000), nullptr);  // beyond the mapping
+  EXPECT_TRUE(os::CloseFileMapping(m));
+  EXPECT_FALSE(os::UnmapViewOfFile(&m));
+  EXPECT_FALSE(os::FlushViewOfFile(&m, 1));
+  EXPECT_TRUE(os::CloseFile(h));
+  EXPECT_FALSE(os::CloseFile(nullptr));
+  EXPECT_FALSE(os::ReadFile(nullptr, nullptr, 0, nullptr));
+  EXPECT_FALSE(os::DeleteFileW(W(dir.File("missing")).c_str()));
+  EXPECT_FALSE(os::MoveFileW(path.c_str(), W(dir.File("no/dir/f")).c_str()));
+  EXPECT_EQ(os::GetLastError(), os::kErrorPathNotFound);
 
   CZRFile file(path.c_str());
   EXPECT_EQ(file.FlushView(nullptr, 0), 0);
   EXPECT_EQ(file.WaitFileLock(0, 1, 0xFFFFFFFFu), 0);  // closed: no endless wait
   EXPECT_EQ(file.SetEOF(0), 0);
-  EXPECT_EQ(file.MapFile(0xFFFFFFFFu, 0, zr::kOpenExisting, 0, zr::kPageReadOnly, 0, 1, nullptr, zr::kFileMapRead, 0),
+  EXPECT_EQ(file.MapFile(0xFFFFFFFFu, 0, os::kOpenExisting, 0, os::kPageReadOnly, 0, 1, nullptr, os::kFileMapRead, 0),
             nullptr);
   EXPECT_EQ(file.GetStatus(), CZRFile::kStatusNeverOpened);
-  ASSERT_EQ(file.Open(kRW, 0, zr::kOpenExisting, 0, 0), 0u);
+  ASSERT_EQ(file.Open(kRW, 0, os::kOpenExisting, 0, 0), 0u);
   EXPECT_EQ(file.SetFilePtr(0x7FFFFFFF, 0), 1);
   EXPECT_EQ(file.SetFilePtr(0x7FFFFFFF, 1), 1);
   EXPECT_EQ(file.SetFilePtr(2, 1), 0);  // past the 32-bit limit

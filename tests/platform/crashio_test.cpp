@@ -11,7 +11,7 @@ namespace {
 template <class... A>
 std::string Fixed(std::string_view format, const A&... a) {
   char buffer[256];
-  zr::FixedText text(buffer, sizeof buffer);
+  zr::os::FixedText text(buffer, sizeof buffer);
   text.Format(format, a...);
   return text.c_str();
 }

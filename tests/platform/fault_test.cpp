@@ -9,20 +9,22 @@
 #include "platform/fault.h"
 #include "platform/platdiag.h"
 
+namespace os = zr::os;
+
 namespace {
 
 TEST(Fault, ProbeReadAcceptsMappedAndRejectsUnmapped) {
   const char text[] = "probe me";
   char copy[sizeof text] = {};
-  EXPECT_TRUE(zr::ProbeRead(text, copy, sizeof text));
+  EXPECT_TRUE(os::ProbeRead(text, copy, sizeof text));
   EXPECT_STREQ(copy, "probe me");
-  EXPECT_FALSE(zr::ProbeRead(nullptr, copy, 1));
-  EXPECT_FALSE(zr::ProbeRead(reinterpret_cast<const void*>(16), copy, 4));
-  EXPECT_TRUE(zr::ProbeRead(reinterpret_cast<const void*>(16), copy, 0));
+  EXPECT_FALSE(os::ProbeRead(nullptr, copy, 1));
+  EXPECT_FALSE(os::ProbeRead(reinterpret_cast<const void*>(16), copy, 4));
+  EXPECT_TRUE(os::ProbeRead(reinterpret_cast<const void*>(16), copy, 0));
   char buffer[8] = "abc";
-  EXPECT_TRUE(zr::ProbeWritable(buffer, sizeof buffer));
+  EXPECT_TRUE(os::ProbeWritable(buffer, sizeof buffer));
   EXPECT_STREQ(buffer, "abc");
-  EXPECT_FALSE(zr::ProbeWritable(const_cast<char*>(static_cast<const char*>("literal")), 4));
+  EXPECT_FALSE(os::ProbeWritable(const_cast<char*>(static_cast<const char*>("literal")), 4));
 }
 
 volatile int g_zero = 0;
@@ -31,16 +33,16 @@ int* volatile g_wild = reinterpret_cast<int*>(0x10);  // unmapped, and not null 
 __attribute__((no_sanitize("undefined"))) void DivideByZero() { g_zero = 10 / g_zero; }
 
 TEST(Fault, GuardedCallTurnsSignalsIntoCodes) {
-  EXPECT_EQ(zr::Guarded([] {}), 0u);
-  EXPECT_EQ(zr::Guarded([] { *g_wild = 1; }), 0xC0000005u);
-  EXPECT_EQ(zr::Guarded([] { DivideByZero(); }), 0xC0000094u);
+  EXPECT_EQ(os::Guarded([] {}), 0u);
+  EXPECT_EQ(os::Guarded([] { *g_wild = 1; }), 0xC0000005u);
+  EXPECT_EQ(os::Guarded([] { DivideByZero(); }), 0xC0000094u);
   // Nested guards: the inner fault is handled by the inner guard, the outer call completes.
   std::uint32_t inner = 1;
-  EXPECT_EQ(zr::Guarded([&] { inner = zr::Guarded([] { *g_wild = 2; }); }), 0u);
+  EXPECT_EQ(os::Guarded([&] { inner = os::Guarded([] { *g_wild = 2; }); }), 0u);
   EXPECT_EQ(inner, 0xC0000005u);
   // Guards are per thread.
   std::uint32_t other = 0;
-  std::thread t([&] { other = zr::Guarded([] { *g_wild = 3; }); });
+  std::thread t([&] { other = os::Guarded([] { *g_wild = 3; }); });
   t.join();
   EXPECT_EQ(other, 0xC0000005u);
 }
@@ -53,8 +55,8 @@ TEST(Fault, GuardedFaultKeepsTheSignalMask) {
   sigaddset(&usr2, SIGUSR2);
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &usr2, &before), 0);
   for (int round = 0; round < 2; ++round) {  // a second fault is caught as well
-    EXPECT_EQ(zr::Guarded([] { *g_wild = 4; }), 0xC0000005u);
-    EXPECT_EQ(zr::Guarded([] { DivideByZero(); }), 0xC0000094u);
+    EXPECT_EQ(os::Guarded([] { *g_wild = 4; }), 0xC0000005u);
+    EXPECT_EQ(os::Guarded([] { DivideByZero(); }), 0xC0000094u);
   }
   ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &before, &after), 0);
   EXPECT_EQ(sigismember(&after, SIGUSR2), 1);
@@ -64,11 +66,11 @@ TEST(Fault, GuardedFaultKeepsTheSignalMask) {
 
 TEST(Fault, StackWalkFindsThisFunction) {
   std::uintptr_t frames[16];
-  const int n = CaptureCallStack(reinterpret_cast<std::uintptr_t>(__builtin_return_address(0)),
+  const int n = os::CaptureCallStack(reinterpret_cast<std::uintptr_t>(__builtin_return_address(0)),
                                  reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0)), frames, 16);
   ASSERT_GE(n, 2);
-  EXPECT_NE(GetAddressInfoString(frames[0]).find("platform_tests"), std::string::npos);
-  EXPECT_EQ(CaptureCallStack(0, 0x10, frames, 16), 0);  // a wild frame pointer ends the walk quietly
+  EXPECT_NE(os::GetAddressInfoString(frames[0]).find("platform_tests"), std::string::npos);
+  EXPECT_EQ(os::CaptureCallStack(0, 0x10, frames, 16), 0);  // a wild frame pointer ends the walk quietly
 }
 
 }  // namespace

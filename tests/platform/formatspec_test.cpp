@@ -8,10 +8,10 @@
 
 namespace {
 
-using zr::FormatKind;
-using zr::FormatLength;
-using zr::FormatSpec;
-using zr::ParseFormatSpec;
+using zr::os::FormatKind;
+using zr::os::FormatLength;
+using zr::os::FormatSpec;
+using zr::os::ParseFormatSpec;
 
 struct LengthCase {
   const char* text;
@@ -38,11 +38,11 @@ TEST(FormatSpec, LengthModifiers) {
     SCOPED_TRACE(c.text);
     const FormatSpec s = ParseFormatSpec(std::string_view(c.text));
     EXPECT_EQ(s.length, c.length);
-    EXPECT_EQ(zr::IntegerBytes(s.length), c.integer_bytes);
+    EXPECT_EQ(zr::os::IntegerBytes(s.length), c.integer_bytes);
     EXPECT_EQ(s.conversion, c.conversion);
     EXPECT_EQ(s.size, c.size);
     // The wide parser reads the same text alike.
-    const FormatSpec w = ParseFormatSpec(std::u16string_view(zr::Utf8ToUtf16(c.text)));
+    const FormatSpec w = ParseFormatSpec(std::u16string_view(zr::os::Utf8ToUtf16(c.text)));
     EXPECT_EQ(w.length, s.length);
     EXPECT_EQ(w.kind, s.kind);
     EXPECT_EQ(w.size, s.size);
@@ -50,13 +50,13 @@ TEST(FormatSpec, LengthModifiers) {
 }
 
 TEST(FormatSpec, TextWidthOfModifiers) {
-  EXPECT_EQ(zr::TextWidth(FormatLength::kNone), zr::FormatTextWidth::kDefault);
-  EXPECT_EQ(zr::TextWidth(FormatLength::kShort), zr::FormatTextWidth::kNarrow);
-  EXPECT_EQ(zr::TextWidth(FormatLength::kChar), zr::FormatTextWidth::kNarrow);
-  EXPECT_EQ(zr::TextWidth(FormatLength::kLong), zr::FormatTextWidth::kWide);
-  EXPECT_EQ(zr::TextWidth(FormatLength::kLongLong), zr::FormatTextWidth::kWide);
-  EXPECT_EQ(zr::TextWidth(FormatLength::kWide), zr::FormatTextWidth::kWide);
-  EXPECT_EQ(zr::TextWidth(FormatLength::kI64), zr::FormatTextWidth::kDefault);
+  EXPECT_EQ(zr::os::TextWidth(FormatLength::kNone), zr::os::FormatTextWidth::kDefault);
+  EXPECT_EQ(zr::os::TextWidth(FormatLength::kShort), zr::os::FormatTextWidth::kNarrow);
+  EXPECT_EQ(zr::os::TextWidth(FormatLength::kChar), zr::os::FormatTextWidth::kNarrow);
+  EXPECT_EQ(zr::os::TextWidth(FormatLength::kLong), zr::os::FormatTextWidth::kWide);
+  EXPECT_EQ(zr::os::TextWidth(FormatLength::kLongLong), zr::os::FormatTextWidth::kWide);
+  EXPECT_EQ(zr::os::TextWidth(FormatLength::kWide), zr::os::FormatTextWidth::kWide);
+  EXPECT_EQ(zr::os::TextWidth(FormatLength::kI64), zr::os::FormatTextWidth::kDefault);
 }
 
 struct KindCase {
@@ -105,8 +105,8 @@ TEST(FormatSpec, FlagsWidthAndPrecision) {
   EXPECT_EQ(s.precision, 0);  // a '.' alone is precision 0
 
   s = ParseFormatSpec(std::string_view("%999999999.3000000000d"));
-  EXPECT_EQ(s.width, zr::kMaxFormatWidth);
-  EXPECT_EQ(s.precision, zr::kMaxFormatWidth);
+  EXPECT_EQ(s.width, zr::os::kMaxFormatWidth);
+  EXPECT_EQ(s.precision, zr::os::kMaxFormatWidth);
 }
 
 TEST(FormatSpec, StarWidthAndPrecisionComeFromArguments) {
@@ -115,23 +115,23 @@ TEST(FormatSpec, StarWidthAndPrecisionComeFromArguments) {
   EXPECT_TRUE(s.precision_from_arg);
   EXPECT_EQ(s.kind, FormatKind::kReal);
   EXPECT_EQ(s.size, 5u);
-  zr::SetWidthFromArg(s, 7);
-  zr::SetPrecisionFromArg(s, 2);
+  zr::os::SetWidthFromArg(s, 7);
+  zr::os::SetPrecisionFromArg(s, 2);
   EXPECT_EQ(s.width, 7);
   EXPECT_EQ(s.precision, 2);
   EXPECT_FALSE(s.left);
 
   // A negative width left-justifies; a negative precision is none.
-  zr::SetWidthFromArg(s, -4);
-  zr::SetPrecisionFromArg(s, -1);
+  zr::os::SetWidthFromArg(s, -4);
+  zr::os::SetPrecisionFromArg(s, -1);
   EXPECT_TRUE(s.left);
   EXPECT_EQ(s.width, 4);
   EXPECT_EQ(s.precision, -1);
 
-  zr::SetWidthFromArg(s, -2147483647 - 1);
-  EXPECT_EQ(s.width, zr::kMaxFormatWidth);
-  zr::SetPrecisionFromArg(s, 2147483647);
-  EXPECT_EQ(s.precision, zr::kMaxFormatWidth);
+  zr::os::SetWidthFromArg(s, -2147483647 - 1);
+  EXPECT_EQ(s.width, zr::os::kMaxFormatWidth);
+  zr::os::SetPrecisionFromArg(s, 2147483647);
+  EXPECT_EQ(s.precision, zr::os::kMaxFormatWidth);
 
   s = ParseFormatSpec(std::string_view("%-*d"));
   EXPECT_TRUE(s.left && s.width_from_arg && !s.precision_from_arg);

@@ -6,9 +6,9 @@
 
 namespace {
 
-std::string W(std::u16string_view format) { return zr::Utf16ToUtf8(zr::FormatWide(format)); }
+std::string W(std::u16string_view format) { return zr::os::Utf16ToUtf8(zr::os::FormatWide(format)); }
 template <class... A>
-std::string W(std::u16string_view format, const A&... a) { return zr::Utf16ToUtf8(zr::FormatWide(format, a...)); }
+std::string W(std::u16string_view format, const A&... a) { return zr::os::Utf16ToUtf8(zr::os::FormatWide(format, a...)); }
 
 TEST(WFormat, IntegersFollowWindowsSizes) {
   EXPECT_EQ(W(u"%d|%u|%x|%X|%o", -1, -1, 255u, 0xABCDu, 8), "-1|4294967295|ff|ABCD|10");
@@ -75,22 +75,22 @@ TEST(WFormat, SurrogatePairsCountAsTwoUnits) {
   const char16_t pair[] = {0xD83D, 0xDE00, 0};
   const std::u16string smile(pair);
   // Widths and precisions count UTF-16 units, as the wide C library does.
-  EXPECT_EQ(zr::FormatWide(u"[%4s]", pair), u"[  " + smile + u"]");
-  EXPECT_EQ(zr::FormatWide(u"[%-3s]", pair), u"[" + smile + u" ]");
-  EXPECT_EQ(zr::FormatWide(u"%.1s", pair), std::u16string(1, char16_t{0xD83D}));  // cut inside the pair
+  EXPECT_EQ(zr::os::FormatWide(u"[%4s]", pair), u"[  " + smile + u"]");
+  EXPECT_EQ(zr::os::FormatWide(u"[%-3s]", pair), u"[" + smile + u" ]");
+  EXPECT_EQ(zr::os::FormatWide(u"%.1s", pair), std::u16string(1, char16_t{0xD83D}));  // cut inside the pair
   EXPECT_EQ(W(u"%.1s", pair), "\xEF\xBF\xBD");  // which converts to U+FFFD, never invalid UTF-8
-  EXPECT_EQ(zr::FormatWide(u"%hs", "\xF0\x9F\x98\x80"), smile);  // narrow UTF-8 becomes the pair
+  EXPECT_EQ(zr::os::FormatWide(u"%hs", "\xF0\x9F\x98\x80"), smile);  // narrow UTF-8 becomes the pair
   EXPECT_EQ(W(u"%hs", "a\xFF" "b"), "a\xEF\xBF\xBD" "b");         // invalid UTF-8 becomes U+FFFD
   const std::u16string truncated = {char16_t{0xF600}, char16_t{0xD83D}};
-  EXPECT_EQ(zr::FormatWide(u"%c%lc", 0x1F600, 0xD83D), truncated);  // %c keeps 16 bits
-  EXPECT_EQ(zr::FormatWide(u"%hc", 0x1E9), u"\u00E9");  // a narrow %c keeps the low byte
+  EXPECT_EQ(zr::os::FormatWide(u"%c%lc", 0x1F600, 0xD83D), truncated);  // %c keeps 16 bits
+  EXPECT_EQ(zr::os::FormatWide(u"%hc", 0x1E9), u"\u00E9");  // a narrow %c keeps the low byte
   const std::u16string in_format = u"\u00E9" + smile + u"%d";
-  EXPECT_EQ(zr::FormatWide(in_format, 1), u"\u00E9" + smile + u"1");
+  EXPECT_EQ(zr::os::FormatWide(in_format, 1), u"\u00E9" + smile + u"1");
 }
 
 TEST(WFormat, NarrowFormatsAndMalformedSpecifications) {
-  EXPECT_EQ(zr::FormatNarrow("%s %ls %S %hs %c", "n", u"w", u"W", "h", 'c'), "n w W h c");
-  EXPECT_EQ(zr::FormatNarrow("%-4s|%08.3f|%I64d", "ab", 3.5, std::int64_t{1} << 40), "ab  |0003.500|1099511627776");
+  EXPECT_EQ(zr::os::FormatNarrow("%s %ls %S %hs %c", "n", u"w", u"W", "h", 'c'), "n w W h c");
+  EXPECT_EQ(zr::os::FormatNarrow("%-4s|%08.3f|%I64d", "ab", 3.5, std::int64_t{1} << 40), "ab  |0003.500|1099511627776");
   EXPECT_EQ(W(u""), "");
   EXPECT_EQ(W(u"%-"), "%-");
   EXPECT_EQ(W(u"%."), "%.");
@@ -101,7 +101,7 @@ TEST(WFormat, NarrowFormatsAndMalformedSpecifications) {
   EXPECT_EQ(W(u"%*d|%-*d|%.*s|", -4, 1, 3, 2, -1, u"all"), "1   |2  |all|");  // negative star values
   EXPECT_EQ(W(u"%*d"), "0");                       // star and value missing
   EXPECT_EQ(W(u"%d %d", 1, 2, 3, 4), "1 2");       // extra arguments are ignored
-  EXPECT_EQ(zr::FormatWide(u"%c", u"str").size(), 1u);  // a pointer given to %c: one unit, no crash
+  EXPECT_EQ(zr::os::FormatWide(u"%c", u"str").size(), 1u);  // a pointer given to %c: one unit, no crash
   EXPECT_EQ(W(u"%ls|%hs", 5, 6), "(?)|(?)");
   EXPECT_EQ(W(u"%.3000000000d", 1).size(), 100000u);
 }

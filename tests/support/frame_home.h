@@ -31,7 +31,7 @@ class ScopedHome {
  private:
   static void Forget() {
     zr::testing::ResetSettingsFile();
-    zr::IniDropCache();
+    zr::os::IniDropCache();
   }
   TempDir dir_;
   std::string previous_;

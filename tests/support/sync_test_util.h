@@ -33,15 +33,15 @@ class FakeTicks {
  public:
   explicit FakeTicks(std::uint32_t start) {
     now_.store(start);
-    previous_ = zr::SetTickSource(&Read);
+    previous_ = zr::os::SetTickSource(&Read);
   }
-  ~FakeTicks() { zr::SetTickSource(previous_); }
+  ~FakeTicks() { zr::os::SetTickSource(previous_); }
   static void Advance(std::uint32_t ms) { now_.fetch_add(ms); }
 
  private:
   static std::uint32_t Read() { return now_.load(); }
   static inline std::atomic<std::uint32_t> now_{0};
-  zr::TickSource previous_;
+  zr::os::TickSource previous_;
 };
 
 // Polls `done` until it holds or `timeout_ms` passes; the poll interval is not a synchronisation.

@@ -51,17 +51,17 @@ struct DebugMode {
 class ScopedQuietBeep {
  public:
   ScopedQuietBeep() {
-    zr::DesktopHandlers quiet = zr::SetDesktopHandlers({});
+    zr::os::DesktopHandlers quiet = zr::os::SetDesktopHandlers({});
     previous_ = quiet;
     quiet.message_beep = [](UINT) { return BOOL{1}; };
-    zr::SetDesktopHandlers(quiet);
+    zr::os::SetDesktopHandlers(quiet);
   }
-  ~ScopedQuietBeep() { zr::SetDesktopHandlers(previous_); }
+  ~ScopedQuietBeep() { zr::os::SetDesktopHandlers(previous_); }
   ScopedQuietBeep(const ScopedQuietBeep&) = delete;
   ScopedQuietBeep& operator=(const ScopedQuietBeep&) = delete;
 
  private:
-  zr::DesktopHandlers previous_;
+  zr::os::DesktopHandlers previous_;
 };
 
 }  // namespace zrtest

@@ -14,7 +14,7 @@ bool IsHighSurrogate(char16_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
 bool IsLowSurrogate(char16_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
 bool IsUtf8Continuation(char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; }
 
-std::u16string_view WideView(const WCHAR* text) { return {text, zr::WStrLen(text)}; }
+std::u16string_view WideView(const WCHAR* text) { return {text, zr::os::WStrLen(text)}; }
 
 // Copies `text` and its terminator into dest[0, capacity) when it fits; otherwise the longest prefix
 // of whole characters that leaves room for the terminator, and the result is 0.
@@ -114,25 +114,25 @@ UINT DF_ANSIBufferSize(const WCHAR* text) {
 
 UINT DF_WideLen(const char* text) {
   if (!text || !*text) return 0;
-  return static_cast<UINT>(zr::Utf8ToUtf16(text).size());
+  return static_cast<UINT>(zr::os::Utf8ToUtf16(text).size());
 }
 
 UINT DF_ANSILen(const WCHAR* text) {
   if (!text || !*text) return 0;
-  return static_cast<UINT>(zr::Utf16ToUtf8(WideView(text)).size());
+  return static_cast<UINT>(zr::os::Utf16ToUtf8(WideView(text)).size());
 }
 
 UINT DF_ToWideBuffer(WCHAR* dest, const char* src, UINT units) {
   if (!dest || !src || units == 0) return 0;
-  return StoreWide(dest, zr::Utf8ToUtf16(src), units);
+  return StoreWide(dest, zr::os::Utf8ToUtf16(src), units);
 }
 
 UINT DF_ToANSIBuffer(char* dest, const WCHAR* src, UINT bytes) {
   if (!dest || !src || bytes == 0) return 0;
-  return StoreNarrow(dest, zr::Utf16ToUtf8(WideView(src)), bytes);
+  return StoreNarrow(dest, zr::os::Utf16ToUtf8(WideView(src)), bytes);
 }
 
 UINT DF_ToANSIPath(char* dest, const WCHAR* src, UINT bytes) {
   if (!dest || !src || bytes == 0) return 0;
-  return StoreNarrow(dest, zr::Utf16ToUtf8(WithoutLoneSurrogates(WideView(src))), bytes);
+  return StoreNarrow(dest, zr::os::Utf16ToUtf8(WithoutLoneSurrogates(WideView(src))), bytes);
 }

@@ -15,7 +15,7 @@ inline constexpr DWORD DLL_THREAD_DETACH = 3;
 
 // The library's entry point; the load constructor, the unload destructor and the thread hooks
 // call it with the reason code. Exported so that tests can drive it directly.
-ZROBJ_EXTERN_C ZROBJ_API BOOL ZROBJ_DllMain(HMODULE module, DWORD reason, void* reserved);
+ZROBJ_EXTERN_C BOOL ZROBJ_DllMain(HMODULE module, DWORD reason, void* reserved);
 
 namespace zr {
 
@@ -31,11 +31,11 @@ void MarkCurrentThreadAttached();
 
 // Runs thread attach once for the calling thread (on its first use of the library) and arranges
 // thread detach at its end. Cheap after the first call: one thread_local test.
-ZROBJ_API void EnsureThreadAttached();
+void EnsureThreadAttached();
 
 // Start-up of the diagnostics modes: debug mode from the output's activity, debug keys and the
 // exception table's trap modes from "ZRO.INI". Runs at load, before process attach.
-ZROBJ_API void InitDiagnostics();
+void InitDiagnostics();
 
 // Destroys the settings file object (process detach); the next use creates it again.
 void DestroySettingsFile();
@@ -43,20 +43,20 @@ void DestroySettingsFile();
 // The first test of an object assertion ("BAD ACCESS"): true when calling `query` faulted.
 template <class F>
 bool FaultsOnCall(F&& query) {
-  return Guarded(std::forward<F>(query)) != 0;
+  return os::Guarded(std::forward<F>(query)) != 0;
 }
 
 namespace testing {
 // Forgets the settings file object, so the next current-setting call builds it from the current
 // Windows directory.
-ZROBJ_API void ResetSettingsFile();
+void ResetSettingsFile();
 // Empties the cached product name.
-ZROBJ_API void ResetProductName();
+void ResetProductName();
 // Replaces the library file name used by ZROBJ_GetAppRootDir and ZROBJ_GetProductName
 // (null restores the real one).
-ZROBJ_API void SetLibraryFileNameOverride(const WCHAR* path);
+void SetLibraryFileNameOverride(const WCHAR* path);
 // Number of thread detaches run from thread ends since load.
-ZROBJ_API DWORD ThreadExitDetachCount();
+DWORD ThreadExitDetachCount();
 }  // namespace testing
 
 }  // namespace zr

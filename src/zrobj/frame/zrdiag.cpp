@@ -13,6 +13,8 @@
 #include "frame/frame_internal.h"
 #include "zrobj/zrobj.h"
 
+namespace os = zr::os;
+
 namespace {
 
 DWORD g_debug_mode = 0;
@@ -90,7 +92,7 @@ int ScanHex8(const char16_t* text) {
 namespace zr {
 
 void InitDiagnostics() {
-  g_debug_mode = static_cast<DWORD>(Is_wPrintf_Active(0));
+  g_debug_mode = static_cast<DWORD>(os::Is_wPrintf_Active(0));
   g_debug_keys = static_cast<DWORD>(ZROBJ_GetProfileInt("ZROUtil", "DEBUGKEYS", 0, 1));
   const int trap_all = ZROBJ_GetProfileInt("ZROUtil", "TRAPALL", 0, 1);
   const int fallback = trap_all < 2 ? trap_all : 2;
@@ -118,7 +120,7 @@ DWORD IsDebugKeysOn() { return g_debug_keys; }
 
 int IsAsyncKeyPressed(int virtualKey) {
   if (!g_debug_keys) return 0;
-  return (static_cast<unsigned short>(GetAsyncKeyState(virtualKey)) & 0x8000u) ? 1 : 0;
+  return (static_cast<unsigned short>(os::GetAsyncKeyState(virtualKey)) & 0x8000u) ? 1 : 0;
 }
 
 void WarningMsg(const WCHAR* text, std::uintptr_t callerAddress, std::uintptr_t callerFrame) {
@@ -126,43 +128,43 @@ void WarningMsg(const WCHAR* text, std::uintptr_t callerAddress, std::uintptr_t 
   const DWORD mode = entry.dwTrapMode;
   if (!g_debug_mode || (mode & 2)) return;
   if (entry.lower < entry.upper && (callerAddress < entry.lower || callerAddress >= entry.upper)) return;
-  if ((mode & 8) && !WalkCallStack(callerAddress, callerFrame, -1, FilterText(entry).c_str())) return;
-  wPrintf(0, 3, u"\r\nWarning: %s\r\n", text);
-  WalkCallStack(callerAddress, callerFrame, (mode & 4) ? 1 : -1, nullptr);
-  if (mode & 1) DebugBreak();
+  if ((mode & 8) && !os::WalkCallStack(callerAddress, callerFrame, -1, FilterText(entry).c_str())) return;
+  os::wPrintf(0, 3, u"\r\nWarning: %s\r\n", text);
+  os::WalkCallStack(callerAddress, callerFrame, (mode & 4) ? 1 : -1, nullptr);
+  if (mode & 1) os::DebugBreak();
 }
 
 int DebugException() {
-  if (g_exceptions[ZR_EXC_EXPECTED].dwTrapMode & 1) DebugBreak();
+  if (g_exceptions[ZR_EXC_EXPECTED].dwTrapMode & 1) os::DebugBreak();
   return 1;
 }
 
 int StubMsg(const WCHAR* functionName, std::uintptr_t callerAddress) {
-  const std::u16string module = zr::Utf8ToUtf16(zr::ModuleFileNameFromAddress(callerAddress));
-  std::u16string text = zr::FormatWide(u"%s called by %s no longer supported", functionName, module);
+  const std::u16string module = os::Utf8ToUtf16(os::ModuleFileNameFromAddress(callerAddress));
+  std::u16string text = os::FormatWide(u"%s called by %s no longer supported", functionName, module);
   if (text.size() > ZR_MAX_PATH - 1) text.resize(ZR_MAX_PATH - 1);
-  return MessageBoxW(nullptr, text.c_str(), u"STUB MESSAGE", MB_ICONSTOP);
+  return os::MessageBoxW(nullptr, text.c_str(), u"STUB MESSAGE", os::MB_ICONSTOP);
 }
 
 int DetailedMessageBeep(UINT type, const char* file, int line) {
-  wPrintf(0, 9, u"\rMessage Beep: %hs, line %d\r\n", file, line);
-  return MessageBeep(type);
+  os::wPrintf(0, 9, u"\rMessage Beep: %hs, line %d\r\n", file, line);
+  return os::MessageBeep(type);
 }
 
 int _SetDlgItemHex(HWND dialog, int controlId, int value) {
-  return SetDlgItemTextW(dialog, controlId, zr::FormatWide(u"%08X", value).c_str());
+  return os::SetDlgItemTextW(dialog, controlId, os::FormatWide(u"%08X", value).c_str());
 }
 
 int _GetDlgItemHex(HWND dialog, int controlId) {
   WCHAR text[11];
-  GetDlgItemTextW(dialog, controlId, text, 11);
+  os::GetDlgItemTextW(dialog, controlId, text, 11);
   return ScanHex8(text);
 }
 
 int ZROBJ_ReportAssertionFailure(const WCHAR* testName, DWORD line, const char* file, std::uintptr_t callerAddress,
                                  std::uintptr_t callerFrame) {
-  wPrintf(3, 0, u"\r\nAssertion [%s] failed! Line: %d File:%hs\r\n", testName, line, file);
-  WalkCallStack(callerAddress, callerFrame, -1, nullptr);
+  os::wPrintf(3, 0, u"\r\nAssertion [%s] failed! Line: %d File:%hs\r\n", testName, line, file);
+  os::WalkCallStack(callerAddress, callerFrame, -1, nullptr);
   return 0;
 }
 
@@ -172,34 +174,34 @@ namespace zr {
 
 DiagListener::~DiagListener() = default;
 
-struct ScopedDiagRedirect::State final : DiagSink {
-  explicit State(DiagListener* l) : listener(l), previous_filter(GetDiagFilter()) {}
+struct ScopedDiagRedirect::State final : os::DiagSink {
+  explicit State(DiagListener* l) : listener(l), previous_filter(os::GetDiagFilter()) {}
   void Write(unsigned channel, unsigned level, std::u16string_view text) override {
     listener->OnMessage(channel, level, text);
   }
   DiagListener* listener;
-  DiagFilter previous_filter;
-  DiagSink* previous_sink = nullptr;
+  os::DiagFilter previous_filter;
+  os::DiagSink* previous_sink = nullptr;
 };
 
 ScopedDiagRedirect::ScopedDiagRedirect(DiagListener* listener) : state_(new State(listener)) {
-  DiagFilter all = state_->previous_filter;
+  os::DiagFilter all = state_->previous_filter;
   all.channel_mask = 0xFFFFFFFFu;
   all.max_level = 0xFFFFFFFFu;
-  SetDiagFilter(all);
-  state_->previous_sink = SetDiagSink(state_);
+  os::SetDiagFilter(all);
+  state_->previous_sink = os::SetDiagSink(state_);
 }
 
 ScopedDiagRedirect::~ScopedDiagRedirect() {
-  SetDiagSink(state_->previous_sink);
-  SetDiagFilter(state_->previous_filter);
+  os::SetDiagSink(state_->previous_sink);
+  os::SetDiagFilter(state_->previous_filter);
   delete state_;
 }
 
 void SetDiagnosticsActive(bool active) {
-  DiagFilter filter = GetDiagFilter();
+  os::DiagFilter filter = os::GetDiagFilter();
   filter.active = active;
-  SetDiagFilter(filter);
+  os::SetDiagFilter(filter);
   SetDebugMode(active ? 1 : 0);
 }
 

@@ -60,7 +60,7 @@ std::u16string GeneratedComputerName(long long unix_seconds, unsigned extra_seco
   char text[48];
   std::snprintf(text, sizeof(text), "VORN%02u%02u%02u%u", static_cast<unsigned>(int(date.year()) - 1996),
                 static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), second_of_day);
-  return Utf8ToUtf16(text);
+  return os::Utf8ToUtf16(text);
 }
 
 }  // namespace zr
@@ -76,7 +76,7 @@ DWORD GetHashIDWi(const WCHAR* name) { return g_hash_id_engine.Eval(name); }  //
 
 DWORD GetUserHashIDA(const char* userName) {
   if (!userName || !userName[0]) return ZR_NO_ID;
-  std::u16string wide = zr::Utf8ToUtf16(userName);
+  std::u16string wide = zr::os::Utf8ToUtf16(userName);
   if (wide.size() > kMaxPathChars) wide.resize(kMaxPathChars);
   return GetHashIDWi(wide.c_str());
 }
@@ -117,7 +117,7 @@ DWORD GetComputerID() {
 int GetCreateComputerName(WCHAR* buffer, DWORD length) {
   if (!buffer) return 0;
   DWORD reported = length;
-  bool have_name = zr::QueryComputerName(buffer, &reported);
+  bool have_name = zr::os::QueryComputerName(buffer, &reported);
   if (!have_name) {
     // A name that exists but does not fit is a failure too (names never exceed 15 characters).
     if (reported < kComputerNameBuffer || reported > length) return 0;
@@ -127,12 +127,12 @@ int GetCreateComputerName(WCHAR* buffer, DWORD length) {
                               std::chrono::system_clock::now().time_since_epoch()).count();
     for (int attempt = 0; attempt < kMaxNameAttempts && !have_name; ++attempt) {
       const std::u16string name = zr::GeneratedComputerName(now, static_cast<unsigned>(attempt));
-      if (zr::StoreComputerName(name.c_str())) {
-        zr::WStrCopy(buffer, length, name);
+      if (zr::os::StoreComputerName(name.c_str())) {
+        zr::os::WStrCopy(buffer, length, name);
         have_name = true;
       } else {
         reported = length;
-        have_name = zr::QueryComputerName(buffer, &reported);
+        have_name = zr::os::QueryComputerName(buffer, &reported);
       }
     }
     if (!have_name) return 0;

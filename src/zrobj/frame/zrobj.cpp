@@ -20,13 +20,15 @@
 #include "platform/text.h"
 #include "frame/frame_internal.h"
 
+namespace os = zr::os;
+
 namespace {
 
 constexpr const char* kProfileFile = "ZRO.INI";
 constexpr const char16_t* kSettingsFileName = u"ZRO.VST";
 constexpr std::size_t kProductNameLength = 64;
 
-std::atomic<CSetFile*> g_settings_file{nullptr};
+std::atomic<os::CSetFile*> g_settings_file{nullptr};
 WCHAR g_settings_path[ZR_MAX_PATH];
 WCHAR g_product_name[kProductNameLength];
 
@@ -45,25 +47,25 @@ int ProfileAtoi(const char* text) {
 
 // Creates the settings file object on the Windows directory's "ZRO.VST"; null when it cannot be
 // used now (the next call tries again).
-CSetFile* SettingsFile() {
-  if (CSetFile* file = g_settings_file.load(std::memory_order_acquire)) return file;
+os::CSetFile* SettingsFile() {
+  if (os::CSetFile* file = g_settings_file.load(std::memory_order_acquire)) return file;
   WCHAR path[ZR_MAX_PATH];
-  const UINT n = GetWindowsDirectoryW(path, ZR_MAX_PATH);
-  if (n == 0 || n >= ZR_MAX_PATH || !FU_FormatPath(path, ZR_MAX_PATH, u'/')) return nullptr;
-  const std::size_t dir_length = zr::WStrLen(path);
+  const UINT n = os::GetWindowsDirectoryW(path, ZR_MAX_PATH);
+  if (n == 0 || n >= ZR_MAX_PATH || !os::FU_FormatPath(path, ZR_MAX_PATH, u'/')) return nullptr;
+  const std::size_t dir_length = os::WStrLen(path);
   if (dir_length + std::char_traits<char16_t>::length(kSettingsFileName) + 1 > ZR_MAX_PATH) return nullptr;
-  zr::WStrCopy(path + dir_length, ZR_MAX_PATH - dir_length, kSettingsFileName);
-  auto* file = new CSetFile(path);
+  os::WStrCopy(path + dir_length, ZR_MAX_PATH - dir_length, kSettingsFileName);
+  auto* file = new os::CSetFile(path);
   if (!file->IsUsable()) {
     delete file;
     return nullptr;
   }
-  CSetFile* expected = nullptr;
+  os::CSetFile* expected = nullptr;
   if (!g_settings_file.compare_exchange_strong(expected, file)) {
     delete file;  // another thread won the race
     return expected;
   }
-  zr::WStrCopy(g_settings_path, ZR_MAX_PATH, path);
+  os::WStrCopy(g_settings_path, ZR_MAX_PATH, path);
   return file;
 }
 
@@ -73,36 +75,36 @@ BOOL LibraryFileName(WCHAR* buffer) {
     std::lock_guard lock(g_override_mutex);
     if (g_library_file_override) {
       if (g_library_file_override->size() + 1 > ZR_MAX_PATH) return FALSE;
-      zr::WStrCopy(buffer, ZR_MAX_PATH, *g_library_file_override);
+      os::WStrCopy(buffer, ZR_MAX_PATH, *g_library_file_override);
       return TRUE;
     }
   }
-  const DWORD n = GetModuleFileNameW(ZROBJ_GetModuleHandle(), buffer, ZR_MAX_PATH);
+  const DWORD n = os::GetModuleFileNameW(ZROBJ_GetModuleHandle(), buffer, ZR_MAX_PATH);
   return n != 0 && n < ZR_MAX_PATH;
 }
 
 // An integer or boolean setting: the value read, else the default (written back on request).
-int CurrentSettingValue(BOOL (CSetFile::*read)(const char*, const char*, int*) const,
-                        BOOL (CSetFile::*write)(const char*, const char*, int), const char* section, const char* key,
+int CurrentSettingValue(BOOL (os::CSetFile::*read)(const char*, const char*, int*) const,
+                        BOOL (os::CSetFile::*write)(const char*, const char*, int), const char* section, const char* key,
                         int defaultValue, int writeDefault) {
   int value = defaultValue;
-  CSetFile* file = SettingsFile();
+  os::CSetFile* file = SettingsFile();
   if (file && !(file->*read)(section, key, &value) && writeDefault) (file->*write)(section, key, defaultValue);
   return value;
 }
 
 // Sets a key's default value as the system always has: the length passed is the number of
 // characters plus one, given as bytes, so only the first half of the text is stored.
-LONG SetDefaultValue(HKEY key, const WCHAR* text) {
-  const auto length = static_cast<DWORD>(zr::WStrLen(text) + 1);
-  return RegSetValueExW(key, nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(text), length);
+LONG SetDefaultValue(os::HKEY key, const WCHAR* text) {
+  const auto length = static_cast<DWORD>(os::WStrLen(text) + 1);
+  return os::RegSetValueExW(key, nullptr, 0, os::REG_SZ, reinterpret_cast<const BYTE*>(text), length);
 }
 
-void SetSubkeyDefault(HKEY parent, const WCHAR* subKey, const WCHAR* text) {
-  HKEY key = nullptr;
-  if (RegCreateKeyExW(parent, subKey, KEY_ALL_ACCESS, &key) != ERROR_SUCCESS) return;
+void SetSubkeyDefault(os::HKEY parent, const WCHAR* subKey, const WCHAR* text) {
+  os::HKEY key = nullptr;
+  if (os::RegCreateKeyExW(parent, subKey, os::KEY_ALL_ACCESS, &key) != ERROR_SUCCESS) return;
   SetDefaultValue(key, text);
-  RegCloseKey(key);
+  os::RegCloseKey(key);
 }
 
 }  // namespace
@@ -130,7 +132,7 @@ int ZROBJ_GetProfileInt(const char* section, const char* key, int defaultValue, 
   // Null names would list or delete whole sections in a profile file: not for this function.
   if (!section || !key) return defaultValue;
   char text[32];
-  GetPrivateProfileStringA(section, key, "", text, sizeof text, kProfileFile);
+  os::GetPrivateProfileStringA(section, key, "", text, sizeof text, kProfileFile);
   if (text[0]) return ProfileAtoi(text);
   if (writeDefault) ZROBJ_WriteProfileInt(section, key, defaultValue);
   return defaultValue;
@@ -140,14 +142,14 @@ int ZROBJ_WriteProfileInt(const char* section, const char* key, int value) {
   if (!section || !key) return 0;
   char text[16];
   std::snprintf(text, sizeof text, "%d", value);
-  return WritePrivateProfileStringA(section, key, text, kProfileFile);
+  return os::WritePrivateProfileStringA(section, key, text, kProfileFile);
 }
 
 UINT ZROBJ_GetCurrentSettingStr(const char* section, const char* key, const WCHAR* defaultValue, WCHAR* buffer,
                                 UINT length, int writeDefault) {
   if (!buffer || length == 0) return 0;
-  CSetFile* file = SettingsFile();
-  if (file && file->ReadSettingString(section, key, buffer, length)) return static_cast<UINT>(zr::WStrLen(buffer));
+  os::CSetFile* file = SettingsFile();
+  if (file && file->ReadSettingString(section, key, buffer, length)) return static_cast<UINT>(os::WStrLen(buffer));
   const WCHAR* fallback = defaultValue ? defaultValue : u"";
   if (file && writeDefault) file->WriteSettingString(section, key, fallback);
   // At most `length` characters of the default, and the last one of the buffer is always 0.
@@ -155,39 +157,39 @@ UINT ZROBJ_GetCurrentSettingStr(const char* section, const char* key, const WCHA
   for (; i < length && fallback[i]; ++i) buffer[i] = fallback[i];
   if (i < length) buffer[i] = 0;
   buffer[length - 1] = 0;
-  return static_cast<UINT>(zr::WStrLen(buffer));
+  return static_cast<UINT>(os::WStrLen(buffer));
 }
 
 int ZROBJ_GetCurrentSettingInt(const char* section, const char* key, int defaultValue, int writeDefault) {
-  return CurrentSettingValue(&CSetFile::ReadSettingInt, &CSetFile::WriteSettingInt, section, key, defaultValue,
+  return CurrentSettingValue(&os::CSetFile::ReadSettingInt, &os::CSetFile::WriteSettingInt, section, key, defaultValue,
                              writeDefault);
 }
 
 int ZROBJ_GetCurrentSettingBool(const char* section, const char* key, int defaultValue, int writeDefault) {
-  return CurrentSettingValue(&CSetFile::ReadSettingBool, &CSetFile::WriteSettingBool, section, key, defaultValue,
+  return CurrentSettingValue(&os::CSetFile::ReadSettingBool, &os::CSetFile::WriteSettingBool, section, key, defaultValue,
                              writeDefault);
 }
 
 int ZROBJ_WriteCurrentSettingStr(const char* section, const char* key, const WCHAR* value) {
   if (!value || !value[0]) return 0;  // an empty string can never be stored, by design
-  CSetFile* file = SettingsFile();
+  os::CSetFile* file = SettingsFile();
   return file ? file->WriteSettingString(section, key, value) : 0;
 }
 
 int ZROBJ_WriteCurrentSettingInt(const char* section, const char* key, int value) {
-  CSetFile* file = SettingsFile();
+  os::CSetFile* file = SettingsFile();
   return file ? file->WriteSettingInt(section, key, value) : 0;
 }
 
 int ZROBJ_WriteCurrentSettingBool(const char* section, const char* key, int value) {
-  CSetFile* file = SettingsFile();
+  os::CSetFile* file = SettingsFile();
   return file ? file->WriteSettingBool(section, key, value) : 0;
 }
 
 int ZROBJ_ReadCurrentSettingStr(const char* section, const char* key, WCHAR* buffer, UINT length) {
   if (!buffer || length == 0) return 0;
   buffer[0] = 0;
-  CSetFile* file = SettingsFile();
+  os::CSetFile* file = SettingsFile();
   if (!file) return -1;
   return file->ReadSettingString(section, key, buffer, length) ? 1 : 0;
 }
@@ -195,9 +197,9 @@ int ZROBJ_ReadCurrentSettingStr(const char* section, const char* key, WCHAR* buf
 int ZROBJ_ReadProfileString(const char* section, const char* key, char* buffer, UINT size) {
   if (!buffer || size == 0 || !section || !key) return 0;
   buffer[0] = 0;
-  const std::string path = zr::ProfileFilePath(kProfileFile);
-  if (zr::IniGetState(path) == zr::IniFileState::kUnreadable) return -1;
-  const auto value = zr::IniRead(path, section, key);
+  const std::string path = zr::os::ProfileFilePath(kProfileFile);
+  if (zr::os::IniGetState(path) == zr::os::IniFileState::kUnreadable) return -1;
+  const auto value = zr::os::IniRead(path, section, key);
   if (!value) return 0;
   const std::size_t n = std::min<std::size_t>(value->size(), size - 1);
   value->copy(buffer, n);
@@ -207,14 +209,14 @@ int ZROBJ_ReadProfileString(const char* section, const char* key, char* buffer, 
 
 int ZROBJ_WriteProfileString(const char* section, const char* key, const char* value) {
   if (!value) return 0;  // a null value would delete the key
-  return WritePrivateProfileStringA(section, key, value, kProfileFile);
+  return os::WritePrivateProfileStringA(section, key, value, kProfileFile);
 }
 
 UINT ZROBJ_GetSettingsFilePath(const char* fileName, WCHAR* buffer, UINT length) {
   if (!fileName || !buffer || length == 0) return 0;
-  const std::u16string path = zr::Utf8ToUtf16(zr::ProfileFilePath(fileName));
+  const std::u16string path = zr::os::Utf8ToUtf16(zr::os::ProfileFilePath(fileName));
   if (path.size() + 1 > length) return 0;
-  return static_cast<UINT>(zr::WStrCopy(buffer, length, path));
+  return static_cast<UINT>(zr::os::WStrCopy(buffer, length, path));
 }
 
 int ZROBJ_GetAppRootDir(WCHAR* buffer) {
@@ -223,10 +225,10 @@ int ZROBJ_GetAppRootDir(WCHAR* buffer) {
   WCHAR path[ZR_MAX_PATH];
   if (!LibraryFileName(path)) return 0;
   // Cut the file name with the separator before it, then the directory after its last separator.
-  WCHAR* name = FU_FindFilename(path);
+  WCHAR* name = os::FU_FindFilename(path);
   if (name > path) name[-1] = 0;
-  if (WCHAR* separator = FU_FindLastSeparator(path)) separator[1] = 0;
-  zr::WStrCopy(buffer, ZR_MAX_PATH, path);
+  if (WCHAR* separator = os::FU_FindLastSeparator(path)) separator[1] = 0;
+  os::WStrCopy(buffer, ZR_MAX_PATH, path);
   return 1;
 }
 
@@ -234,35 +236,35 @@ const WCHAR* ZROBJ_GetProductName() {
   if (g_product_name[0]) return g_product_name;
   WCHAR pattern[ZR_MAX_PATH];
   if (!LibraryFileName(pattern)) return g_product_name;
-  WCHAR* separator = FU_FindLastSeparator(pattern);
+  WCHAR* separator = os::FU_FindLastSeparator(pattern);
   WCHAR* tail = separator ? separator + 1 : pattern;
   const auto used = static_cast<std::size_t>(tail - pattern);
-  if (zr::WStrCopy(tail, ZR_MAX_PATH - used, u"resource/*.sc") != 13) return g_product_name;
+  if (os::WStrCopy(tail, ZR_MAX_PATH - used, u"resource/*.sc") != 13) return g_product_name;
   WCHAR found[ZR_MAX_PATH];
-  if (!FU_GetFirstMatch(pattern, found, ZR_MAX_PATH)) return g_product_name;
+  if (!os::FU_GetFirstMatch(pattern, found, ZR_MAX_PATH)) return g_product_name;
   std::u16string_view name(found);
   if (const auto dot = name.rfind(u'.'); dot != std::u16string_view::npos) name = name.substr(0, dot);
-  zr::WStrCopy(g_product_name, kProductNameLength, name);
+  os::WStrCopy(g_product_name, kProductNameLength, name);
   return g_product_name;
 }
 
 int RegisterFileType(const WCHAR* extension, const WCHAR* typeName, const WCHAR* description, const WCHAR* icon,
                      const WCHAR* openCommand) {
   if (!extension || !extension[0] || !typeName || !typeName[0]) return 0;
-  HKEY key = nullptr;
-  if (RegOpenKeyExW(HKEY_CLASSES_ROOT, extension, 0, KEY_READ, &key) == ERROR_SUCCESS) {
-    RegCloseKey(key);  // an existing registration is never overwritten
+  os::HKEY key = nullptr;
+  if (os::RegOpenKeyExW(HKEY_CLASSES_ROOT, extension, 0, os::KEY_READ, &key) == ERROR_SUCCESS) {
+    os::RegCloseKey(key);  // an existing registration is never overwritten
     return 1;
   }
-  if (RegCreateKeyExW(HKEY_CLASSES_ROOT, extension, KEY_ALL_ACCESS, &key) != ERROR_SUCCESS) return 0;
+  if (os::RegCreateKeyExW(HKEY_CLASSES_ROOT, extension, os::KEY_ALL_ACCESS, &key) != ERROR_SUCCESS) return 0;
   const LONG set = SetDefaultValue(key, typeName);
-  RegCloseKey(key);
+  os::RegCloseKey(key);
   if (set != ERROR_SUCCESS) return 1;
-  HKEY type = nullptr;
-  if (RegCreateKeyExW(HKEY_CLASSES_ROOT, typeName, KEY_ALL_ACCESS, &type) != ERROR_SUCCESS) return 1;
+  os::HKEY type = nullptr;
+  if (os::RegCreateKeyExW(HKEY_CLASSES_ROOT, typeName, os::KEY_ALL_ACCESS, &type) != ERROR_SUCCESS) return 1;
   if (description) SetDefaultValue(type, description);
   if (icon) SetSubkeyDefault(type, u"DefaultIcon", icon);
   if (openCommand) SetSubkeyDefault(type, u"shell\\open\\command", openCommand);
-  RegCloseKey(type);
+  os::RegCloseKey(type);
   return 1;
 }

@@ -22,20 +22,20 @@ namespace zr {
 void SetProcessAttachState(HMODULE module, DWORD start_tick) {
   g_module = module;
   g_start_tick = start_tick;
-  GetSystemInfo(&g_system_info);
+  os::GetSystemInfo(&g_system_info);
 }
 
 void SetThreadAttachHandler(ThreadAttachHandler handler) { g_thread_attach_handler = handler; }
 
 void MarkCurrentThreadAttached() {
   t_attached = true;
-  ArmThreadExitForCurrentThread();
+  os::ArmThreadExitForCurrentThread();
 }
 
 void EnsureThreadAttached() {
   if (t_attached) return;
   MarkCurrentThreadAttached();
-  PrepareSignalStack();  // so a fault on this thread, even a stack overflow, reaches the crash handler
+  os::PrepareSignalStack();  // so a fault on this thread, even a stack overflow, reaches the crash handler
   if (g_thread_attach_handler) g_thread_attach_handler();
 }
 
@@ -43,7 +43,7 @@ void EnsureThreadAttached() {
 
 HMODULE ZROBJ_GetModuleHandle() { return g_module; }
 DWORD ZROBJ_GetModuleFileName(HMODULE module, WCHAR* buffer, DWORD length) {
-  return GetModuleFileNameW(module, buffer, length);
+  return zr::os::GetModuleFileNameW(module, buffer, length);
 }
 DWORD ZROBJ_GetStartTick() { return g_start_tick; }
 const SYSTEM_INFO* ZROBJ_GetSystemInfo() { return &g_system_info; }

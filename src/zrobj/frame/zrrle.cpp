@@ -11,6 +11,8 @@
 #include "platform/dlgsvc.h"
 #include "zrobj/zrdiag.h"
 
+namespace os = zr::os;
+
 namespace {
 
 // Runs shorter than this many equal elements stay inside literals.
@@ -180,7 +182,7 @@ int ExpandChecked(const char* function, T* destination, DWORD destination_units,
   }
   if (!error.failed) return 1;
   if (error_out && error_size) std::snprintf(error_out, error_size, "%s", error.text);
-  if (IsDebugOn()) wPrintf(3, 3, u"\r%hs: %hs\r\n", function, error.text);
+  if (IsDebugOn()) os::wPrintf(3, 3, u"\r%hs: %hs\r\n", function, error.text);
   return 0;
 }
 

@@ -8,11 +8,13 @@
 
 #include "platform/dlgsvc.h"
 #include "platform/fault.h"
-#include "platform/privheap.h"
+#include "memory/heap/regionmap_internal.h"
 #include "zrobj/cheap.h"
 #include "zrobj/coslock.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrhash.h"
+
+namespace os = zr::os;
 
 namespace {
 
@@ -59,7 +61,7 @@ bool InHeapMemory(const void* at, std::size_t n) {
 // followed: directly when the address map places it in heap memory (the common case, kept at one
 // atomic load), otherwise through a probed read that cannot fault.
 bool ReadHeader(const tagMEMHEADER* header, tagMEMHEADER* copy) {
-  if (!InHeapMemory(header, sizeof *copy)) return zr::ProbeRead(header, copy, sizeof *copy);
+  if (!InHeapMemory(header, sizeof *copy)) return os::ProbeRead(header, copy, sizeof *copy);
   // Field by field: other handles of the block change the count concurrently, atomically.
   copy->dwSignature = header->dwSignature;
   copy->dwClassID = header->dwClassID;
@@ -112,7 +114,7 @@ bool CPMemory::HeaderMatches(const tagMEMHEADER* header) {
 tagMEMHEADER* CPMemory::ClaimMemory(unsigned long size, unsigned long heapFlags) {
   IMallocator* malloc = GetMallocator();
   if (malloc == nullptr) {
-    wPrintf(3, 0, u"\rCPMemory::ClaimMemory: pMalloc == NULL, probably uninitialised object\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::ClaimMemory: pMalloc == NULL, probably uninitialised object\r\n");
     return nullptr;
   }
   if (size > 0xFFFFFFFFul - kHeaderSize - 32) return nullptr;
@@ -132,11 +134,11 @@ tagMEMHEADER* CPMemory::ClaimMemory(unsigned long size, unsigned long heapFlags)
 tagMEMHEADER* CPMemory::ReclaimMemory(tagMEMHEADER* header, unsigned long size, unsigned long heapFlags) {
   IMallocator* malloc = GetMallocator();
   if (malloc == nullptr) {
-    wPrintf(3, 0, u"\rCPMemory::ReclaimMemory: pMalloc == NULL, probably uninitialised object\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::ReclaimMemory: pMalloc == NULL, probably uninitialised object\r\n");
     return nullptr;
   }
   if (malloc != header->pMalloc) {
-    wPrintf(3, 0, u"\rCPMemory::ReclaimMemory: pMalloc != pMH->pMalloc, probable assignment problem\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::ReclaimMemory: pMalloc != pMH->pMalloc, probable assignment problem\r\n");
     return nullptr;
   }
   if (size > 0xFFFFFFFFul - kHeaderSize - 32) return nullptr;
@@ -152,11 +154,11 @@ tagMEMHEADER* CPMemory::ReclaimMemory(tagMEMHEADER* header, unsigned long size, 
 int CPMemory::ReleaseMemory(tagMEMHEADER* header) {
   IMallocator* malloc = GetMallocator();
   if (malloc == nullptr) {
-    wPrintf(3, 0, u"\rCPMemory::ReleaseMemory: pMalloc == NULL, probably uninitialised object\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::ReleaseMemory: pMalloc == NULL, probably uninitialised object\r\n");
     return 0;
   }
   if (malloc != header->pMalloc) {
-    wPrintf(3, 0, u"\rCPMemory::ReleaseMemory: pMalloc != pMH->pMalloc, probable assignment problem\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::ReleaseMemory: pMalloc != pMH->pMalloc, probable assignment problem\r\n");
     return 0;
   }
   return malloc->Free(header, 0);
@@ -178,7 +180,7 @@ int CPMemory::Free() {
   if (header == nullptr) return result;
   tagMEMHEADER copy;
   if (!ReadHeader(header, &copy)) {
-    wPrintf(3, 0, u"\rCPMemory::Free exception\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::Free exception\r\n");
     return result;
   }
   if (copy.dwSignature != CPMEM_SIGNATURE || copy.dwClassID != OwnClassID()) return result;
@@ -201,7 +203,7 @@ void CPMemory::CopyCPMemory(const CPMemory& source) {
   if (header == nullptr) return;
   IMallocator* malloc = GetMallocator();
   if (malloc == nullptr) {
-    wPrintf(3, 0, u"\rCPMemory::CopyCPMemory: pMalloc == NULL, probably uninitialised object\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::CopyCPMemory: pMalloc == NULL, probably uninitialised object\r\n");
     return;
   }
   tagMEMHEADER copy;
@@ -316,12 +318,12 @@ CPMemory* CPMemory::Construct(void* place) { return new (place) CPMemory(); }
 int CPMemory::AssertMem() const {
   if (pMH == nullptr) return 1;
   tagMEMHEADER copy;
-  if (!zr::ProbeRead(pMH, &copy, sizeof copy)) {
-    wPrintf(3, 0, u"\rCPMemory::AssertMem: pMH != NULL, but bad access\r\n");
+  if (!os::ProbeRead(pMH, &copy, sizeof copy)) {
+    os::wPrintf(3, 0, u"\rCPMemory::AssertMem: pMH != NULL, but bad access\r\n");
     return 0;
   }
   if (copy.dwSignature != CPMEM_SIGNATURE || copy.pMalloc == nullptr) {
-    wPrintf(3, 0, u"\rCPMemory::AssertMem: Accessible, but invalid pMH\r\n");
+    os::wPrintf(3, 0, u"\rCPMemory::AssertMem: Accessible, but invalid pMH\r\n");
     return 0;
   }
   return copy.pMalloc->Verify(pMH);

@@ -7,13 +7,15 @@
 
 #include "platform/dlgsvc.h"
 #include "platform/module.h"
-#include "platform/privheap.h"
+#include "memory/heap/privheap_internal.h"
 #include "platform/tls.h"
 #include "frame/frame_internal.h"
 #include "zrobj/coslock.h"
 #include "memory/tlsmgr_internal.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrobj.h"
+
+namespace os = zr::os;
 
 namespace {
 
@@ -25,7 +27,7 @@ constexpr unsigned long kReservedXor = 0xFFFFFF00ul;
 constexpr unsigned long kReservedMask = 0xBADBADFFul;
 
 struct TlsState {
-  DWORD index = TLS_OUT_OF_INDEXES;
+  DWORD index = os::TLS_OUT_OF_INDEXES;
   HANDLE heap = nullptr;
   unsigned char in_use[TlsManager::kSlotCount] = {};
 };
@@ -43,14 +45,14 @@ COSCriticalSection& SlotLock() {
 template <typename... Args>
 void Report(unsigned level, const char16_t* format, Args... args) {
   if (!IsDebugOn()) return;
-  wPrintf(3, level, format, args...);
+  os::wPrintf(3, level, format, args...);
 }
 
-bool Initialised() { return g_state.index != TLS_OUT_OF_INDEXES; }
+bool Initialised() { return g_state.index != os::TLS_OUT_OF_INDEXES; }
 
 DWORD PageSize() {
   SYSTEM_INFO info{};
-  GetSystemInfo(&info);
+  os::GetSystemInfo(&info);
   return info.dwPageSize ? info.dwPageSize : 4096;
 }
 
@@ -66,20 +68,20 @@ int UpdateWord(Word* word, Op op) {
 
 int TlsManager::Init() {
   const DWORD page = PageSize();
-  if (g_state.index != TLS_OUT_OF_INDEXES || g_state.heap) {
+  if (g_state.index != os::TLS_OUT_OF_INDEXES || g_state.heap) {
     Report(5, u"TlsManager can be initialized only once");
     return 0;
   }
-  g_state.index = TlsAlloc();
-  if (g_state.index == TLS_OUT_OF_INDEXES) {
+  g_state.index = os::TlsAlloc();
+  if (g_state.index == os::TLS_OUT_OF_INDEXES) {
     Report(4, u"TlsManager:TlsAlloc failed");
     return 0;
   }
-  g_state.heap = HeapCreate(0, page, kMaxHeapPages * page);
+  g_state.heap = zr::HeapCreate(0, page, kMaxHeapPages * page);
   if (!g_state.heap) {
     Report(4, u"TlsManager: HeapCreate failed");
-    TlsFree(g_state.index);
-    g_state.index = TLS_OUT_OF_INDEXES;
+    os::TlsFree(g_state.index);
+    g_state.index = os::TLS_OUT_OF_INDEXES;
     return 0;
   }
   for (unsigned char& flag : g_state.in_use) flag = 0;
@@ -87,9 +89,9 @@ int TlsManager::Init() {
 }
 
 int TlsManager::Exit() {
-  if (g_state.index != TLS_OUT_OF_INDEXES) TlsFree(g_state.index);
-  if (g_state.heap) HeapDestroy(g_state.heap);
-  g_state.index = TLS_OUT_OF_INDEXES;
+  if (g_state.index != os::TLS_OUT_OF_INDEXES) os::TlsFree(g_state.index);
+  if (g_state.heap) zr::HeapDestroy(g_state.heap);
+  g_state.index = os::TLS_OUT_OF_INDEXES;
   g_state.heap = nullptr;
   return 1;
 }
@@ -99,14 +101,14 @@ void TlsManager::InitThread() {
   // A thread whose first use of the library is a slot call must be attached too: its detach at
   // thread end is what gives the shadow back.
   zr::EnsureThreadAttached();
-  void* shadow = HeapAlloc(g_state.heap, HEAP_ZERO_MEMORY, kShadowBytes);
+  void* shadow = zr::HeapAlloc(g_state.heap, zr::HEAP_ZERO_MEMORY, kShadowBytes);
   if (shadow) static_cast<Word*>(shadow)[0] = static_cast<Word>(kSignature);
-  TlsSetValue(g_state.index, shadow);
+  os::TlsSetValue(g_state.index, shadow);
 }
 
 unsigned int* TlsManager::IsValidTLSSignature() {
   if (!Initialised()) return nullptr;
-  auto* shadow = static_cast<Word*>(TlsGetValue(g_state.index));
+  auto* shadow = static_cast<Word*>(os::TlsGetValue(g_state.index));
   if (!shadow || shadow[0] != kSignature) return nullptr;
   return shadow;
 }
@@ -121,8 +123,8 @@ void TlsManager::ExitThread() {
   Word* shadow = IsValidTLSSignature();
   if (!shadow) return;
   shadow[0] = 0;
-  HeapFree(g_state.heap, 0, shadow);
-  TlsSetValue(g_state.index, nullptr);
+  zr::HeapFree(g_state.heap, 0, shadow);
+  os::TlsSetValue(g_state.index, nullptr);
 }
 
 unsigned long TlsManager::ThreadSlotAlloc() {

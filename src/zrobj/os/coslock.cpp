@@ -15,6 +15,8 @@
 #include "zrobj/coslock.h"
 #include "zrobj/zrdiag.h"
 
+namespace os = zr::os;
+
 namespace {
 constexpr const char* kSourceFile = "src/zrobj/cosobj";  // the source named by beeps and heap records
 constexpr UINT kBeepError = static_cast<UINT>(-1);
@@ -53,14 +55,14 @@ T* In(zr::LockStorage<N>& storage) {
 
 // The readable form of a code address, when it names a loaded module.
 std::optional<std::u16string> ResolveSite(std::uintptr_t address) {
-  ZrAddressInfo info;
-  if (address == 0 || !GetAddressInfo(address, &info)) return std::nullopt;
-  return zr::Utf8ToUtf16(GetAddressInfoString(address));
+  os::ZrAddressInfo info;
+  if (address == 0 || !os::GetAddressInfo(address, &info)) return std::nullopt;
+  return os::Utf8ToUtf16(os::GetAddressInfoString(address));
 }
 
 // A breakpoint that only a debugger sees: without one, the guard swallows the trap.
 void GuardedDebugBreak() {
-  zr::Guarded([] {
+  os::Guarded([] {
 #if defined(__x86_64__) || defined(__i386__)
     asm volatile("int3");
 #elif defined(__aarch64__)
@@ -71,13 +73,13 @@ void GuardedDebugBreak() {
 
 class SectionLock {
  public:
-  explicit SectionLock(CRITICAL_SECTION* section) : section_(section) { zr::lib::EnterSection(section_); }
-  ~SectionLock() { zr::lib::LeaveSection(section_); }
+  explicit SectionLock(os::CRITICAL_SECTION* section) : section_(section) { os::lib::EnterSection(section_); }
+  ~SectionLock() { os::lib::LeaveSection(section_); }
   SectionLock(const SectionLock&) = delete;
   SectionLock& operator=(const SectionLock&) = delete;
 
  private:
-  CRITICAL_SECTION* section_;
+  os::CRITICAL_SECTION* section_;
 };
 
 }  // namespace
@@ -88,25 +90,25 @@ class SectionLock {
 COSCriticalSection::COSCriticalSection() : COSCriticalSection(0) {}
 
 COSCriticalSection::COSCriticalSection(int noInit) {
-  new (m_section.bytes) CRITICAL_SECTION;
-  if (!noInit) InitializeCriticalSection(In<CRITICAL_SECTION>(m_section));
+  new (m_section.bytes) os::CRITICAL_SECTION;
+  if (!noInit) os::InitializeCriticalSection(In<os::CRITICAL_SECTION>(m_section));
 }
 
 COSCriticalSection::COSCriticalSection(unsigned long spinCount) {
-  new (m_section.bytes) CRITICAL_SECTION;
-  InitializeCriticalSectionAndSpinCount(In<CRITICAL_SECTION>(m_section), 
+  new (m_section.bytes) os::CRITICAL_SECTION;
+  os::InitializeCriticalSectionAndSpinCount(In<os::CRITICAL_SECTION>(m_section),
                                         static_cast<DWORD>(std::min<unsigned long>(spinCount, 0xFFFFFFFFul)));
 }
 
 COSCriticalSection::~COSCriticalSection() {
   if (LockCnt.load(std::memory_order_relaxed) != 0 && IsDebugOn())
-    wPrintf(3, 1, u"\r\nCOSCriticalSection::~COSCriticalSection: LockCnt!=0, possible deadlock");
-  DeleteCriticalSection(In<CRITICAL_SECTION>(m_section));
-  In<CRITICAL_SECTION>(m_section)->~CRITICAL_SECTION();
+    os::wPrintf(3, 1, u"\r\nCOSCriticalSection::~COSCriticalSection: LockCnt!=0, possible deadlock");
+  os::DeleteCriticalSection(In<os::CRITICAL_SECTION>(m_section));
+  In<os::CRITICAL_SECTION>(m_section)->~CRITICAL_SECTION();
 }
 
 void COSCriticalSection::Init() {
-  InitializeCriticalSection(In<CRITICAL_SECTION>(m_section));
+  os::InitializeCriticalSection(In<os::CRITICAL_SECTION>(m_section));
   LockCnt.store(0, std::memory_order_relaxed);
 }
 
@@ -114,23 +116,23 @@ void COSCriticalSection::Enter() { Enter(reinterpret_cast<std::uintptr_t>(__buil
 
 void COSCriticalSection::Enter(std::uintptr_t callSite) {
   if (IsDebugOn()) return EnterWithDiagnostics(callSite);
-  zr::lib::EnterSection(In<CRITICAL_SECTION>(m_section));
+  os::lib::EnterSection(In<os::CRITICAL_SECTION>(m_section));
   LockCnt.store(LockCnt.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
 void COSCriticalSection::EnterWithDiagnostics(std::uintptr_t callSite) {
-  CRITICAL_SECTION* section = In<CRITICAL_SECTION>(m_section);
+  os::CRITICAL_SECTION* section = In<os::CRITICAL_SECTION>(m_section);
   // Owner and count are read without the lock: a diagnostic that may misreport under races.
-  const DWORD self = zr::lib::CurrentThreadId();
+  const DWORD self = os::lib::CurrentThreadId();
   const DWORD count = LockCnt.load(std::memory_order_relaxed);
   const DWORD owner = m_owningThread.load(std::memory_order_relaxed);
   if (count != 0 && owner != self) {
     ReportContention(count, owner, self, callSite);
-    const DWORD start = GetTickCount();
-    zr::lib::EnterSection(section);
-    wPrintf(3, 5, u"\r%08X entered CS previously blocked by %08X after %u ms", self, owner, GetTickCount() - start);
+    const DWORD start = os::GetTickCount();
+    os::lib::EnterSection(section);
+    os::wPrintf(3, 5, u"\r%08X entered CS previously blocked by %08X after %u ms", self, owner, os::GetTickCount() - start);
   } else {
-    zr::lib::EnterSection(section);
+    os::lib::EnterSection(section);
   }
   m_owningThread.store(self, std::memory_order_relaxed);
   const DWORD held = LockCnt.load(std::memory_order_relaxed);
@@ -139,28 +141,28 @@ void COSCriticalSection::EnterWithDiagnostics(std::uintptr_t callSite) {
 }
 
 void COSCriticalSection::ReportContention(DWORD count, DWORD owner, DWORD self, std::uintptr_t callSite) const {
-  wPrintf(3, 5, u"\rCS [LockCnt=%u] owned by %08X ", count, owner);
+  os::wPrintf(3, 5, u"\rCS [LockCnt=%u] owned by %08X ", count, owner);
   if (auto owner_site = ResolveSite(m_entryAddress.load(std::memory_order_relaxed)))
-    wPrintf(3, 5, u"<< %s >>\r\n", *owner_site);
-  wPrintf(3, 5, u"is blocking thread %08X ", self);
+    os::wPrintf(3, 5, u"<< %s >>\r\n", *owner_site);
+  os::wPrintf(3, 5, u"is blocking thread %08X ", self);
   if (auto own_site = ResolveSite(callSite))
-    wPrintf(3, 5, u"<< %s >>\r\n", *own_site);
+    os::wPrintf(3, 5, u"<< %s >>\r\n", *own_site);
   else
-    wPrintf(3, 5, u"\r");
+    os::wPrintf(3, 5, u"\r");
 }
 
 bool zr::TryEnterPolled(COSCriticalSection& section, unsigned wait_ms) {
   for (unsigned waited = 0; !section.TryEnter(); ++waited) {
     if (waited >= wait_ms) return false;
-    ::Sleep(1);
+    ::zr::os::Sleep(1);
   }
   return true;
 }
 
 int COSCriticalSection::TryEnter() {
-  const int entered = zr::lib::TryEnterSection(In<CRITICAL_SECTION>(m_section));
+  const int entered = os::lib::TryEnterSection(In<os::CRITICAL_SECTION>(m_section));
   if (entered) {
-    m_owningThread.store(zr::lib::CurrentThreadId(), std::memory_order_relaxed);
+    m_owningThread.store(os::lib::CurrentThreadId(), std::memory_order_relaxed);
     LockCnt.store(LockCnt.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   }
   return entered;
@@ -170,13 +172,13 @@ void COSCriticalSection::Leave() {
   const DWORD count = LockCnt.load(std::memory_order_relaxed);
   if (count == 0) return LeaveUnheld();
   LockCnt.store(count - 1, std::memory_order_relaxed);
-  zr::lib::LeaveSection(In<CRITICAL_SECTION>(m_section));
+  os::lib::LeaveSection(In<os::CRITICAL_SECTION>(m_section));
 }
 
 void COSCriticalSection::LeaveUnheld() {
-  if (IsDebugOn()) wPrintf(3, 1, u"\r\nCOSCriticalSection::Leave: LockCnt==0 on leave, possible deadlock");
+  if (IsDebugOn()) os::wPrintf(3, 1, u"\r\nCOSCriticalSection::Leave: LockCnt==0 on leave, possible deadlock");
   GuardedDebugBreak();
-  zr::lib::LeaveSection(In<CRITICAL_SECTION>(m_section));
+  os::lib::LeaveSection(In<os::CRITICAL_SECTION>(m_section));
 }
 
 DWORD COSCriticalSection::GetOwningThread() const { return m_owningThread.load(std::memory_order_relaxed); }
@@ -227,28 +229,28 @@ COSAutoLock::~COSAutoLock() {
 namespace {
 constexpr DWORD kInterlockSpin = 4000;
 
-CRITICAL_SECTION* AsSection(zr::LockStorage<16>& storage) { return In<CRITICAL_SECTION>(storage); }
-zr::LocalSemaphore* AsSemaphore(zr::LockStorage<24>& storage) { return In<zr::LocalSemaphore>(storage); }
-zr::LocalEvent* AsEvent(zr::LockStorage<24>& storage) { return In<zr::LocalEvent>(storage); }
+os::CRITICAL_SECTION* AsSection(zr::LockStorage<16>& storage) { return In<os::CRITICAL_SECTION>(storage); }
+os::LocalSemaphore* AsSemaphore(zr::LockStorage<24>& storage) { return In<os::LocalSemaphore>(storage); }
+os::LocalEvent* AsEvent(zr::LockStorage<24>& storage) { return In<os::LocalEvent>(storage); }
 }  // namespace
 
 
 COSRWInterlock::COSRWInterlock() {
-  InitializeCriticalSectionAndSpinCount(new (m_section.bytes) CRITICAL_SECTION, kInterlockSpin);
-  new (m_writeSem.bytes) zr::LocalSemaphore(1, 1);
-  new (m_upgradeSem.bytes) zr::LocalSemaphore(1, 1);
-  new (m_readerSlots.bytes) zr::LocalSemaphore(kReaderSlots, kReaderSlots);
-  new (m_readerGate.bytes) zr::LocalEvent(true, true);
+  os::InitializeCriticalSectionAndSpinCount(new (m_section.bytes) os::CRITICAL_SECTION, kInterlockSpin);
+  new (m_writeSem.bytes) os::LocalSemaphore(1, 1);
+  new (m_upgradeSem.bytes) os::LocalSemaphore(1, 1);
+  new (m_readerSlots.bytes) os::LocalSemaphore(kReaderSlots, kReaderSlots);
+  new (m_readerGate.bytes) os::LocalEvent(true, true);
 }
 
 COSRWInterlock::~COSRWInterlock() {
   if (IsDebugOn()) {
-    if (uWrite.load(std::memory_order_relaxed)) wPrintf(0, 4, u"\rCOSRWInterlock::~COSRWInterlock: uWrite != 0\r\n");
-    if (uRead.load(std::memory_order_relaxed)) wPrintf(0, 4, u"\rCOSRWInterlock::~COSRWInterlock: uRead != 0\r\n");
+    if (uWrite.load(std::memory_order_relaxed)) os::wPrintf(0, 4, u"\rCOSRWInterlock::~COSRWInterlock: uWrite != 0\r\n");
+    if (uRead.load(std::memory_order_relaxed)) os::wPrintf(0, 4, u"\rCOSRWInterlock::~COSRWInterlock: uRead != 0\r\n");
     if (WriteReadRecursion.load(std::memory_order_relaxed))
-      wPrintf(0, 4, u"\rCOSRWInterlock::~COSRWInterlock: WriteReadRecursion != 0\r\n");
+      os::wPrintf(0, 4, u"\rCOSRWInterlock::~COSRWInterlock: WriteReadRecursion != 0\r\n");
   }
-  DeleteCriticalSection(AsSection(m_section));
+  os::DeleteCriticalSection(AsSection(m_section));
   AsSection(m_section)->~CRITICAL_SECTION();
   AsSemaphore(m_writeSem)->~LocalSemaphore();
   AsSemaphore(m_upgradeSem)->~LocalSemaphore();
@@ -279,7 +281,7 @@ void COSRWInterlock::DropWaitingWriter() {
 }
 
 void COSRWInterlock::EnterWrite() {
-  const DWORD self = zr::lib::CurrentThreadId();
+  const DWORD self = os::lib::CurrentThreadId();
   if (m_writeOwner.load(std::memory_order_relaxed) == self) {
     uWrite.store(uWrite.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return;
@@ -300,7 +302,7 @@ void COSRWInterlock::EnterWrite() {
     // Upgrade: the readers keep the write semaphore; wait until the other readers have gone.
     m_readRecursion[slot].fetch_or(kUpgradePending, std::memory_order_acq_rel);
     AsSemaphore(m_upgradeSem)->Wait(INFINITE);
-    while (OthersReading()) SwitchToThread();
+    while (OthersReading()) os::SwitchToThread();
     m_writeOwner.store(self, std::memory_order_relaxed);
     uWrite.fetch_add(1, std::memory_order_relaxed);
     return;
@@ -315,13 +317,13 @@ void COSRWInterlock::EnterWrite() {
 void COSRWInterlock::LeaveWrite() {
   const DWORD depth = uWrite.load(std::memory_order_relaxed);
   if (depth == 0) {
-    if (IsDebugOn()) wPrintf(0, 1, u"\rCOSRWInterlock::LeaveWrite: Called without according lock\r\n");
+    if (IsDebugOn()) os::wPrintf(0, 1, u"\rCOSRWInterlock::LeaveWrite: Called without according lock\r\n");
     return;
   }
   uWrite.store(depth - 1, std::memory_order_relaxed);
   if (depth != 1) return;
 
-  const DWORD self = zr::lib::CurrentThreadId();
+  const DWORD self = os::lib::CurrentThreadId();
   m_writeOwner.store(0, std::memory_order_relaxed);
   if (m_waitingWriters.load(std::memory_order_relaxed) == 0) {
     SectionLock lock(AsSection(m_section));
@@ -329,7 +331,7 @@ void COSRWInterlock::LeaveWrite() {
   }
   if (WriteReadRecursion.load(std::memory_order_relaxed) != 0) {
     if (IsDebugOn()) {
-      wPrintf(0, 1, u"\rCOSRWInterlock::LeaveWrite: Called while recursive reads pending\r\n");
+      os::wPrintf(0, 1, u"\rCOSRWInterlock::LeaveWrite: Called while recursive reads pending\r\n");
       DetailedMessageBeep(kBeepError, kSourceFile, 3027);
     }
     WriteReadRecursion.store(0, std::memory_order_relaxed);
@@ -348,7 +350,7 @@ void COSRWInterlock::LeaveWrite() {
 }
 
 void COSRWInterlock::EnterRead() {
-  const DWORD self = zr::lib::CurrentThreadId();
+  const DWORD self = os::lib::CurrentThreadId();
   if (m_writeOwner.load(std::memory_order_relaxed) == self) {
     WriteReadRecursion.store(WriteReadRecursion.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return;
@@ -386,7 +388,7 @@ void COSRWInterlock::EnterRead() {
         }
       }
       AsSemaphore(m_readerSlots)->Release();
-      SwitchToThread();  // the semaphore changes hands; let its holder finish
+      os::SwitchToThread();  // the semaphore changes hands; let its holder finish
     }
     // The write semaphore is ours: as the first reader, hold it for all readers.
     if (m_waitingWriters.load(std::memory_order_acquire) == 0) {
@@ -406,18 +408,18 @@ void COSRWInterlock::RegisterRead(DWORD threadId) {
     m_readRecursion[slot].store(1, std::memory_order_relaxed);
     OwningThreadRead[slot].store(threadId, std::memory_order_release);
   } else if (IsDebugOn()) {
-    wPrintf(0, 1, u"\rCOSRWInterlock::RegisterRead: OwningThreadRead contention\r\n");
+    os::wPrintf(0, 1, u"\rCOSRWInterlock::RegisterRead: OwningThreadRead contention\r\n");
   }
   uRead.store(uRead.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
 void COSRWInterlock::LeaveRead() {
-  const DWORD self = zr::lib::CurrentThreadId();
+  const DWORD self = os::lib::CurrentThreadId();
   if (m_writeOwner.load(std::memory_order_relaxed) == self) {
     const DWORD reads = WriteReadRecursion.load(std::memory_order_relaxed);
     if (reads == 0) {
       if (IsDebugOn())
-        wPrintf(0, 1, u"\rCOSRWInterlock::LeaveRead (write-recursive): Called without according lock\r\n");
+        os::wPrintf(0, 1, u"\rCOSRWInterlock::LeaveRead (write-recursive): Called without according lock\r\n");
       DetailedMessageBeep(kBeepError, kSourceFile, 3080);
     } else {
       WriteReadRecursion.store(reads - 1, std::memory_order_relaxed);
@@ -427,9 +429,9 @@ void COSRWInterlock::LeaveRead() {
   SectionLock lock(AsSection(m_section));
   const int slot = FindReaderSlot(self);
   if (slot < 0) {
-    if (IsDebugOn()) wPrintf(0, 1, u"\rCOSRWInterlock::LeaveRead: Leave called for unregistered ThreadID\r\n");
+    if (IsDebugOn()) os::wPrintf(0, 1, u"\rCOSRWInterlock::LeaveRead: Leave called for unregistered ThreadID\r\n");
   } else if (const DWORD count = m_readRecursion[slot].load(std::memory_order_relaxed); count == 0) {
-    if (IsDebugOn()) wPrintf(0, 1, u"\rCOSRWInterlock::LeaveRead: Recursion count was already 0\r\n");
+    if (IsDebugOn()) os::wPrintf(0, 1, u"\rCOSRWInterlock::LeaveRead: Recursion count was already 0\r\n");
   } else {
     m_readRecursion[slot].store(count - 1, std::memory_order_release);
     if (count == 1) {

@@ -11,6 +11,8 @@
 #include "zrobj/cosobject.h"
 #include "zrobj/zrdiag.h"
 
+namespace os = zr::os;
+
 namespace {
 
 // The number of named objects ever constructed. Not interlocked, as designed: two threads
@@ -25,14 +27,14 @@ constexpr std::size_t kDefaultNameLength = 32;
 // rejected wake-up shortens the rest of the wait by more than the time spent; this is intended.
 template <class WaitFn, class VerifyFn>
 DWORD WaitVerified(DWORD timeout, DWORD verifiable, WaitFn wait, VerifyFn verify) {
-  const DWORD start = GetTickCount();
+  const DWORD start = os::GetTickCount();
   DWORD remaining = timeout;
   for (;;) {
     DWORD result = wait(remaining);
     if (result >= verifiable) return result;
     result = verify(result);
     if (result != WAIT_TIMEOUT) return result;
-    const DWORD elapsed = GetTickCount() - start;
+    const DWORD elapsed = os::GetTickCount() - start;
     if (elapsed >= remaining) return WAIT_TIMEOUT;
     remaining -= elapsed;
   }
@@ -40,13 +42,13 @@ DWORD WaitVerified(DWORD timeout, DWORD verifiable, WaitFn wait, VerifyFn verify
 
 DWORD Refuse(const WCHAR* warning, DWORD error, std::uintptr_t caller, std::uintptr_t frame) {
   WarningMsg(warning, caller, frame);
-  SetLastError(error);
+  os::SetLastError(error);
   return WAIT_FAILED;
 }
 
 HANDLE Duplicate(HANDLE other) {
   HANDLE copy = nullptr;
-  if (!other || !DuplicateHandle(GetCurrentProcess(), other, GetCurrentProcess(), &copy, 0, FALSE,
+  if (!other || !os::DuplicateHandle(os::GetCurrentProcess(), other, os::GetCurrentProcess(), &copy, 0, FALSE,
                                  DUPLICATE_SAME_ACCESS))
     return nullptr;
   return copy;
@@ -75,7 +77,7 @@ DWORD COSObject::Wait(DWORD timeout) {
     return Refuse(u"ObjectWait: Object does not exist", ZR_ERROR_OBJECT_MISSING, ZR_CALLER_ADDRESS(),
                   ZR_CURRENT_FRAME());
   return WaitVerified(
-      timeout, 1, [this](DWORD ms) { return WaitForSingleObject(m_hObject, ms); },
+      timeout, 1, [this](DWORD ms) { return os::WaitForSingleObject(m_hObject, ms); },
       [this](DWORD result) { return VerifyWaitSuccessful(result); });
 }
 
@@ -91,7 +93,7 @@ DWORD COSObject::WaitMultiple(DWORD count, COSObject** objects, int waitAll, DWO
                     ZR_CURRENT_FRAME());
   }
   return WaitVerified(
-      timeout, count, [&](DWORD ms) { return WaitForMultipleObjects(count, handles, waitAll, ms); },
+      timeout, count, [&](DWORD ms) { return os::WaitForMultipleObjects(count, handles, waitAll, ms); },
       [&](DWORD result) { return objects[result]->VerifyWaitSuccessful(result); });
 }
 
@@ -107,7 +109,7 @@ DWORD COSObject::MsgWaitMultiple(DWORD count, COSObject** objects, int waitAll, 
   HANDLE handles[ZR_MAX_WAIT_OBJECTS];
   for (DWORD i = 0; i < count; ++i) handles[i] = first;
   return WaitVerified(
-      timeout, count, [&](DWORD ms) { return MsgWaitForMultipleObjects(count, handles, waitAll, ms, wakeMask); },
+      timeout, count, [&](DWORD ms) { return os::MsgWaitForMultipleObjects(count, handles, waitAll, ms, wakeMask); },
       [&](DWORD result) { return objects[result]->VerifyWaitSuccessful(result); });
 }
 
@@ -120,8 +122,8 @@ CNamedOSObject::CNamedOSObject() {
 
 void CNamedOSObject::GetDefObjectName(WCHAR* buffer) {
   if (!buffer) return;
-  const std::u16string name = zr::FormatWide(u"CNamedOSObject%u", GetObjectCounter());
-  zr::WStrCopy(buffer, name.size() + 1, name);
+  const std::u16string name = os::FormatWide(u"CNamedOSObject%u", GetObjectCounter());
+  os::WStrCopy(buffer, name.size() + 1, name);
 }
 
 DWORD CNamedOSObject::GetObjectCounter() { return g_named_objects.load(std::memory_order_relaxed); }
@@ -129,37 +131,37 @@ DWORD CNamedOSObject::GetObjectCounter() { return g_named_objects.load(std::memo
 COSEvent::COSEvent() {
   WCHAR name[kDefaultNameLength];
   GetDefObjectName(name);
-  m_hObject = CreateEventW(nullptr, FALSE, FALSE, name);
+  m_hObject = os::CreateEventW(nullptr, FALSE, FALSE, name);
 }
 
 COSEvent::COSEvent(HANDLE other) { m_hObject = Duplicate(other); }
 
 COSEvent::COSEvent(WCHAR* name, DWORD create) {
   if (!create) {
-    m_hObject = OpenEventW(0, FALSE, name);  // access 0 is what this constructor asks for
+    m_hObject = os::OpenEventW(0, FALSE, name);  // access 0 is what this constructor asks for
     return;
   }
   WCHAR fallback[kDefaultNameLength];
   if (!name) GetDefObjectName(name = fallback);
-  m_hObject = CreateEventW(nullptr, FALSE, FALSE, name);
+  m_hObject = os::CreateEventW(nullptr, FALSE, FALSE, name);
 }
 
 COSEvent::COSEvent(SECURITY_ATTRIBUTES* security, int manualReset, int initialState, WCHAR* name) {
   WCHAR fallback[kDefaultNameLength];
   if (!name) GetDefObjectName(name = fallback);
-  m_hObject = CreateEventW(security, manualReset, initialState, name);
+  m_hObject = os::CreateEventW(security, manualReset, initialState, name);
 }
 
 COSEvent::~COSEvent() { CloseOwnHandle(); }
 
 void COSEvent::CloseOwnHandle() {
-  if (m_hObject) CloseHandle(m_hObject);
+  if (m_hObject) os::CloseHandle(m_hObject);
   m_hObject = nullptr;
 }
 
-int COSEvent::Set() { return m_hObject ? SetEvent(m_hObject) : 0; }
-int COSEvent::Reset() { return m_hObject ? ResetEvent(m_hObject) : 0; }
-int COSEvent::Pulse() { return m_hObject ? PulseEvent(m_hObject) : 0; }
+int COSEvent::Set() { return m_hObject ? os::SetEvent(m_hObject) : 0; }
+int COSEvent::Reset() { return m_hObject ? os::ResetEvent(m_hObject) : 0; }
+int COSEvent::Pulse() { return m_hObject ? os::PulseEvent(m_hObject) : 0; }
 
 COSExtEvent::COSExtEvent() : COSEvent(static_cast<HANDLE>(nullptr)) {}
 
@@ -181,15 +183,15 @@ COSSemaphore::COSSemaphore(LONG initial, LONG maximum, WCHAR* name) : COSSemapho
 COSSemaphore::COSSemaphore(SECURITY_ATTRIBUTES* security, LONG initial, LONG maximum, WCHAR* name) {
   WCHAR fallback[kDefaultNameLength];
   if (!name) GetDefObjectName(name = fallback);
-  m_hObject = CreateSemaphoreW(security, initial, maximum, name);
+  m_hObject = os::CreateSemaphoreW(security, initial, maximum, name);
 }
 
 COSSemaphore::~COSSemaphore() {
-  if (m_hObject) CloseHandle(m_hObject);
+  if (m_hObject) os::CloseHandle(m_hObject);
 }
 
 int COSSemaphore::Release(LONG count, LONG* previous) {
-  return m_hObject ? ReleaseSemaphore(m_hObject, count, previous) : 0;
+  return m_hObject ? os::ReleaseSemaphore(m_hObject, count, previous) : 0;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -200,25 +202,25 @@ constexpr DWORD kWatchableChanges = 0x1Du;  // file name, attributes, size, last
 }
 
 COSFileChangeNotify::COSFileChangeNotify(const WCHAR* path, DWORD filter) : m_filter(filter & kWatchableChanges) {
-  if (zr::WStrLen(path) == 0 || m_filter == 0) return;
-  zr::WStrCopy(m_path, ZR_MAX_PATH, path);
+  if (os::WStrLen(path) == 0 || m_filter == 0) return;
+  os::WStrCopy(m_path, ZR_MAX_PATH, path);
   const std::u16string directory = DirectoryOf(m_path);
   if (directory.empty()) return;
-  HANDLE handle = FindFirstChangeNotificationW(directory.c_str(), FALSE, m_filter);
+  HANDLE handle = os::FindFirstChangeNotificationW(directory.c_str(), FALSE, m_filter);
   if (handle == INVALID_HANDLE_VALUE) return;
   m_hObject = handle;
-  zr::GetFindData(m_path, &m_entry);
+  os::GetFindData(m_path, &m_entry);
 }
 
 COSFileChangeNotify::~COSFileChangeNotify() {
-  if (m_hObject) FindCloseChangeNotification(m_hObject);
+  if (m_hObject) os::FindCloseChangeNotification(m_hObject);
 }
 
 DWORD COSFileChangeNotify::VerifyWaitSuccessful(DWORD waitResult) {
   if (!m_hObject) return WAIT_FAILED;
-  FindNextChangeNotification(m_hObject);
+  os::FindNextChangeNotification(m_hObject);
   tagZRFINDDATA now;
-  if (!zr::GetFindData(m_path, &now)) {
+  if (!os::GetFindData(m_path, &now)) {
     const bool existed = m_entry.cFileName[0] != 0;
     m_entry = {};
     m_lastChange = existed ? 1u : 0u;

@@ -12,6 +12,8 @@
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrhash.h"
 
+namespace os = zr::os;
+
 namespace {
 
 constexpr DWORD kHeaderSize = sizeof(tagCHNKHEADER);
@@ -23,9 +25,9 @@ template <class Stream>
 bool SeekTo(Stream& stream, UINT64 position) {
   constexpr UINT64 kMaxOffset = 0x7FFFFFFF;
   if (position > kMaxCount) return false;
-  if (position <= kMaxOffset) return stream.SetFilePtr(static_cast<LONG>(position), zr::kFileBegin) != 0;
-  return stream.SetFilePtr(static_cast<LONG>(kMaxOffset), zr::kFileBegin) &&
-         stream.SetFilePtr(static_cast<LONG>(position - kMaxOffset), zr::kFileCurrent);
+  if (position <= kMaxOffset) return stream.SetFilePtr(static_cast<LONG>(position), os::kFileBegin) != 0;
+  return stream.SetFilePtr(static_cast<LONG>(kMaxOffset), os::kFileBegin) &&
+         stream.SetFilePtr(static_cast<LONG>(position - kMaxOffset), os::kFileCurrent);
 }
 
 // The rules in which the variants differ, by stream.
@@ -144,7 +146,7 @@ class ChunkCore {
  private:
   template <class... Args>
   void Report(unsigned level, const char16_t* format, const Args&... args) {
-    if (IsDebugOn()) wPrintf(3, level, format, Rules::kClass, args...);
+    if (IsDebugOn()) os::wPrintf(3, level, format, Rules::kClass, args...);
   }
   unsigned int Deny(unsigned level, const char16_t* format) {
     Report(level, format);
@@ -290,13 +292,13 @@ CChunkArchive::~CChunkArchive() { Close(); }
 
 unsigned long CChunkArchive::Open(const WCHAR* path, DWORD access, DWORD creation, DWORD timeout) {
   Reset();
-  const DWORD start = GetTickCount();
+  const DWORD start = os::GetTickCount();
   for (;;) {
-    const unsigned int result = file_.Open(path, access, 0, creation, zr::kFileFlagSequentialScan, 0);
+    const unsigned int result = file_.Open(path, access, 0, creation, os::kFileFlagSequentialScan, 0);
     if (result == CZRFile::kOpened) return 0;
     if (result != CZRFile::kSharingViolation) return 0xFFFFFFFFul;
-    if (GetTickCount() - start > timeout) return CHNK_OPEN_TIMEOUT;
-    Sleep(kRetryMs);
+    if (os::GetTickCount() - start > timeout) return CHNK_OPEN_TIMEOUT;
+    os::Sleep(kRetryMs);
   }
 }
 

@@ -12,17 +12,19 @@
 #include "zrobj/cheap.h"
 #include "zrobj/zrdiag.h"
 
+namespace os = zr::os;
+
 namespace {
 
 constexpr DWORD kNoValue = 0xFFFFFFFFu;       // "keep what the open file has" in MapFile
 constexpr DWORD kInfinite = 0xFFFFFFFFu;
 constexpr DWORD kMapKeepsFileOpen = 0x1u;    // mapping flags bit 0
 constexpr DWORD kMapFlagFileSize = 0x1u;     // map flags bit 0: the mapping takes the file's size
-constexpr DWORD kMapDefaultFlags = zr::kFileFlagRandomAccess | zr::kFileAttributeNormal;
+constexpr DWORD kMapDefaultFlags = os::kFileFlagRandomAccess | os::kFileAttributeNormal;
 constexpr UINT64 kMaxFileSize = 0xFFFFFFFFu;  // sizes and positions are 32-bit
 
-zr::FileHandle AsFile(HANDLE handle) { return static_cast<zr::FileHandle>(handle); }
-zr::FileMapping* AsMapping(HANDLE handle) { return static_cast<zr::FileMapping*>(handle); }
+os::FileHandle AsFile(HANDLE handle) { return static_cast<os::FileHandle>(handle); }
+os::FileMapping* AsMapping(HANDLE handle) { return static_cast<os::FileMapping*>(handle); }
 
 UINT64 FromFileTime(const FILETIME& time) {
   return static_cast<UINT64>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
@@ -39,7 +41,7 @@ CHeap* CacheHeap() {
   return heap;
 }
 
-bool CreatesFiles(DWORD creation) { return creation == zr::kCreateAlways || creation == zr::kOpenAlways; }
+bool CreatesFiles(DWORD creation) { return creation == os::kCreateAlways || creation == os::kOpenAlways; }
 
 // Length of the directory part of a path, separator included (0 when it has none).
 std::size_t DirectoryLength(std::u16string_view path) {
@@ -84,10 +86,10 @@ bool CZRFile::IsOpen() const { return file_ != nullptr; }
 
 // A path that does not fit the name buffer is refused rather than cut (a cut path names another file).
 bool CZRFile::StoreName(const WCHAR* path) {
-  const std::size_t length = zr::WStrLen(path);
+  const std::size_t length = os::WStrLen(path);
   if (length >= ZR_MAX_PATH) return false;
   if (path == name_) return true;  // the stored name itself
-  zr::WStrCopy(name_, ZR_MAX_PATH, std::u16string_view(path ? path : u"", length));
+  os::WStrCopy(name_, ZR_MAX_PATH, std::u16string_view(path ? path : u"", length));
   return true;
 }
 
@@ -111,20 +113,20 @@ unsigned int CZRFile::OpenStored(DWORD access, DWORD share, DWORD creation, DWOR
   COSAutoLock guard(&section_);
   if (IsOpen()) return kAlreadyOpen;
   if (name_[0] == 0) return kNoName;
-  zr::FileHandle file = zr::CreateFileW(name_, access, share, creation, flags);
-  if (file == zr::kInvalidFile) {
-    const DWORD error = zr::GetLastFileError();
-    if (error == zr::kErrorSharingViolation) return kSharingViolation;
-    if (!CreatesFiles(creation) || error != zr::kErrorPathNotFound) return kOpenFailed;
+  os::FileHandle file = os::CreateFileW(name_, access, share, creation, flags);
+  if (file == os::kInvalidFile) {
+    const DWORD error = os::GetLastError();
+    if (error == os::kErrorSharingViolation) return kSharingViolation;
+    if (!CreatesFiles(creation) || error != os::kErrorPathNotFound) return kOpenFailed;
     // Create the missing directories of the path and try once more.
     const std::u16string directory(name_, DirectoryLength(name_));
     if (directory.empty()) return kOpenFailed;
-    if (!zr::DirectoryExistsW(directory.c_str()) && !zr::CreateDirectoryTreeW(directory.c_str())) return kOpenFailed;
-    file = zr::CreateFileW(name_, access, share, creation, flags);
-    if (file == zr::kInvalidFile) return kOpenFailed;
+    if (!os::DirectoryExistsW(directory.c_str()) && !os::CreateDirectoryTreeW(directory.c_str())) return kOpenFailed;
+    file = os::CreateFileW(name_, access, share, creation, flags);
+    if (file == os::kInvalidFile) return kOpenFailed;
   }
   UINT64 size = 0;
-  zr::GetFileSize(file, &size);
+  os::GetFileSize(file, &size);
   file_ = file;
   size_ = static_cast<DWORD>(size);
   access_ = access;
@@ -147,23 +149,23 @@ int CZRFile::Close() {
   if (!IsOpen()) return 1;
   if (lock_count_ != 0) {
     if (IsDebugOn()) {
-      wPrintf(3, 2, u"\rFile %s\r\nAttempt to close file while locked (cnt=%u)\r\n", name_, lock_count_);
+      os::wPrintf(3, 2, u"\rFile %s\r\nAttempt to close file while locked (cnt=%u)\r\n", name_, lock_count_);
     }
     WarningMsg(u"CLOSE HISTORY", ZR_CALLER_ADDRESS(), ZR_CURRENT_FRAME());
   }
   RemoveView();
   if (IsWritable()) FlushCache();
   if (cache_) CacheHeap()->Free(cache_, 0);
-  const BOOL closed = zr::CloseFile(AsFile(file_));
+  const BOOL closed = os::CloseFile(AsFile(file_));
   Reset();
   return closed;
 }
 
 DWORD CZRFile::GetSize() {
   if (!IsOpen()) return 0;
-  if (share_ & zr::kFileShareWrite) {  // another handle may have grown the file
+  if (share_ & os::kFileShareWrite) {  // another handle may have grown the file
     UINT64 size = 0;
-    if (zr::GetFileSize(AsFile(file_), &size)) return static_cast<DWORD>(size);
+    if (os::GetFileSize(AsFile(file_), &size)) return static_cast<DWORD>(size);
   }
   return size_;
 }
@@ -172,7 +174,7 @@ DWORD CZRFile::GetSize() {
 
 bool CZRFile::SeekTo(long long target) {
   if (target < 0 || static_cast<UINT64>(target) > kMaxFileSize) return false;
-  if (!zr::SetFilePointer(AsFile(file_), target, zr::kFileBegin, nullptr)) return false;
+  if (!os::SetFilePointer(AsFile(file_), target, os::kFileBegin, nullptr)) return false;
   position_ = static_cast<DWORD>(target);
   cache_offset_ = position_;
   if (position_ > size_) size_ = position_;
@@ -184,13 +186,13 @@ int CZRFile::SetFilePtr(LONG offset, DWORD method) {
   if (!IsOpen() || view_address_) return 0;
   if (cache_ && !FlushCache()) return 0;
   long long base = 0;
-  if (method == zr::kFileCurrent) {
+  if (method == os::kFileCurrent) {
     base = position_;
-  } else if (method == zr::kFileEnd) {
+  } else if (method == os::kFileEnd) {
     UINT64 size = 0;
-    if (!zr::GetFileSize(AsFile(file_), &size)) return 0;
+    if (!os::GetFileSize(AsFile(file_), &size)) return 0;
     base = static_cast<long long>(size);
-  } else if (method != zr::kFileBegin) {
+  } else if (method != os::kFileBegin) {
     return 0;
   }
   return SeekTo(base + offset) ? 1 : 0;
@@ -217,7 +219,7 @@ DWORD CZRFile::Write(const void* data, DWORD count) {
 
 DWORD CZRFile::WriteDirect(const void* data, DWORD count) {
   DWORD done = 0;
-  if (!zr::WriteFile(AsFile(file_), data, count, &done) || done < count) status_ = kStatusFailed;
+  if (!os::WriteFile(AsFile(file_), data, count, &done) || done < count) status_ = kStatusFailed;
   position_ += done;
   size_ = std::max(size_, position_);
   return done;
@@ -228,7 +230,7 @@ DWORD CZRFile::Read(void* data, DWORD count) {
   if (!data && count) return 0;
   if (cache_ && !FlushCache()) return 0;
   DWORD done = 0;
-  if (!zr::ReadFile(AsFile(file_), data, count, &done) || done < count) status_ = kStatusFailed;
+  if (!os::ReadFile(AsFile(file_), data, count, &done) || done < count) status_ = kStatusFailed;
   position_ += done;
   // The emptied cache starts where the next write goes, so that cached bytes land at their position.
   if (cache_) cache_offset_ = position_;
@@ -237,12 +239,12 @@ DWORD CZRFile::Read(void* data, DWORD count) {
 
 int CZRFile::FlushCache() {
   if (!IsOpen() || !IsWritable()) return 0;
-  zr::FileHandle file = AsFile(file_);
+  os::FileHandle file = AsFile(file_);
   bool written = true;
   if (cache_fill_ != 0) {
-    if (!zr::SetFilePointer(file, cache_offset_, zr::kFileBegin, nullptr)) return 0;
+    if (!os::SetFilePointer(file, cache_offset_, os::kFileBegin, nullptr)) return 0;
     DWORD done = 0;
-    if (!zr::WriteFile(file, cache_, cache_fill_, &done) || done < cache_fill_) {
+    if (!os::WriteFile(file, cache_, cache_fill_, &done) || done < cache_fill_) {
       status_ = kStatusFailed;
       written = false;
     }
@@ -251,19 +253,19 @@ int CZRFile::FlushCache() {
       position_ = end;
       size_ = std::max(size_, end);
     } else {
-      zr::SetFilePointer(file, position_, zr::kFileBegin, nullptr);
+      os::SetFilePointer(file, position_, os::kFileBegin, nullptr);
     }
   }
   cache_fill_ = 0;
   cache_offset_ = position_;
-  const bool flushed = zr::FlushFileBuffers(file) != 0;
+  const bool flushed = os::FlushFileBuffers(file) != 0;
   return flushed && written ? 1 : 0;
 }
 
 int CZRFile::SetEOF(DWORD position) {
   if (view_address_) UnmapFile();
   if (!IsOpen() || (cache_ && !FlushCache())) return 0;
-  if (SeekTo(position) && zr::SetEndOfFile(AsFile(file_))) size_ = position;
+  if (SeekTo(position) && os::SetEndOfFile(AsFile(file_))) size_ = position;
   return 0;
 }
 
@@ -279,20 +281,20 @@ UINT64 CZRFile::LockLength(DWORD offset, DWORD length) {
 bool CZRFile::HasBytesToLock(DWORD length) {
   if (length != 0) return true;
   UINT64 size = 0;
-  zr::GetFileSize(AsFile(file_), &size);
+  os::GetFileSize(AsFile(file_), &size);
   if (size != 0 || size_ != 0) return true;
-  wPrintf(3, 3, u"\rCZRFile %s: Attempt to lock 0 bytes\r\n", name_);
+  os::wPrintf(3, 3, u"\rCZRFile %s: Attempt to lock 0 bytes\r\n", name_);
   return false;
 }
 
 int CZRFile::WaitFileLock(DWORD offset, DWORD length, DWORD timeout) {
   if (!IsOpen() || !HasBytesToLock(length)) return 0;
-  const DWORD start = GetTickCount();
-  while (!zr::LockFile(AsFile(file_), offset, LockLength(offset, length))) {
+  const DWORD start = os::GetTickCount();
+  while (!os::LockFile(AsFile(file_), offset, LockLength(offset, length))) {
     // Only a lock held by someone else is worth waiting for.
-    if (zr::GetLastFileError() != zr::kErrorLockViolation) return 0;
-    if (timeout != kInfinite && GetTickCount() - start >= timeout) return 0;
-    Sleep(1);
+    if (os::GetLastError() != os::kErrorLockViolation) return 0;
+    if (timeout != kInfinite && os::GetTickCount() - start >= timeout) return 0;
+    os::Sleep(1);
   }
   if (timeout == kInfinite) return 1;  // such locks are deliberately not counted
   ++lock_count_;
@@ -301,19 +303,19 @@ int CZRFile::WaitFileLock(DWORD offset, DWORD length, DWORD timeout) {
 
 int CZRFile::FileLock(DWORD offset, DWORD length) {
   if (!IsOpen() || !HasBytesToLock(length)) return 0;
-  if (!zr::LockFile(AsFile(file_), offset, LockLength(offset, length))) return 0;
+  if (!os::LockFile(AsFile(file_), offset, LockLength(offset, length))) return 0;
   ++lock_count_;
   return 1;
 }
 
 int CZRFile::FileUnlock(DWORD offset, DWORD length) {
   if (lock_count_ == 0) {
-    wPrintf(3, 4, u"File %s\r\nIllegal attempt to unlock non-locked file.", name_);
+    os::wPrintf(3, 4, u"File %s\r\nIllegal attempt to unlock non-locked file.", name_);
     WarningMsg(u"UNLOCK HISTORY", ZR_CALLER_ADDRESS(), ZR_CURRENT_FRAME());
     return 0;
   }
   if (!IsOpen()) return 0;
-  if (!zr::UnlockFile(AsFile(file_), offset, LockLength(offset, length))) return 0;
+  if (!os::UnlockFile(AsFile(file_), offset, LockLength(offset, length))) return 0;
   --lock_count_;
   return 1;
 }
@@ -324,7 +326,7 @@ int CZRFile::Delete() {
   COSAutoLock guard(&section_);
   if (name_[0] == 0) return 0;
   if (IsOpen()) Close();
-  return zr::DeleteFileW(name_);
+  return os::DeleteFileW(name_);
 }
 
 int CZRFile::Name(const WCHAR* newPath) {
@@ -335,18 +337,18 @@ int CZRFile::Name(const WCHAR* newPath) {
 
 int CZRFile::Move(const WCHAR* newPath) {
   COSAutoLock guard(&section_);
-  if (name_[0] == 0 || zr::WStrLen(newPath) == 0) return 0;
-  if (IsOpen() || zr::WStrLen(newPath) >= ZR_MAX_PATH) return 0;
-  if (!zr::MoveFileW(name_, newPath)) return 0;
+  if (name_[0] == 0 || os::WStrLen(newPath) == 0) return 0;
+  if (IsOpen() || os::WStrLen(newPath) >= ZR_MAX_PATH) return 0;
+  if (!os::MoveFileW(name_, newPath)) return 0;
   StoreName(newPath);
   return 1;
 }
 
 int CZRFile::Copy(const WCHAR* targetPath, BOOL failIfExists) {
   COSAutoLock guard(&section_);
-  if (name_[0] == 0 || zr::WStrLen(targetPath) == 0) return 0;
+  if (name_[0] == 0 || zr::os::WStrLen(targetPath) == 0) return 0;
   if (IsOpen()) return 0;
-  return zr::CopyFileW(name_, targetPath, failIfExists) ? 1 : 0;
+  return os::CopyFileW(name_, targetPath, failIfExists) ? 1 : 0;
 }
 
 int CZRFile::Rename(const WCHAR* newFileName) {
@@ -360,11 +362,11 @@ int CZRFile::Rename(const WCHAR* newFileName) {
 
 int CZRFile::Touch(const WCHAR* newPath) {
   COSAutoLock guard(&section_);
-  if (zr::WStrLen(newPath) != 0 && std::u16string_view(newPath) != std::u16string_view(name_)) {
+  if (os::WStrLen(newPath) != 0 && std::u16string_view(newPath) != std::u16string_view(name_)) {
     Close();
     if (!Move(newPath)) return 0;
   }
-  const FILETIME now = ToFileTime(zr::GetSystemTimeAsFileTime());
+  const FILETIME now = ToFileTime(os::GetSystemTimeAsFileTime());
   return SetTime(nullptr, nullptr, &now);
 }
 
@@ -374,19 +376,19 @@ int CZRFile::WithTimeHandle(bool write, Fn&& fn) {
   COSAutoLock guard(&section_);
   if (IsOpen()) return fn(AsFile(file_));
   if (name_[0] == 0) return 0;
-  const DWORD access = write ? zr::kGenericRead | zr::kGenericWrite : zr::kGenericRead;
-  zr::FileHandle file = zr::CreateFileW(name_, access, zr::kFileShareRead | zr::kFileShareWrite,
-                                        zr::kOpenExisting, zr::kFileAttributeNormal);
-  if (file == zr::kInvalidFile) return 0;
+  const DWORD access = write ? os::kGenericRead | os::kGenericWrite : os::kGenericRead;
+  os::FileHandle file = os::CreateFileW(name_, access, os::kFileShareRead | os::kFileShareWrite,
+                                        os::kOpenExisting, os::kFileAttributeNormal);
+  if (file == os::kInvalidFile) return 0;
   const int result = fn(file);
-  zr::CloseFile(file);
+  os::CloseFile(file);
   return result;
 }
 
 int CZRFile::GetTime(FILETIME* creation, FILETIME* lastAccess, FILETIME* lastWrite) {
-  return WithTimeHandle(false, [&](zr::FileHandle file) {
+  return WithTimeHandle(false, [&](os::FileHandle file) {
     UINT64 times[3] = {};
-    if (!zr::GetFileTime(file, &times[0], &times[1], &times[2])) return 0;
+    if (!os::GetFileTime(file, &times[0], &times[1], &times[2])) return 0;
     if (creation) *creation = ToFileTime(times[0]);
     if (lastAccess) *lastAccess = ToFileTime(times[1]);
     if (lastWrite) *lastWrite = ToFileTime(times[2]);
@@ -399,33 +401,33 @@ int CZRFile::SetTime(const FILETIME* creation, const FILETIME* lastAccess, const
   if (IsOpen() && cache_fill_ != 0) FlushCache();
   const UINT64 times[3] = {creation ? FromFileTime(*creation) : 0, lastAccess ? FromFileTime(*lastAccess) : 0,
                            lastWrite ? FromFileTime(*lastWrite) : 0};
-  return WithTimeHandle(true, [&](zr::FileHandle file) {
-    return zr::SetFileTime(file, creation ? &times[0] : nullptr, lastAccess ? &times[1] : nullptr,
+  return WithTimeHandle(true, [&](os::FileHandle file) {
+    return os::SetFileTime(file, creation ? &times[0] : nullptr, lastAccess ? &times[1] : nullptr,
                            lastWrite ? &times[2] : nullptr);
   });
 }
 
 BOOL CZRFile::WasModifiedSince(const WCHAR* path, const FILETIME* time) {
-  if (zr::WStrLen(path) == 0 || !time) return 0;
-  zr::FileInfo info;
-  if (!zr::GetFileInfoW(path, &info)) return 0;
+  if (os::WStrLen(path) == 0 || !time) return 0;
+  os::FileInfo info;
+  if (!os::GetFileInfoW(path, &info)) return 0;
   return info.last_write_time >= FromFileTime(*time) ? 1 : 0;
 }
 
 BOOL CZRFile::TouchFile(const WCHAR* path) {
-  if (zr::WStrLen(path) == 0) return 0;
-  zr::FileHandle file = zr::CreateFileW(path, zr::kGenericWrite, 0, zr::kOpenExisting, zr::kFileAttributeNormal);
-  if (file == zr::kInvalidFile) return 0;
-  const UINT64 now = zr::GetSystemTimeAsFileTime();
-  const BOOL result = zr::SetFileTime(file, nullptr, nullptr, &now);
-  zr::CloseFile(file);
+  if (os::WStrLen(path) == 0) return 0;
+  os::FileHandle file = os::CreateFileW(path, os::kGenericWrite, 0, os::kOpenExisting, os::kFileAttributeNormal);
+  if (file == os::kInvalidFile) return 0;
+  const UINT64 now = os::GetSystemTimeAsFileTime();
+  const BOOL result = os::SetFileTime(file, nullptr, nullptr, &now);
+  os::CloseFile(file);
   return result;
 }
 
 DWORD CZRFile::GetFreeDiskSpace(const WCHAR* path) {
-  if (zr::WStrLen(path) == 0) return 0;
-  zr::DiskFreeSpace space;
-  if (!zr::GetDiskFreeSpaceW(path, &space)) return 0;
+  if (os::WStrLen(path) == 0) return 0;
+  os::DiskFreeSpace space;
+  if (!os::GetDiskFreeSpaceW(path, &space)) return 0;
   const UINT64 cluster = static_cast<UINT64>(space.sectors_per_cluster) * space.bytes_per_sector;
   if (cluster == 0) return 0;
   // Whole clusters only, and never more than a 32-bit count of bytes.
@@ -434,36 +436,36 @@ DWORD CZRFile::GetFreeDiskSpace(const WCHAR* path) {
 }
 
 BOOL CZRFile::GetInfo(const WCHAR* path, Info* info) {
-  zr::FileInfo found;
-  if (!info || !zr::GetFileInfoW(path, &found)) return 0;
+  zr::os::FileInfo found;
+  if (!info || !zr::os::GetFileInfoW(path, &found)) return 0;
   *info = Info{found.size, found.attributes, ToFileTime(found.creation_time), ToFileTime(found.last_access_time),
                ToFileTime(found.last_write_time)};
   return 1;
 }
 
-DWORD CZRFile::GetAttributes(const WCHAR* path) { return zr::GetFileAttributesW(path); }
+DWORD CZRFile::GetAttributes(const WCHAR* path) { return zr::os::GetFileAttributesW(path); }
 
 BOOL CZRFile::SetAttributes(const WCHAR* path, DWORD attributes) {
-  return zr::SetFileAttributesW(path, attributes & ~(kAttributeDirectory | kAttributeNormal));
+  return zr::os::SetFileAttributesW(path, attributes & ~(kAttributeDirectory | kAttributeNormal));
 }
 
 BOOL CZRFile::GetVolumeSpace(const WCHAR* path, UINT64* freeBytes, DWORD* clusterBytes) {
-  zr::DiskFreeSpace space;
-  if (!zr::GetDiskFreeSpaceW(path, &space)) return 0;
+  zr::os::DiskFreeSpace space;
+  if (!zr::os::GetDiskFreeSpaceW(path, &space)) return 0;
   const UINT64 cluster = static_cast<UINT64>(space.sectors_per_cluster) * space.bytes_per_sector;
   if (freeBytes) *freeBytes = space.free_clusters * cluster;
   if (clusterBytes) *clusterBytes = static_cast<DWORD>(cluster);
   return 1;
 }
 
-DWORD CZRFile::GetLastError() { return zr::GetLastFileError(); }
+DWORD CZRFile::GetLastError() { return zr::os::GetLastError(); }
 
 // --- Mapping -----------------------------------------------------------------------------------------------
 
 void CZRFile::RemoveView() {
   if (!view_address_) return;
-  zr::UnmapViewOfFile(view_address_);
-  zr::CloseFileMapping(AsMapping(mapping_));
+  os::UnmapViewOfFile(view_address_);
+  os::CloseFileMapping(AsMapping(mapping_));
   mapping_ = nullptr;
   view_address_ = nullptr;
   view_offset_ = 0;
@@ -481,7 +483,7 @@ void* CZRFile::MapFile(DWORD access, DWORD share, DWORD creation, DWORD flags, D
   const bool opens_file = !IsOpen();
   if (opens_file) {
     if (!all_given) return nullptr;
-    if (size == 0 && (creation == zr::kCreateNew || creation == zr::kCreateAlways)) return nullptr;
+    if (size == 0 && (creation == os::kCreateNew || creation == os::kCreateAlways)) return nullptr;
     if (OpenStored(access, share, creation, flags, 0) != kOpened) return nullptr;
   } else {
     if (!none_given) return nullptr;
@@ -490,12 +492,12 @@ void* CZRFile::MapFile(DWORD access, DWORD share, DWORD creation, DWORD flags, D
   if (cache_) FlushCache();
 
   // Align the view down to the allocation granularity and size it to cover the requested bytes.
-  zr::FileHandle file = AsFile(file_);
-  const DWORD delta = offset % zr::GetAllocationGranularity();
+  os::FileHandle file = AsFile(file_);
+  const DWORD delta = offset % os::GetAllocationGranularity();
   const UINT64 view_offset = offset - delta;
   UINT64 length = static_cast<UINT64>(delta) + size;
   UINT64 file_size = 0;
-  bool valid = zr::GetFileSize(file, &file_size) != 0;
+  bool valid = os::GetFileSize(file, &file_size) != 0;
   if (size == 0 || !IsWritable()) {
     valid = valid && offset < file_size;
     if (size == 0) length = file_size - view_offset;
@@ -503,15 +505,15 @@ void* CZRFile::MapFile(DWORD access, DWORD share, DWORD creation, DWORD flags, D
   }
   valid = valid && length <= kMaxFileSize;
 
-  zr::FileMapping* mapping = nullptr;
+  os::FileMapping* mapping = nullptr;
   void* view = nullptr;
   if (valid) {
     const UINT64 maximum = (mapFlags & kMapFlagFileSize) ? 0 : view_offset + length;
-    mapping = zr::CreateFileMappingW(file, pageProtection, maximum, mappingName);
-    if (mapping) view = zr::MapViewOfFile(mapping, viewAccess, view_offset, static_cast<std::size_t>(length));
+    mapping = os::CreateFileMappingW(file, pageProtection, maximum, mappingName);
+    if (mapping) view = os::MapViewOfFile(mapping, viewAccess, view_offset, static_cast<std::size_t>(length));
   }
   if (!view) {
-    if (mapping) zr::CloseFileMapping(mapping);
+    if (mapping) os::CloseFileMapping(mapping);
     if (opens_file) {
       Close();
     } else {
@@ -530,15 +532,15 @@ void* CZRFile::MapFile(DWORD access, DWORD share, DWORD creation, DWORD flags, D
 }
 
 void* CZRFile::MapOpenFile(bool writable, DWORD offset, DWORD size, DWORD mapFlags) {
-  return MapFile(kNoValue, kNoValue, kNoValue, kNoValue, writable ? zr::kPageReadWrite : zr::kPageReadOnly, offset,
-                 size, nullptr, writable ? zr::kFileMapWrite : zr::kFileMapRead, mapFlags);
+  return MapFile(kNoValue, kNoValue, kNoValue, kNoValue, writable ? os::kPageReadWrite : os::kPageReadOnly, offset,
+                 size, nullptr, writable ? os::kFileMapWrite : os::kFileMapRead, mapFlags);
 }
 
 void* CZRFile::MapFileR(DWORD size, DWORD offset, DWORD mapFlags) {
   COSAutoLock guard(&section_);
   if (IsOpen()) return IsReadable() ? MapOpenFile(false, offset, size, mapFlags) : nullptr;
-  return MapFile(zr::kGenericRead, 0, zr::kOpenExisting, kMapDefaultFlags, zr::kPageReadOnly, offset, size, nullptr,
-                 zr::kFileMapRead, mapFlags);
+  return MapFile(os::kGenericRead, 0, os::kOpenExisting, kMapDefaultFlags, os::kPageReadOnly, offset, size, nullptr,
+                 os::kFileMapRead, mapFlags);
 }
 
 void* CZRFile::MapFileRW(BOOL create, DWORD size, DWORD offset, DWORD mapFlags) {
@@ -547,8 +549,8 @@ void* CZRFile::MapFileRW(BOOL create, DWORD size, DWORD offset, DWORD mapFlags) 
     if (create || !IsReadable() || !IsWritable()) return nullptr;
     return MapOpenFile(true, offset, size, mapFlags);
   }
-  return MapFile(zr::kGenericRead | zr::kGenericWrite, 0, create ? zr::kCreateAlways : zr::kOpenExisting,
-                 kMapDefaultFlags, zr::kPageReadWrite, offset, size, nullptr, zr::kFileMapWrite, mapFlags);
+  return MapFile(os::kGenericRead | os::kGenericWrite, 0, create ? os::kCreateAlways : os::kOpenExisting,
+                 kMapDefaultFlags, os::kPageReadWrite, offset, size, nullptr, os::kFileMapWrite, mapFlags);
 }
 
 void* CZRFile::RemapFile(DWORD size, DWORD offset, DWORD mapFlags) {
@@ -582,7 +584,7 @@ int CZRFile::FlushView(const void* address, DWORD length) {
   const auto base = reinterpret_cast<std::uintptr_t>(view_address_);
   const std::uintptr_t start = (at == 0xFFFFFFFFu || at == UINTPTR_MAX) ? base : at;
   if (start < base || start - base >= view_size_) return 0;
-  return zr::FlushViewOfFile(reinterpret_cast<const void*>(start), length);
+  return os::FlushViewOfFile(reinterpret_cast<const void*>(start), length);
 }
 
 // --- Hand-over -----------------------------------------------------------------------------------------------

@@ -21,6 +21,8 @@
 #include "zrobj/zrevent.h"
 #include "zrobj/zrobj.h"
 
+namespace os = zr::os;
+
 // The root directory comes from the lifecycle family; bound weakly so the handler also works in a
 // library built without it (the record then goes to the working directory).
 #pragma weak ZROBJ_GetAppRootDir
@@ -88,7 +90,7 @@ std::mutex g_facts_mutex;
 std::atomic<bool> g_crash_started{false};
 std::atomic<DWORD> g_crash_owner{0};
 std::atomic<unsigned> g_parked{0};
-thread_local const FaultRecord* t_fault = nullptr;  // the signal behind the exception being filtered
+thread_local const os::FaultRecord* t_fault = nullptr;  // the signal behind the exception being filtered
 
 thread_local EXCEPTION_RECORD t_guard_record;
 thread_local CONTEXT t_guard_context;
@@ -98,9 +100,9 @@ thread_local EXCEPTION_POINTERS t_guard_pointers;
 template <class... Args>
 void Print(std::string_view format, const Args&... args) {
   char buffer[2048];
-  FixedText text(buffer, sizeof buffer);
+  os::FixedText text(buffer, sizeof buffer);
   text.Format(format, args...);
-  dmp_output(buffer);
+  os::dmp_output(buffer);
 }
 
 const char* OrUnknown(const char* text) { return text && *text ? text : "<<Unknown>>"; }
@@ -120,14 +122,14 @@ int ExceptionIndex(DWORD code) {
 // ---- The thread register, as far as the crash handler needs it ----
 
 bool DefaultThreadName(DWORD thread_id, WCHAR* buffer, unsigned length) {
-  if (thread_id != LoadingThreadId()) return false;
-  WStrCopy(buffer, length, u"<<Main>>");
+  if (thread_id != os::LoadingThreadId()) return false;
+  os::WStrCopy(buffer, length, u"<<Main>>");
   return true;
 }
 
 void DefaultThreadDump() {
   Print("\rThreadList\r\n");
-  Print("\r%08X %s\r\n", LoadingThreadId(), u"<<Main>>");
+  Print("\r%08X %s\r\n", os::LoadingThreadId(), u"<<Main>>");
 }
 
 // The default user stream block: a count, then per thread its id and 64 UTF-16 characters of name.
@@ -138,8 +140,8 @@ const void* DefaultThreadBlock(unsigned long* size) {
     WCHAR name[64];
   } block;
   block.count = 1;
-  block.thread_id = LoadingThreadId();
-  WStrCopy(block.name, 64, u"<<Main>>");
+  block.thread_id = os::LoadingThreadId();
+  os::WStrCopy(block.name, 64, u"<<Main>>");
   if (size) *size = sizeof block;
   return &block;
 }
@@ -153,15 +155,15 @@ void PrintThreadLine(DWORD thread_id) {
   WCHAR name[64];
   if (GetRegisteredThreadName(thread_id, name, 64))
     Print("\rThread: Thread <%s> (0x%08X)\r\n", static_cast<const WCHAR*>(name), thread_id);
-  else if (thread_id == LoadingThreadId())
+  else if (thread_id == os::LoadingThreadId())
     Print("\rThread: Main (0x%08X)\r\n", thread_id);
   else
     Print("\rThread: Unspecified worker thread (0x%08X)\r\n", thread_id);
 }
 
 void PrintSystemFigures() {
-  SystemFigures f;
-  GetSystemFigures(&f);
+  os::SystemFigures f;
+  os::GetSystemFigures(&f);
   Print("\rNumber of processors: %u", f.processors);
   Print("\rMemory load         : %u%%", f.memory_load);
   Print("\rTotal physical      : %u", f.total_physical);
@@ -195,8 +197,8 @@ const char* BaseName(const char* path) {
 }
 
 void PrintModuleOffset(std::uintptr_t address) {
-  ModuleInfo m;
-  if (FindModule(address, &m))
+  os::ModuleInfo m;
+  if (os::FindModule(address, &m))
     Print("\r\n%hs, offset %08X", m.path, static_cast<std::uint64_t>(address - m.base));
   else
     Print("\r\n<<Unknown>>, offset %08X", static_cast<std::uint64_t>(address));
@@ -206,8 +208,8 @@ void PrintModuleOffset(std::uintptr_t address) {
 // Only the first frame may lie outside every module (a jump to a wild address); beyond it such an
 // address means the walk has left the frame chain (code without frame pointers), and ends the trace.
 bool PrintFrame(std::uintptr_t address, bool first) {
-  SymbolInfo s;
-  if (!LookupSymbol(address, &s)) {
+  os::SymbolInfo s;
+  if (!os::LookupSymbol(address, &s)) {
     if (first) Print("\r\n[<<Unknown>> + %ud]", static_cast<std::uint64_t>(address));
     return false;
   }
@@ -216,28 +218,28 @@ bool PrintFrame(std::uintptr_t address, bool first) {
     return true;
   }
   char name[512];
-  DemangleName(s.symbol, name, sizeof name);
+  os::DemangleName(s.symbol, name, sizeof name);
   Print("\r\n[%hs + %ud]", static_cast<const char*>(name), static_cast<std::uint64_t>(address - s.symbol_address));
   return true;
 }
 
 // The fault behind exception information, when it came from a signal: the crash being handled on this
 // thread, or the last guarded fault that GetExceptionInfo handed out.
-const FaultRecord* FaultBehind(const EXCEPTION_POINTERS* p) {
+const os::FaultRecord* FaultBehind(const EXCEPTION_POINTERS* p) {
   if (t_fault) return t_fault;
-  return p == &t_guard_pointers ? LastGuardedFault() : nullptr;
+  return p == &t_guard_pointers ? os::LastGuardedFault() : nullptr;
 }
 
 // The stack of the faulting context: as taken when the fault happened (a guard has unwound it since),
 // else walked now along the context's frame pointers. Returns the number of frames.
 int FaultFrames(const EXCEPTION_POINTERS* p, std::uintptr_t (&walked)[kMaxTraceFrames], const std::uintptr_t** frames) {
-  const FaultRecord* fault = FaultBehind(p);
+  const os::FaultRecord* fault = FaultBehind(p);
   if (fault && fault->frame_count > 0) {
     *frames = fault->frames;
     return fault->frame_count;
   }
   *frames = walked;
-  return CaptureCallStack(p->ContextRecord->Rip, p->ContextRecord->Rbp, walked, kMaxTraceFrames);
+  return os::CaptureCallStack(p->ContextRecord->Rip, p->ContextRecord->Rbp, walked, kMaxTraceFrames);
 }
 
 void TraceOutException(const EXCEPTION_POINTERS* p, int depth) {
@@ -263,9 +265,9 @@ bool StackPassesFilter(const EXCEPTION_POINTERS* p, const char* filter) {
   std::uintptr_t walked[kMaxTraceFrames];
   const std::uintptr_t* frames = nullptr;
   const int n = FaultFrames(p, walked, &frames);
-  ModuleInfo m;
+  os::ModuleInfo m;
   for (int i = 0; i < n; ++i)
-    if (FindModule(frames[i], &m) && ContainsNoCase(m.path, filter)) return true;
+    if (os::FindModule(frames[i], &m) && ContainsNoCase(m.path, filter)) return true;
   return false;
 }
 
@@ -298,22 +300,22 @@ void PrepareFacts() {
   } else if (ZROBJ_GetAppRootDir) {
     WCHAR root[ZR_MAX_PATH] = {};
     if (ZROBJ_GetAppRootDir(root)) {
-      FixedText text(f.directory, sizeof f.directory);
+      os::FixedText text(f.directory, sizeof f.directory);
       text.AppendWide(std::u16string_view(root, std::char_traits<char16_t>::length(root)));
     }
   }
   AppendSeparator(f.directory);
-  GetUserLogonName(f.user, sizeof f.user);
-  GetComputerNameText(f.computer, sizeof f.computer);
-  GetLibraryVersionText(f.version, sizeof f.version);
-  PrepareLocalTime();
-  PrepareSignalStack();
-  SymbolInfo warm;  // loads what symbol lookup needs now rather than inside the handler
-  LookupSymbol(reinterpret_cast<std::uintptr_t>(&PrepareFacts), &warm);
+  os::GetUserLogonName(f.user, sizeof f.user);
+  os::GetComputerNameText(f.computer, sizeof f.computer);
+  os::GetLibraryVersionText(f.version, sizeof f.version);
+  os::PrepareLocalTime();
+  os::PrepareSignalStack();
+  os::SymbolInfo warm;  // loads what symbol lookup needs now rather than inside the handler
+  os::LookupSymbol(reinterpret_cast<std::uintptr_t>(&PrepareFacts), &warm);
 }
 
 const char* FilePath(char* buffer, const char* name) {
-  FixedText text(buffer, kPathCapacity);
+  os::FixedText text(buffer, kPathCapacity);
   text.Append(g_facts.directory);
   text.Append(name);
   return buffer;
@@ -325,8 +327,8 @@ void WriteDump(const char* path, EXCEPTION_POINTERS* p) {
   CONTEXT context;
   if (!p || !p->ExceptionRecord || !p->ContextRecord) {
     // No exception information: a breakpoint raised inside a guard supplies this thread's context.
-    CaptureCurrentContext();
-    const FaultRecord* fault = LastGuardedFault();
+    os::CaptureCurrentContext();
+    const os::FaultRecord* fault = os::LastGuardedFault();
     if (!fault || !ExceptionFromFault(*fault, &record, &context)) return;
     q.fault = fault;
   } else {
@@ -337,7 +339,7 @@ void WriteDump(const char* path, EXCEPTION_POINTERS* p) {
   EXCEPTION_POINTERS pointers{&record, &context};
   q.path = path;
   q.pointers = &pointers;
-  q.thread_id = CurrentOsThreadId();
+  q.thread_id = os::CurrentOsThreadId();
   q.level = CUnhandledException::iMiniDump;
   const ThreadInfoProvider* provider = g_provider.load();
   if (provider->get_dump_block) q.user_block = provider->get_dump_block(&q.user_size);
@@ -348,25 +350,25 @@ struct EventPrinter {
   static void Print(const tagEVENTRECORD& record, void*) {
     char line[2048];
     FormatEventRecord(record, line, sizeof line);
-    dmp_output(line);
+    os::dmp_output(line);
   }
 };
 
 void PrintHeader() {
-  const CivilTime t = LocalTimeNow();
+  const os::CivilTime t = os::LocalTimeNow();
   Print("\r\n\n----- Crash record -----\r\n%s,%u.%s.%u %02u:%02u:%02u:%u\r\n", kWeekdays[t.weekday % 7], t.day,
         kMonths[(t.month + 11) % 12], t.year, t.hour, t.minute, t.second, t.millisecond);
 }
 
 // Steps 1 to 13 of the handler: everything but ending the process.
 void WriteCrashRecord(EXCEPTION_POINTERS* p) {
-  Is_wPrintf_Active(1);
+  os::Is_wPrintf_Active(1);
   SetDebugMode(1);
   char path[kPathCapacity];
   if (CUnhandledException::iMiniDump != 0) WriteDump(FilePath(path, "crashdump.dmp"), p);
-  dmp_SetOutputFile(FilePath(path, "CrashRecord.txt"));  // unwritable: the record goes to the diagnostics output
+  os::dmp_SetOutputFile(FilePath(path, "CrashRecord.txt"));  // unwritable: the record goes to the diagnostics output
   PrintHeader();
-  Print("\rApplication: %s\r\n", OrUnknown(ProcessImagePath()));
+  Print("\rApplication: %s\r\n", OrUnknown(os::ProcessImagePath()));
   if (CUnhandledException::szState[0])
     Print("\rState      : %s\r\n", static_cast<const WCHAR*>(CUnhandledException::szState));
   else
@@ -380,14 +382,14 @@ void WriteCrashRecord(EXCEPTION_POINTERS* p) {
   CUnhandledException::DumpAppDLLs(1);
   if (CUnhandledException::bDisable) Print("\r >>> Invoking OS handler\r\n");
   Print("\r\n\n----- Crash record END -----\r\n");
-  dmp_SetOutputFile(nullptr);
+  os::dmp_SetOutputFile(nullptr);
 }
 
 // A thread that crashed while another writes the record waits for the process to end with it.
 [[noreturn]] void WaitForProcessEnd(int status) {
   g_parked.fetch_add(1);
-  for (unsigned waited = 0; waited < kParkedWaitMs; waited += 10) ::Sleep(10);
-  TerminateProcessNow(status);
+  for (unsigned waited = 0; waited < kParkedWaitMs; waited += 10) ::zr::os::Sleep(10);
+  os::TerminateProcessNow(status);
 }
 
 }  // namespace
@@ -395,7 +397,7 @@ void WriteCrashRecord(EXCEPTION_POINTERS* p) {
 // Connects the fault handlers of the platform to the handler of this class.
 class CrashHandler {
  public:
-  static void OnFault(const FaultRecord& fault) {
+  static void OnFault(const os::FaultRecord& fault) {
     EXCEPTION_RECORD record;
     CONTEXT context;
     const bool has_context = ExceptionFromFault(fault, &record, &context);
@@ -427,7 +429,7 @@ bool GetRegisteredThreadName(DWORD thread_id, WCHAR* buffer, unsigned length) {
 void SetCrashRecordDirectory(const WCHAR* directory) {
   {
     std::lock_guard lock(g_facts_mutex);
-    FixedText text(g_facts.override_directory, sizeof g_facts.override_directory);
+    os::FixedText text(g_facts.override_directory, sizeof g_facts.override_directory);
     if (directory) text.AppendWide(std::u16string_view(directory, std::char_traits<char16_t>::length(directory)));
   }
   PrepareFacts();
@@ -444,49 +446,49 @@ CUnhandledException::CUnhandledException() {
   iMiniDump = ZROBJ_GetProfileInt("UnhandledException", "MiniDump", 0, 1);
   bShowStolen = ZROBJ_GetProfileInt("UnhandledException", "ShowStolen", 0, 1) != 0;
   zr::PrepareFacts();
-  zr::InstallFaultHandlers();
-  zr::SetCrashHook(&zr::CrashHandler::OnFault);
+  os::InstallFaultHandlers();
+  os::SetCrashHook(&zr::CrashHandler::OnFault);
   ++uLockCnt;
 }
 
 CUnhandledException::~CUnhandledException() {
-  if (uLockCnt == 1) zr::SetCrashHook(nullptr);
+  if (uLockCnt == 1) os::SetCrashHook(nullptr);
   if (uLockCnt != 0) --uLockCnt;
 }
 
 int CUnhandledException::ReInit() {
   if (uLockCnt == 0) return 0;
-  std::uintptr_t foreign = zr::InstallFaultHandlers();
-  const zr::CrashHook previous = zr::SetCrashHook(&zr::CrashHandler::OnFault);
+  std::uintptr_t foreign = os::InstallFaultHandlers();
+  const os::CrashHook previous = os::SetCrashHook(&zr::CrashHandler::OnFault);
   if (!foreign && previous && previous != &zr::CrashHandler::OnFault) foreign = reinterpret_cast<std::uintptr_t>(previous);
   WCHAR module[ZR_MAX_PATH];
   unsigned char probe = 0;
-  if (foreign && zr::ProbeRead(reinterpret_cast<const void*>(foreign), &probe, 1) &&
+  if (foreign && os::ProbeRead(reinterpret_cast<const void*>(foreign), &probe, 1) &&
       GetModuleFilenameFromAddress(reinterpret_cast<const void*>(foreign), module) && IsDebugOn())
-    wPrintf(bShowStolen ? 0x80000000u : 0u, 0, u"\rUHE reset to Fluxor from module %s\r\n", static_cast<const WCHAR*>(module));
+    os::wPrintf(bShowStolen ? 0x80000000u : 0u, 0, u"\rUHE reset to Fluxor from module %s\r\n", static_cast<const WCHAR*>(module));
   return 1;
 }
 
 int CUnhandledException::SetState(const WCHAR* text) {
-  zr::WStrCopy(szState, kStateLength, text ? text : u"");
+  os::WStrCopy(szState, kStateLength, text ? text : u"");
   return 1;
 }
 
 long CUnhandledException::TopLevelExceptionFilter(EXCEPTION_POINTERS* pointers) {
-  const DWORD self = zr::CurrentOsThreadId();
+  const DWORD self = os::CurrentOsThreadId();
   if (zr::g_crash_started.exchange(true)) {
     // Only the first crash writes a record; a fault inside the handler itself ends the process now.
-    if (zr::g_crash_owner.load() == self) zr::TerminateProcessNow(zr::ExitStatusOf(pointers));
+    if (zr::g_crash_owner.load() == self) os::TerminateProcessNow(zr::ExitStatusOf(pointers));
     return EXCEPTION_EXECUTE_HANDLER;
   }
   zr::g_crash_owner.store(self);
-  zr::ArmCrashWatchdog(zr::kWatchdogSeconds);
+  os::ArmCrashWatchdog(zr::kWatchdogSeconds);
   zr::WriteCrashRecord(pointers);
   if (bDisable) {
-    zr::ArmCrashWatchdog(0);
+    os::ArmCrashWatchdog(0);
     return EXCEPTION_CONTINUE_SEARCH;
   }
-  zr::TerminateProcessNow(zr::ExitStatusOf(pointers));
+  os::TerminateProcessNow(zr::ExitStatusOf(pointers));
 }
 
 void CUnhandledException::AnalyseException(EXCEPTION_POINTERS* pointers, DWORD flag) {
@@ -503,9 +505,9 @@ void CUnhandledException::AnalyseException(EXCEPTION_POINTERS* pointers, DWORD f
     Print("\r\nException 0x%08X @ 0x%08X\r\n", record->ExceptionCode, static_cast<std::uint64_t>(address));
   else
     Print("\r\nException, NO EXCEPTION INFORMATION!!!!!\r\n");
-  const CivilTime now = LocalTimeNow();
+  const os::CivilTime now = os::LocalTimeNow();
   Print("\r\n  %hd.%hd.%hd  %hd:%hd:%hd\r\n", now.day, now.month, now.year, now.hour, now.minute, now.second);
-  PrintThreadLine(CurrentOsThreadId());
+  PrintThreadLine(os::CurrentOsThreadId());
   if (g_facts.version[0]) Print("Build %s of %s\r\n", static_cast<const char*>(g_facts.version), kBuildDate);
   if (flag == 0 || (mode & kTrapFull)) {
     PrintSystemFigures();
@@ -520,11 +522,11 @@ void CUnhandledException::AnalyseException(EXCEPTION_POINTERS* pointers, DWORD f
   }
   if (context) TraceOutException(pointers, flag && (mode & kTrapOneFrame) ? 1 : kMaxTraceFrames);
   Print("\r\n");
-  if (flag && (mode & kTrapBreak)) BreakIntoDebugger();
+  if (flag && (mode & kTrapBreak)) os::BreakIntoDebugger();
 }
 
 EXCEPTION_POINTERS* CUnhandledException::GetExceptionInfo() {
-  const zr::FaultRecord* fault = zr::LastGuardedFault();
+  const os::FaultRecord* fault = os::LastGuardedFault();
   if (!fault) return nullptr;
   const bool has_context = zr::ExceptionFromFault(*fault, &zr::t_guard_record, &zr::t_guard_context);
   zr::t_guard_pointers = {&zr::t_guard_record, has_context ? &zr::t_guard_context : nullptr};
@@ -533,18 +535,18 @@ EXCEPTION_POINTERS* CUnhandledException::GetExceptionInfo() {
 
 HMODULE CUnhandledException::GetModuleFilenameFromAddress(const void* address, WCHAR* buffer) {
   if (buffer) buffer[0] = 0;
-  zr::ModuleInfo m;
-  if (!zr::FindModule(reinterpret_cast<std::uintptr_t>(address), &m)) return nullptr;
-  if (buffer) zr::Utf8ToUtf16Fixed(m.path, buffer, ZR_MAX_PATH);
+  os::ModuleInfo m;
+  if (!os::FindModule(reinterpret_cast<std::uintptr_t>(address), &m)) return nullptr;
+  if (buffer) os::Utf8ToUtf16Fixed(m.path, buffer, ZR_MAX_PATH);
   return reinterpret_cast<HMODULE>(m.base);
 }
 
 void CUnhandledException::DumpAppDLLs(DWORD flag) {
   zr::Print("\r\n<<Loaded libraries>>\r\n");
-  zr::ForEachModule(
-      [](const zr::ModuleInfo& m, void* context) {
+  os::ForEachModule(
+      [](const os::ModuleInfo& m, void* context) {
         const bool all = (*static_cast<const DWORD*>(context) & 1) != 0;
-        if (all || m.is_main || !zr::IsSystemModule(m.path))
+        if (all || m.is_main || !os::IsSystemModule(m.path))
           zr::Print("\r%016I64X %08I64X %hs\r\n", static_cast<std::uint64_t>(m.base), m.size, m.path);
         return true;
       },

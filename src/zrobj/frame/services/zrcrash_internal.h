@@ -9,7 +9,7 @@ namespace zr {
 struct MinidumpRequest {
   const char* path = nullptr;
   const EXCEPTION_POINTERS* pointers = nullptr;  // with a context; required
-  const FaultRecord* fault = nullptr;            // the signal behind the exception, when known
+  const os::FaultRecord* fault = nullptr;            // the signal behind the exception, when known
   DWORD thread_id = 0;                           // the crashing thread
   int level = 1;                                 // 1 normal, 2 with data segments, 3+ full memory
   const void* user_block = nullptr;              // the thread register's dump
@@ -21,7 +21,7 @@ struct MinidumpRequest {
 bool WriteMinidump(const MinidumpRequest& request);
 
 // Builds the exception information of a fault; the context is filled only when the fault has one.
-bool ExceptionFromFault(const FaultRecord& fault, EXCEPTION_RECORD* record, CONTEXT* context);
+bool ExceptionFromFault(const os::FaultRecord& fault, EXCEPTION_RECORD* record, CONTEXT* context);
 
 // True once a thread has started writing the crash record: readers of shared state then must not
 // wait for locks whose holder may have crashed.

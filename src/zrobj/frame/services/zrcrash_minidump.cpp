@@ -49,7 +49,7 @@ struct ModuleEntry {
   const char* path;
   const std::uint8_t* build_id;
   std::size_t build_id_size;
-  ModuleSegment segments[ModuleInfo::kMaxSegments];
+  os::ModuleSegment segments[os::ModuleInfo::kMaxSegments];
   int segment_count;
 };
 
@@ -97,7 +97,7 @@ class Bytes {
 // The output file, filled front to back; every piece's position is its RVA.
 class DumpFile {
  public:
-  bool Open(const char* path) { return file_.Open(path, RawFile::Mode::kTruncate); }
+  bool Open(const char* path) { return file_.Open(path, os::RawFile::Mode::kTruncate); }
   std::uint64_t position() const { return position_; }
   bool ok() const { return ok_; }
   void Align(std::uint64_t to) { position_ = (position_ + to - 1) & ~(to - 1); }
@@ -117,10 +117,10 @@ class DumpFile {
   void AppendMemory(std::uint64_t start, std::uint64_t size) {
     while (size > 0) {
       const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(size, sizeof g_chunk));
-      if (!ProbeRead(reinterpret_cast<const void*>(start), g_chunk, n)) {
+      if (!os::ProbeRead(reinterpret_cast<const void*>(start), g_chunk, n)) {
         for (std::size_t off = 0; off < n; off += kPage) {
           const std::size_t part = std::min(kPage, n - off);
-          if (!ProbeRead(reinterpret_cast<const void*>(start + off), g_chunk + off, part))
+          if (!os::ProbeRead(reinterpret_cast<const void*>(start + off), g_chunk + off, part))
             std::memset(g_chunk + off, 0, part);
         }
       }
@@ -131,8 +131,8 @@ class DumpFile {
   }
   // The whole text of a (/proc) file; returns its size.
   DWORD AppendFile(const char* path) {
-    RawFile in;
-    if (!in.Open(path, RawFile::Mode::kRead)) return 0;
+    os::RawFile in;
+    if (!in.Open(path, os::RawFile::Mode::kRead)) return 0;
     std::uint64_t total = 0;
     for (long n; (n = in.Read(g_chunk, sizeof g_chunk)) > 0; total += static_cast<std::uint64_t>(n))
       Append(g_chunk, static_cast<std::size_t>(n));
@@ -140,7 +140,7 @@ class DumpFile {
   }
 
  private:
-  RawFile file_;
+  os::RawFile file_;
   std::uint64_t position_ = 0;
   bool ok_ = true;
 };
@@ -162,7 +162,7 @@ void AddRange(std::uint64_t start, std::uint64_t size) {
   g_ranges[g_range_count++] = {start, size};
 }
 
-bool CollectModule(const ModuleInfo& m, void*) {
+bool CollectModule(const os::ModuleInfo& m, void*) {
   if (g_module_count == kMaxModules) return false;
   if (!m.is_main && (!m.path || !*m.path)) return true;  // nameless objects such as the vDSO
   ModuleEntry& e = g_modules[g_module_count++];
@@ -179,7 +179,7 @@ struct StackSearch {
   Range found;
 };
 
-bool FindStack(const MemoryRegion& r, void* context) {
+bool FindStack(const os::MemoryRegion& r, void* context) {
   auto* s = static_cast<StackSearch*>(context);
   const bool contains = s->sp >= r.start && s->sp < r.end;
   const bool just_above = r.start > s->sp && r.start - s->sp <= kStackSearchReach;
@@ -190,14 +190,14 @@ bool FindStack(const MemoryRegion& r, void* context) {
   return false;
 }
 
-bool IsDumpableRegion(const MemoryRegion& r) {
-  if (!r.readable || r.end <= r.start || IsSanitizerShadow(r.start, r.end)) return false;
+bool IsDumpableRegion(const os::MemoryRegion& r) {
+  if (!r.readable || r.end <= r.start || os::IsSanitizerShadow(r.start, r.end)) return false;
   if (std::strcmp(r.path, "[vvar]") == 0 || std::strcmp(r.path, "[vsyscall]") == 0) return false;
   return std::strncmp(r.path, "/dev/", 5) != 0 || std::strncmp(r.path, "/dev/shm/", 9) == 0 ||
          std::strcmp(r.path, "/dev/zero") == 0;
 }
 
-bool CollectRegion(const MemoryRegion& r, void*) {
+bool CollectRegion(const os::MemoryRegion& r, void*) {
   if (IsDumpableRegion(r)) AddRange(r.start, r.end - r.start);
   return g_range_count < kMaxRanges;
 }
@@ -205,7 +205,7 @@ bool CollectRegion(const MemoryRegion& r, void*) {
 // A MINIDUMP_STRING: byte length, UTF-16 text, terminator.
 DWORD AppendString(DumpFile& out, const char* text) {
   char16_t wide[1024];
-  const std::size_t units = Utf8ToUtf16Fixed(text ? text : "", wide, 1024);
+  const std::size_t units = os::Utf8ToUtf16Fixed(text ? text : "", wide, 1024);
   out.Align(4);
   const DWORD bytes = static_cast<DWORD>(units * 2);
   const DWORD rva = out.Append32(bytes);
@@ -215,8 +215,8 @@ DWORD AppendString(DumpFile& out, const char* text) {
 
 DWORD WriteSystemInfo(DumpFile& out) {
   const DWORD csd = AppendString(out, "");
-  SystemFigures figures;
-  GetSystemFigures(&figures);
+  os::SystemFigures figures;
+  os::GetSystemFigures(&figures);
   Bytes b;
   b.U16(kArchitectureAmd64).U16(6).U16(0);
   b.U8(static_cast<std::uint8_t>(std::min<std::uint32_t>(figures.processors, 255))).U8(1);  // a workstation
@@ -227,7 +227,7 @@ DWORD WriteSystemInfo(DumpFile& out) {
 
 std::uint32_t SignalNumber(const MinidumpRequest& q) {
   if (q.fault) return static_cast<std::uint32_t>(q.fault->signal);
-  return static_cast<std::uint32_t>(SignalOfExceptionCode(q.pointers->ExceptionRecord->ExceptionCode));
+  return static_cast<std::uint32_t>(os::SignalOfExceptionCode(q.pointers->ExceptionRecord->ExceptionCode));
 }
 
 // The exception as POSIX readers expect it: the signal as code, its si_code as flags and the address the
@@ -328,13 +328,13 @@ DWORD WriteMemory64List(DumpFile& out, DWORD* size) {
 void CollectRanges(int level, const Range& stack) {
   g_range_count = 0;
   if (level >= 3) {
-    ForEachMemoryRegion(CollectRegion, nullptr);
+    os::ForEachMemoryRegion(CollectRegion, nullptr);
     return;
   }
   if (level < 2) return;
   for (int i = 0; i < g_module_count; ++i)
     for (int k = 0; k < g_modules[i].segment_count; ++k) {
-      const ModuleSegment& seg = g_modules[i].segments[k];
+      const os::ModuleSegment& seg = g_modules[i].segments[k];
       const bool overlaps_stack = seg.start < stack.start + stack.size && stack.start < seg.start + seg.size;
       if (seg.writable && !overlaps_stack) AddRange(seg.start, seg.size);
     }
@@ -356,13 +356,13 @@ bool WriteMinidump(const MinidumpRequest& q) {
 
   dir.Add(kSystemInfoStream, 56, WriteSystemInfo(out));
   Bytes misc;
-  misc.U32(24).U32(kMiscProcessId).U32(CurrentProcessId()).U32(0).U32(0).U32(0);
+  misc.U32(24).U32(kMiscProcessId).U32(os::CurrentProcessId()).U32(0).U32(0).U32(0);
   dir.Add(kMiscInfoStream, 24, out.Append(misc));
   out.Align(16);
   const DWORD context_rva = out.Append(&context, sizeof context);
 
   StackSearch search{context.Rsp, {0, 0}};
-  ForEachMemoryRegion(FindStack, &search);
+  os::ForEachMemoryRegion(FindStack, &search);
   out.Align(16);
   const DWORD stack_rva = static_cast<DWORD>(out.position());
   out.AppendMemory(search.found.start, search.found.size);
@@ -370,7 +370,7 @@ bool WriteMinidump(const MinidumpRequest& q) {
   dir.Add(kExceptionStream, 168, WriteException(out, q, context_rva));
 
   g_module_count = 0;
-  ForEachModule(CollectModule, nullptr);
+  os::ForEachModule(CollectModule, nullptr);
   DWORD size = 0;
   const DWORD modules_rva = WriteModuleList(out, &size);
   dir.Add(kModuleListStream, size, modules_rva);
@@ -398,7 +398,7 @@ bool WriteMinidump(const MinidumpRequest& q) {
   const std::uint64_t flags = level >= 3 ? 2 : level == 2 ? 1 : 0;  // full memory / data segments / normal
   header.U32(kSignature).U32(kFormatVersion).U32(static_cast<DWORD>(dir.count)).U32(32).U32(0);
   constexpr std::uint64_t kUnixEpochAsFileTime = 116444736000000000ull;
-  header.U32(static_cast<DWORD>((GetSystemTimeAsFileTime() - kUnixEpochAsFileTime) / 10000000u)).U64(flags);
+  header.U32(static_cast<DWORD>((os::GetSystemTimeAsFileTime() - kUnixEpochAsFileTime) / 10000000u)).U64(flags);
   out.WriteAt(0, header.data(), header.size());
   for (int i = 0; i < dir.count; ++i) {
     Bytes e;
@@ -408,7 +408,7 @@ bool WriteMinidump(const MinidumpRequest& q) {
   return out.ok();
 }
 
-bool ExceptionFromFault(const FaultRecord& f, EXCEPTION_RECORD* rec, CONTEXT* ctx) {
+bool ExceptionFromFault(const os::FaultRecord& f, EXCEPTION_RECORD* rec, CONTEXT* ctx) {
   *rec = EXCEPTION_RECORD{};
   rec->ExceptionCode = f.code;
   rec->ExceptionAddress = reinterpret_cast<void*>(f.address);
@@ -420,7 +420,7 @@ bool ExceptionFromFault(const FaultRecord& f, EXCEPTION_RECORD* rec, CONTEXT* ct
   }
   std::memset(static_cast<void*>(ctx), 0, sizeof *ctx);
   if (!f.has_registers) return false;
-  const FaultRegisters& r = f.registers;
+  const os::FaultRegisters& r = f.registers;
   ctx->ContextFlags = CONTEXT_CONTROL | CONTEXT_INTEGER | CONTEXT_SEGMENTS | (r.has_fxsave ? CONTEXT_FLOATING_POINT : 0);
   ctx->MxCsr = r.mxcsr;
   ctx->SegCs = r.cs, ctx->SegDs = r.ds, ctx->SegEs = r.es, ctx->SegFs = r.fs, ctx->SegGs = r.gs, ctx->SegSs = r.ss;

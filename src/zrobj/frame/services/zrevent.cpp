@@ -110,7 +110,7 @@ void CEventLogger::LogEvent(const WCHAR* format, ...) {
   EventLogState& s = State();
   zr::EnsureThreadAttached();  // a thread's first use of the library names it
   if (s.capacity.load(std::memory_order_relaxed) == 0) return;
-  const DWORD thread_id = zr::CurrentOsThreadId();
+  const DWORD thread_id = zr::os::CurrentOsThreadId();
   WCHAR name[64];
   zr::GetRegisteredThreadName(thread_id, name, 64);
   zr::EventArgs args;
@@ -133,14 +133,14 @@ void CEventLogger::LogEvent(const WCHAR* format, ...) {
     CopyField(r.szText, 512, kNoDescription);
   } else {
     s.scratch.clear();
-    zr::AppendFormatWide(s.scratch, format, args.items, args.count);
+    zr::os::AppendFormatWide(s.scratch, format, args.items, args.count);
     const std::size_t n = std::min(s.scratch.size(), kFormatBufferChars - 1);
     std::copy_n(s.scratch.data(), n, s.format_buffer);
     s.format_buffer[n] = 0;
     CopyField(r.szText, 512, std::u16string_view(s.format_buffer, n));
     if (s.scratch.capacity() > 4 * kFormatBufferChars) s.scratch = std::u16string();  // drop a giant one
   }
-  const std::uint64_t now = zr::GetSystemTimeAsFileTime();
+  const std::uint64_t now = zr::os::GetSystemTimeAsFileTime();
   r.ftTime.dwLowDateTime = static_cast<DWORD>(now);
   r.ftTime.dwHighDateTime = static_cast<DWORD>(now >> 32);
   s.write_index = (s.write_index + 1) % capacity;
@@ -150,36 +150,36 @@ namespace zr {
 namespace {
 
 // The integer argument of a conversion: int or unsigned, or 64-bit for a modifier that names it.
-FormatArg IntegerArg(const FormatSpec& s, std::va_list& ap) {
-  const bool wide = IntegerBytes(s.length) == 8;
-  if (s.kind == FormatKind::kSigned)
-    return wide ? MakeFormatArg(va_arg(ap, long long)) : MakeFormatArg(va_arg(ap, int));
-  return wide ? MakeFormatArg(va_arg(ap, unsigned long long)) : MakeFormatArg(va_arg(ap, unsigned));
+os::FormatArg IntegerArg(const os::FormatSpec& s, std::va_list& ap) {
+  const bool wide = os::IntegerBytes(s.length) == 8;
+  if (s.kind == os::FormatKind::kSigned)
+    return wide ? os::MakeFormatArg(va_arg(ap, long long)) : os::MakeFormatArg(va_arg(ap, int));
+  return wide ? os::MakeFormatArg(va_arg(ap, unsigned long long)) : os::MakeFormatArg(va_arg(ap, unsigned));
 }
 
 // In a wide format "%s" is UTF-16 and "%S" narrow; "h" and "l" say it explicitly.
-FormatArg StringArg(const FormatSpec& s, std::va_list& ap) {
+os::FormatArg StringArg(const os::FormatSpec& s, std::va_list& ap) {
   const void* text = va_arg(ap, const void*);
-  const FormatTextWidth width = TextWidth(s.length);
-  const bool narrow = width == FormatTextWidth::kNarrow || (width == FormatTextWidth::kDefault && s.conversion == 'S');
-  return narrow ? MakeFormatArg(static_cast<const char*>(text)) : MakeFormatArg(static_cast<const char16_t*>(text));
+  const os::FormatTextWidth width = os::TextWidth(s.length);
+  const bool narrow = width == os::FormatTextWidth::kNarrow || (width == os::FormatTextWidth::kDefault && s.conversion == 'S');
+  return narrow ? os::MakeFormatArg(static_cast<const char*>(text)) : os::MakeFormatArg(static_cast<const char16_t*>(text));
 }
 
-void CollectArg(const FormatSpec& s, std::va_list& ap, EventArgs& out) {
+void CollectArg(const os::FormatSpec& s, std::va_list& ap, EventArgs& out) {
   switch (s.kind) {
-    case FormatKind::kSigned:
-    case FormatKind::kUnsigned: out.Push(IntegerArg(s, ap)); break;
-    case FormatKind::kChar: out.Push(MakeFormatArg(va_arg(ap, int))); break;
-    case FormatKind::kString: out.Push(StringArg(s, ap)); break;
-    case FormatKind::kPointer:
-    case FormatKind::kCount: out.Push(MakeFormatArg(va_arg(ap, const void*))); break;
-    case FormatKind::kReal:
-      out.Push(s.length == FormatLength::kLongDouble ? MakeFormatArg(static_cast<double>(va_arg(ap, long double)))
-                                                     : MakeFormatArg(va_arg(ap, double)));
+    case os::FormatKind::kSigned:
+    case os::FormatKind::kUnsigned: out.Push(IntegerArg(s, ap)); break;
+    case os::FormatKind::kChar: out.Push(os::MakeFormatArg(va_arg(ap, int))); break;
+    case os::FormatKind::kString: out.Push(StringArg(s, ap)); break;
+    case os::FormatKind::kPointer:
+    case os::FormatKind::kCount: out.Push(os::MakeFormatArg(va_arg(ap, const void*))); break;
+    case os::FormatKind::kReal:
+      out.Push(s.length == os::FormatLength::kLongDouble ? os::MakeFormatArg(static_cast<double>(va_arg(ap, long double)))
+                                                     : os::MakeFormatArg(va_arg(ap, double)));
       break;
-    case FormatKind::kPercent:
-    case FormatKind::kUnknown:
-    case FormatKind::kTruncated: break;  // no argument
+    case os::FormatKind::kPercent:
+    case os::FormatKind::kUnknown:
+    case os::FormatKind::kTruncated: break;  // no argument
   }
 }
 
@@ -187,10 +187,10 @@ void CollectArg(const FormatSpec& s, std::va_list& ap, EventArgs& out) {
 
 void CollectEventArgs(std::u16string_view format, std::va_list& ap, EventArgs& out) {
   for (std::size_t i = format.find(u'%'); i != std::u16string_view::npos; i = format.find(u'%', i)) {
-    const FormatSpec s = ParseFormatSpec(format.substr(i));
+    const os::FormatSpec s = os::ParseFormatSpec(format.substr(i));
     i += s.size;
-    if (s.width_from_arg) out.Push(MakeFormatArg(va_arg(ap, int)));
-    if (s.precision_from_arg) out.Push(MakeFormatArg(va_arg(ap, int)));
+    if (s.width_from_arg) out.Push(os::MakeFormatArg(va_arg(ap, int)));
+    if (s.precision_from_arg) out.Push(os::MakeFormatArg(va_arg(ap, int)));
     CollectArg(s, ap, out);
   }
 }
@@ -236,8 +236,8 @@ std::size_t FormatEventRecord(const tagEVENTRECORD& r, char* buffer, std::size_t
   CopyField(name, 64, FieldText(r.szThreadName, 64));
   CopyField(text, 512, FieldText(r.szText, 512));
   const std::uint64_t ft = (static_cast<std::uint64_t>(r.ftTime.dwHighDateTime) << 32) | r.ftTime.dwLowDateTime;
-  const CivilTime t = FileTimeToCivil(ft);
-  FixedText out(buffer, capacity);
+  const os::CivilTime t = os::FileTimeToCivil(ft);
+  os::FixedText out(buffer, capacity);
   out.Format("\r* %-5u %hu.%hu.%hu %hu:%hu:%hu:%hu Thread %08X [%s] %s\r\n", r.dwEventNo, t.day, t.month, t.year,
              t.hour, t.minute, t.second, t.millisecond, r.dwThreadId, static_cast<const char16_t*>(name),
              static_cast<const char16_t*>(text));

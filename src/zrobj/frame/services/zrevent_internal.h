@@ -11,23 +11,23 @@
 #include "zrobj/export.h"
 
 namespace zr::steps {
-ZROBJ_API void InitEventLog();  // CEventLogger::Init
-ZROBJ_API void ExitEventLog();  // CEventLogger::Exit
+void InitEventLog();  // CEventLogger::Init
+void ExitEventLog();  // CEventLogger::Exit
 }  // namespace zr::steps
 
 namespace zr {
 
 // The arguments of one event, at most kCapacity; built without constructing them up front
-// (FormatArg has no default).
+// (os::FormatArg has no default).
 struct EventArgs {
   static constexpr std::size_t kCapacity = 64;
   union {
-    FormatArg items[kCapacity];
+    os::FormatArg items[kCapacity];
   };
   std::size_t count = 0;
   EventArgs() {}
-  void Push(const FormatArg& a) {
-    if (count < kCapacity) new (&items[count++]) FormatArg(a);
+  void Push(const os::FormatArg& a) {
+    if (count < kCapacity) new (&items[count++]) os::FormatArg(a);
   }
 };
 

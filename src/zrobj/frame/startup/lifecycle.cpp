@@ -19,6 +19,8 @@
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrobj.h"
 
+namespace os = zr::os;
+
 namespace {
 
 DWORD g_init_count = 0;
@@ -44,21 +46,21 @@ constexpr FileType kFileTypes[] = {
 };
 
 BOOL ProcessDetach() {
-  if (IsDebugOn()) wPrintf(3, 9, u"ZROBJ: Process detaching...\n");
+  if (IsDebugOn()) os::wPrintf(3, 9, u"ZROBJ: Process detaching...\n");
   if (g_init_count != 0 && IsDebugOn())
-    wPrintf(3, 9, u"\rClasses were not unregistered, dwInitCnt = %u\r\n", g_init_count);
+    os::wPrintf(3, 9, u"\rClasses were not unregistered, dwInitCnt = %u\r\n", g_init_count);
   zr::steps::ExitEventLog();
   zr::steps::ExitThreadRegister();
   zr::steps::ExitThreadSlotsOfThread();
   zr::steps::ExitClassRegistry();
   zr::steps::ExitThreadSlots();
   zr::DestroySettingsFile();
-  if (IsDebugOn()) wPrintf(3, 9, u"ZROBJ: detached\n");
+  if (IsDebugOn()) os::wPrintf(3, 9, u"ZROBJ: detached\n");
   return 1;
 }
 
 BOOL ProcessAttach() {
-  InitCommonControls();
+  os::InitCommonControls();
   if (!zr::steps::InitThreadSlots() || !zr::steps::InitClassRegistry()) {
     ProcessDetach();
     return 0;
@@ -74,15 +76,15 @@ BOOL ProcessAttach() {
   if (g_callback_head) return g_callback_head();
   for (const FileType& t : kFileTypes)
     RegisterFileType(t.extension, t.type_name, t.description, t.icon, t.open_command);
-  if (IsDebugOn()) wPrintf(3, 9, u"ZROBJ: Process attached successfully\r\n");
+  if (IsDebugOn()) os::wPrintf(3, 9, u"ZROBJ: Process attached successfully\r\n");
   return 1;
 }
 
 void ThreadAttach() {
   WCHAR name[kThreadNameLength];
   if (zr::steps::GetCurrentThreadName(name, kThreadNameLength)) return;  // named before it first ran here
-  const double seconds = static_cast<double>(GetTickCount() - ZROBJ_GetStartTick()) / 1000.0;
-  const std::u16string unknown = zr::FormatWide(u"Unknown, created %f s after startup", seconds);
+  const double seconds = static_cast<double>(os::GetTickCount() - ZROBJ_GetStartTick()) / 1000.0;
+  const std::u16string unknown = os::FormatWide(u"Unknown, created %f s after startup", seconds);
   zr::steps::RegisterCurrentThread(unknown.c_str());
 }
 
@@ -100,22 +102,22 @@ void OnThreadEnd() {
 
 // Load and unload of libzrobju.so stand for the loader's process attach and detach.
 __attribute__((constructor)) void LibraryLoaded() {
-  zr::ConfigureDiag();
+  os::ConfigureDiag();
   zr::InitDiagnostics();
-  zr::SetThreadExitCallback(&OnThreadEnd);
+  os::SetThreadExitCallback(&OnThreadEnd);
   zr::SetThreadAttachHandler(&OnThreadAttach);
-  if (ZROBJ_DllMain(zr::LibraryModule(), DLL_PROCESS_ATTACH, nullptr)) return;
+  if (ZROBJ_DllMain(os::LibraryModule(), DLL_PROCESS_ATTACH, nullptr)) return;
   // A failed attach fails the load. A constructor cannot make the loader refuse the library, so the
   // process ends as it does when a library it needs cannot be loaded, rather than going on with
   // the library half torn down.
-  wPrintf(3, 0, u"ZROBJ: Process attach failed, the library cannot be loaded\r\n");
-  zr::TerminateProcessNow(kLoadFailedExitStatus);
+  os::wPrintf(3, 0, u"ZROBJ: Process attach failed, the library cannot be loaded\r\n");
+  os::TerminateProcessNow(kLoadFailedExitStatus);
 }
 
 __attribute__((destructor)) void LibraryUnloading() {
-  zr::SetThreadExitCallback(nullptr);
+  os::SetThreadExitCallback(nullptr);
   zr::SetThreadAttachHandler(nullptr);
-  zr::DisarmThreadExit();
+  os::DisarmThreadExit();
   ZROBJ_DllMain(ZROBJ_GetModuleHandle(), DLL_PROCESS_DETACH, nullptr);
 }
 
@@ -124,7 +126,7 @@ __attribute__((destructor)) void LibraryUnloading() {
 BOOL ZROBJ_DllMain(HMODULE module, DWORD reason, void*) {
   switch (reason) {
     case DLL_PROCESS_ATTACH:
-      zr::SetProcessAttachState(module, GetTickCount());
+      zr::SetProcessAttachState(module, os::GetTickCount());
       return ProcessAttach();
     case DLL_PROCESS_DETACH:
       return ProcessDetach();

@@ -4,29 +4,28 @@
 // lifecycle tests run the entry point again in a child process).
 #pragma once
 
-#include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
 namespace zr::steps {
 
 // Runtime class registry (CZRRuntimeClass) and the two base class records.
-ZROBJ_API BOOL InitClassRegistry();        // CZRRuntimeClass::Init; FALSE fails process attach
-ZROBJ_API void ExitClassRegistry();        // CZRRuntimeClass::Exit
+BOOL InitClassRegistry();        // CZRRuntimeClass::Init; FALSE fails process attach
+void ExitClassRegistry();        // CZRRuntimeClass::Exit
 // Register CZRRTObject (no base, version 0) / CZRObject (base CZRRTObject, version 12) with the
 // library's module; 0 = registered, else the registry's error code.
-ZROBJ_API DWORD RegisterRTObjectClass(HMODULE module);
-ZROBJ_API DWORD RegisterObjectClass(HMODULE module);
-ZROBJ_API void SanitizeClassLoads();       // CZRRuntimeClass::SanitizeLoads
-ZROBJ_API void UnloadClassLibs();          // CZRRuntimeClass::UnloadClassLibs
+DWORD RegisterRTObjectClass(HMODULE module);
+DWORD RegisterObjectClass(HMODULE module);
+void SanitizeClassLoads();       // CZRRuntimeClass::SanitizeLoads
+void UnloadClassLibs();          // CZRRuntimeClass::UnloadClassLibs
 
 // Watch ranges of freed objects (CZRObject) and of the locators (Locator).
-ZROBJ_API void SetObjectFreeWatchRange(int min, int max, int traceVirtual);  // CZRObject::SetFreeWatchRange
-ZROBJ_API void GetObjectFreeWatchRange(int* min, int* max, int* traceVirtual);
-ZROBJ_API void SetLocatorWatchRange(int& min, int& max);                      // Locator::SetRWWatchRange
-ZROBJ_API void GetLocatorWatchRange(int* min, int* max);                      // Locator::GetRWWatchRange
+void SetObjectFreeWatchRange(int min, int max, int traceVirtual);  // CZRObject::SetFreeWatchRange
+void GetObjectFreeWatchRange(int* min, int* max, int* traceVirtual);
+void SetLocatorWatchRange(int& min, int& max);                      // Locator::SetRWWatchRange
+void GetLocatorWatchRange(int* min, int* max);                      // Locator::GetRWWatchRange
 
 // The debug memory monitor's window class: command 1 registers it, 2 unregisters it. There is
 // no window system, so this is a no-op kept for the call sequence (defined in lifecycle.cpp).
-ZROBJ_API void MemoryMonitorClassControl(int command, int argument);
+void MemoryMonitorClassControl(int command, int argument);
 
 }  // namespace zr::steps

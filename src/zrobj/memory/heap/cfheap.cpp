@@ -13,11 +13,15 @@
 #include "platform/clock.h"
 #include "platform/dlgsvc.h"
 #include "platform/fault.h"
-#include "platform/privheap.h"
+#include "memory/heap/privheap_internal.h"
+#include "memory/heap/regionmap_internal.h"
+#include "platform/regions.h"
 #include "platform/wformat.h"
 #include "memory/heap/cheap_internal.h"
 #include "zrobj/cheap.h"
 #include "zrobj/zrdiag.h"
+
+namespace os = zr::os;
 
 namespace zr {
 namespace {
@@ -73,7 +77,7 @@ using zr::Ptr;
 
 CFHeap::CFHeap(const char* name, unsigned int itemSize, unsigned int itemsPerBlock, unsigned int minFreeBlocks) {
   if (name) zr::CopyHeapName(name_, name);
-  else zr::CopyHeapName(name_, zr::FormatNarrow("Heap %08x", Addr(this)).c_str());
+  else zr::CopyHeapName(name_, os::FormatNarrow("Heap %08x", Addr(this)).c_str());
   slot_size_ = std::uint64_t{itemSize} + zr::kSlotHeader;
   // The product rounded down to 64 KiB, plus 64 KiB: an exact multiple still gains 64 KiB.
   block_size_ = static_cast<std::size_t>(((slot_size_ * itemsPerBlock) & ~std::uint64_t{0xFFFF}) + 0x10000);
@@ -95,7 +99,7 @@ CFHeap::~CFHeap() {
   }
   first_ = last_ = nullptr;
   if (allocated) {
-    wPrintf(0, 9, u"CFHeap(%hs)::~CFHeap: %i items (%u bytes) not freed\r\n", name_, static_cast<int>(allocated),
+    os::wPrintf(0, 9, u"CFHeap(%hs)::~CFHeap: %i items (%u bytes) not freed\r\n", name_, static_cast<int>(allocated),
             static_cast<std::uint32_t>(allocated * slot_size_));
     DetailedMessageBeep(static_cast<UINT>(-1), "src/zrobj/cosobj", 1411);
   }
@@ -125,9 +129,9 @@ void CFHeap::PushFront(tagFHEAPBLOCK* block) {
 // A new block with every slot free, threaded in address order, at the front of the list.
 tagFHEAPBLOCK* CFHeap::NewBlock() {
   if (slots_per_block_ == 0) return nullptr;
-  void* base = zr::AllocateRegion(region_bytes_);
+  void* base = os::AllocateRegion(region_bytes_);
   if (!base) return nullptr;
-  auto* block = new (base) tagFHEAPBLOCK{this, slots_per_block_, GetTickCount(), static_cast<DWORD>(zr::kBlockHeader), 0, nullptr, nullptr};
+  auto* block = new (base) tagFHEAPBLOCK{this, slots_per_block_, os::GetTickCount(), static_cast<DWORD>(zr::kBlockHeader), 0, nullptr, nullptr};
   for (unsigned int i = 0; i < slots_per_block_; ++i) {
     const std::size_t offset = zr::kBlockHeader + i * stride_;
     const std::uintptr_t slot = Addr(base) + offset;
@@ -144,7 +148,7 @@ tagFHEAPBLOCK* CFHeap::NewBlock() {
 
 void CFHeap::ReleaseBlock(tagFHEAPBLOCK* block) {
   zr::UnmapRegion(block, region_bytes_);
-  zr::FreeRegion(block);
+  os::FreeRegion(block);
 }
 
 void CFHeap::RecomputeOldestFree() {
@@ -204,7 +208,7 @@ ZR_NOINLINE void* CFHeap::AllocLocked() {
   if (!block) {
     block = NewBlock();
     if (!block) {
-      if (IsDebugOn()) wPrintf(3, 5, u"\rCFHeap(%hs)::Alloc: Unable to allocate another block\r\n", name_);
+      if (IsDebugOn()) os::wPrintf(3, 5, u"\rCFHeap(%hs)::Alloc: Unable to allocate another block\r\n", name_);
       return nullptr;
     }
   } else if (block != first_ && block->dwFree >= 2) {
@@ -255,13 +259,13 @@ ZR_NOINLINE ZR_COLD tagFHEAPBLOCK* CFHeap::CheckSlot(std::uintptr_t slot) {
       mine = block;
     }
   }
-  if ((!mine && !zr::ProbeRead(Ptr(slot), words, sizeof words)) || words[1] != CFHEAP_ALLOCATED) {
-    if (IsDebugOn()) wPrintf(3, 5, u"\rCFHeap(%hs)::Free: Attempt to free unallocated pointer\r\n", name_);
+  if ((!mine && !os::ProbeRead(Ptr(slot), words, sizeof words)) || words[1] != CFHEAP_ALLOCATED) {
+    if (IsDebugOn()) os::wPrintf(3, 5, u"\rCFHeap(%hs)::Free: Attempt to free unallocated pointer\r\n", name_);
     return nullptr;
   }
   if (!mine || slot - words[0] != Addr(mine) || mine->pHeap != this) {
     if (IsDebugOn())
-      wPrintf(3, 5, u"\rCFHeap(%hs)::Free: Pointer not marked to belong to this heap (potential overwrite)\r\n", name_);
+      os::wPrintf(3, 5, u"\rCFHeap(%hs)::Free: Pointer not marked to belong to this heap (potential overwrite)\r\n", name_);
     return nullptr;
   }
   return mine;
@@ -285,7 +289,7 @@ ZR_NOINLINE void CFHeap::FreeLocked(std::uintptr_t slot) {
   if (!block && !(block = CheckSlot(slot))) return;
   zr::LightGuard guard(lock_);
   if (zr::SlotWord(slot, 1) != CFHEAP_ALLOCATED) {  // freed by another thread since the check
-    if (IsDebugOn()) wPrintf(3, 5, u"\rCFHeap(%hs)::Free: Attempt to free unallocated pointer\r\n", name_);
+    if (IsDebugOn()) os::wPrintf(3, 5, u"\rCFHeap(%hs)::Free: Attempt to free unallocated pointer\r\n", name_);
     return;
   }
   PushSlot(block, slot);
@@ -295,7 +299,7 @@ ZR_NOINLINE void CFHeap::FreeLocked(std::uintptr_t slot) {
   }
   if (block->dwFree != slots_per_block_) return;
   ++free_blocks_;
-  const DWORD now = GetTickCount();
+  const DWORD now = os::GetTickCount();
   block->dwTick = now;
   if (now < oldest_free_) oldest_free_ = now;
   if (free_blocks_ > min_free_ && now - oldest_free_ > CFHEAP_RELEASE_DELAY) ReleaseIdleBlocks(now);
@@ -323,7 +327,7 @@ void CFHeap::Dump() {
   State s;
   GetState(&s);
   const auto kb = [](std::uint64_t bytes) { return static_cast<std::uint32_t>(bytes / 1024); };
-  wPrintf(0, 0, u"\rCFHeap [%hs] Dump: %u items(%ukB), %u items free (%ukB), Total %u kB allocated\r\n", name_, s.items,
+  os::wPrintf(0, 0, u"\rCFHeap [%hs] Dump: %u items(%ukB), %u items free (%ukB), Total %u kB allocated\r\n", name_, s.items,
           kb(s.items * slot_size_), s.freeItems, kb(s.freeItems * slot_size_), kb(std::uint64_t{s.blocks} * s.blockSize));
 }
 

@@ -15,14 +15,16 @@
 #include "platform/dlgsvc.h"
 #include "platform/fault.h"
 #include "platform/platdiag.h"
-#include "platform/privheap.h"
-#include "platform/privheap_internal.h"
+#include "memory/heap/privheap_internal.h"
+#include "memory/heap/privheap_layout_internal.h"
 #include "platform/text.h"
 #include "platform/wformat.h"
 #include "memory/heap/cheap_internal.h"
 #include "zrobj/heaplock.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrobj.h"
+
+namespace os = zr::os;
 
 // Raises a warning naming the member's caller (expanded inside the member itself).
 #define CHEAP_WARNING(text) WarningMsg(text, ZR_CALLER_ADDRESS(), ZR_CURRENT_FRAME())
@@ -98,7 +100,7 @@ inline void AddCounts(std::atomic<std::uint64_t>& counts, std::int32_t itemDelta
 // gets the report of the structured-exception guard.
 ZR_NOINLINE ZR_COLD void ReportFailedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
   if (HeapFailureRaises(heap, static_cast<DWORD>(heapFlags)))
-    wPrintf(0, 0, u"\rHeapAlloc(%08X,%08X,%u) failed \r\n", Addr(heap), heapFlags, bytes);
+    os::wPrintf(0, 0, u"\rHeapAlloc(%08X,%08X,%u) failed \r\n", Addr(heap), heapFlags, bytes);
 }
 
 ZR_ALWAYS_INLINE void* GuardedAlloc(HANDLE heap, unsigned long heapFlags, std::size_t bytes) {
@@ -121,7 +123,7 @@ class BlockReader {
       std::memcpy(out, Ptr(at), n);
       return true;
     }
-    return ProbeRead(Ptr(at), out, n);
+    return os::ProbeRead(Ptr(at), out, n);
   }
 
  private:
@@ -179,7 +181,7 @@ std::string ReadWatchText(const char* text, std::size_t max, std::size_t offsetI
   }
   for (std::size_t i = 0; i < max; ++i) {
     char c = 0;
-    if (!ProbeRead(text + i, &c, 1) || c == 0) break;
+    if (!os::ProbeRead(text + i, &c, 1) || c == 0) break;
     out.push_back(c);
   }
   return out;
@@ -196,7 +198,7 @@ char* NextNode(const char* node) {
 }
 
 void ReportWatchHeapFailure(HANDLE watch) {
-  wPrintf(0, 0, u"\rFAILED: HeapAlloc(hWatchHeap=%08X)\r\n", Addr(watch));
+  os::wPrintf(0, 0, u"\rFAILED: HeapAlloc(hWatchHeap=%08X)\r\n", Addr(watch));
 }
 
 // The name's text in the interned list (case-insensitive), added on first use; null on failure.
@@ -257,8 +259,8 @@ struct Segment {
 };
 
 Segment ResolveSegment(std::uintptr_t address) {
-  ZrAddressInfo info;
-  if (!GetAddressInfo(address, &info)) return {"%hs%08x{", nullptr, static_cast<LONG>(static_cast<DWORD>(address))};
+  os::ZrAddressInfo info;
+  if (!os::GetAddressInfo(address, &info)) return {"%hs%08x{", nullptr, static_cast<LONG>(static_cast<DWORD>(address))};
   const char* module = Intern(BaseName(info.module_path));
   if (!info.symbol.empty())
     return {"%hs|" + TraceSymbol(info.symbol) + "%+d{", module, static_cast<LONG>(info.symbol_offset)};
@@ -364,7 +366,7 @@ ZR_NO_SANITIZE("address", "thread") void WalkFrames(void* context) {
 void BuildTrace(tagWATCHINFO* record, const char* sourceFile, std::uintptr_t location, std::uintptr_t frame) {
   TraceBuilder trace(record);
   FrameWalk walk{frame, {}};
-  GuardedCall(&WalkFrames, &walk);
+  os::GuardedCall(&WalkFrames, &walk);
   int n = 0;
   while (n < kTraceFrames && walk.returns[n]) ++n;
   for (int i = n - 1; i >= 0; --i) trace.AddAddress(walk.returns[i]);
@@ -391,10 +393,10 @@ struct LibraryHeaps {
   };
   // The counters are always dumped; only their heading depends on debug output.
   ~LibraryHeaps() {
-    if (IsDebugOn()) wPrintf(3, 9, u"\rHeap::Performance\r\n");
+    if (IsDebugOn()) os::wPrintf(3, 9, u"\rHeap::Performance\r\n");
     for (int c = 0; c < kHeapCounterCount; ++c) {
       const auto counter = static_cast<HeapCounter>(c);
-      wPrintf(3, 9, u"\r%hs: %u\r\n", HeapCounterName(counter), GetHeapCounter(counter));
+      os::wPrintf(3, 9, u"\r%hs: %u\r\n", HeapCounterName(counter), GetHeapCounter(counter));
     }
   }
 };
@@ -451,8 +453,8 @@ CHeap::CHeap(const char* name, unsigned long maximumSize, unsigned long initialS
              int createNow) {
   const char* bare = name && name[0] == '@' ? name + 1 : name;
   HANDLE heap = nullptr;
-  if (bare && zr::EqualNoCase(bare, "PROC", 4)) heap = GetProcessHeap();
-  else if (maximumSize || initialSize || createNow) heap = HeapCreate(options, initialSize, maximumSize);
+  if (bare && zr::EqualNoCase(bare, "PROC", 4)) heap = zr::GetProcessHeap();
+  else if (maximumSize || initialSize || createNow) heap = zr::HeapCreate(options, initialSize, maximumSize);
   hHeap.store(heap, std::memory_order_release);
 
   std::uint32_t flags = 0;
@@ -460,7 +462,7 @@ CHeap::CHeap(const char* name, unsigned long maximumSize, unsigned long initialS
     if (name[0] == '@') flags |= CHEAP_LOG;
     zr::CopyHeapName(name_, bare);
   } else {
-    zr::CopyHeapName(name_, zr::FormatNarrow("%08X", Addr(heap)).c_str());
+    zr::CopyHeapName(name_, os::FormatNarrow("%08X", Addr(heap)).c_str());
   }
 
   zr::HeapWorld& world = zr::World();
@@ -470,29 +472,29 @@ CHeap::CHeap(const char* name, unsigned long maximumSize, unsigned long initialS
   if (watch) {
     std::lock_guard guard(world.registry.mutex());
     if (!world.watch_heap.load(std::memory_order_relaxed)) {
-      const HANDLE created = HeapCreate(0, 0x10000, 0);
+      const HANDLE created = zr::HeapCreate(0, 0x10000, 0);
       world.watch_heap.store(created, std::memory_order_release);
       watch = madeWatchHeap = created != nullptr;
     }
   }
   // Printed outside the registry lock: a diagnostics sink may allocate from a watched heap, which
   // takes that lock to intern names.
-  if (madeWatchHeap && IsDebugOn()) wPrintf(3, 5, u"\rCHeap %hs: hWatchHeap = hWatchHeap\r\n", name_);
+  if (madeWatchHeap && IsDebugOn()) os::wPrintf(3, 5, u"\rCHeap %hs: hWatchHeap = hWatchHeap\r\n", name_);
   if (watch) flags |= CHEAP_WATCH;
   flags |= static_cast<std::uint32_t>(zr::ReadSetting("Heaps", "HeapFlags") | zr::ReadSetting(name_, "HeapFlags"));
   flags_.store(flags & 15, std::memory_order_relaxed);
-  if (IsDebugOn()) wPrintf(3, 5, u"\rCHeap(%hs), Handle=%08X\r\n", name_, Addr(heap));
+  if (IsDebugOn()) os::wPrintf(3, 5, u"\rCHeap(%hs), Handle=%08X\r\n", name_, Addr(heap));
 }
 
 CHeap::~CHeap() {
   if (const HANDLE heap = hHeap.load(std::memory_order_acquire)) {
     const std::uint64_t counts = counts_.load(std::memory_order_relaxed);
     if (zr::ItemsOf(counts) != 0) {
-      wPrintf(0, 9, u"Heap %hs: %i items (%u bytes) not freed\r\n", name_, zr::ItemsOf(counts), zr::BytesOf(counts));
+      os::wPrintf(0, 9, u"Heap %hs: %i items (%u bytes) not freed\r\n", name_, zr::ItemsOf(counts), zr::BytesOf(counts));
       DetailedMessageBeep(static_cast<UINT>(-1), "src/zrobj/cosobj", 543);
     }
     if (zr::IsWatching(flags_)) DumpList(-1);
-    if (heap != GetProcessHeap()) HeapDestroy(heap);
+    if (heap != zr::GetProcessHeap()) zr::HeapDestroy(heap);
     hHeap.store(nullptr, std::memory_order_release);
   }
   if (zr::World().registry.Remove(this)) zr::ReleaseWatchHeap();
@@ -500,10 +502,10 @@ CHeap::~CHeap() {
 
 int CHeap::SizeHeap(unsigned long maximumSize, unsigned long initialSize, unsigned long options) {
   if (hHeap.load(std::memory_order_acquire)) return 0;
-  const HANDLE created = HeapCreate(options, initialSize, maximumSize);
+  const HANDLE created = zr::HeapCreate(options, initialSize, maximumSize);
   if (!created) return 1;
   HANDLE expected = nullptr;
-  if (!hHeap.compare_exchange_strong(expected, created)) HeapDestroy(created);  // another thread won
+  if (!hHeap.compare_exchange_strong(expected, created)) zr::HeapDestroy(created);  // another thread won
   return 0;
 }
 
@@ -527,7 +529,7 @@ void* CHeap::Alloc(unsigned long size, unsigned long heapFlags, const char* sour
   if (flags_.load(std::memory_order_relaxed) & (CHEAP_WATCH | CHEAP_LOG)) {
     void* data = AllocNoted(heap, size, heapFlags, sourceFile, line, callerAddress);
     if (data && (flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
-      wPrintf(3, 8, u"Heap %hs: Alloc %08X\r\n", name_, Addr(data));
+      os::wPrintf(3, 8, u"Heap %hs: Alloc %08X\r\n", name_, Addr(data));
     return data;
   }
   if (size <= zr::kMaxRequest) {
@@ -561,7 +563,7 @@ ZR_NOINLINE void* CHeap::AllocNoted(HANDLE heap, unsigned long size, unsigned lo
 }
 
 ZR_NOINLINE ZR_COLD void* CHeap::AllocFailed(HANDLE heap) {
-  wPrintf(0, 0, u"\rFAILED: HeapAlloc(%hs,hHeap=%08X)\r\n", name_, Addr(heap));
+  os::wPrintf(0, 0, u"\rFAILED: HeapAlloc(%hs,hHeap=%08X)\r\n", name_, Addr(heap));
   return nullptr;
 }
 
@@ -605,7 +607,7 @@ void* CHeap::Realloc(void* block, unsigned long size, unsigned long heapFlags, c
                      unsigned long callerAddress) {
   const HANDLE heap = hHeap.load(std::memory_order_acquire);
   if (!heap) return nullptr;
-  if (!block) return Alloc(size, heapFlags & ~static_cast<unsigned long>(HEAP_REALLOC_IN_PLACE_ONLY), sourceFile, line, callerAddress);
+  if (!block) return Alloc(size, heapFlags & ~static_cast<unsigned long>(zr::HEAP_REALLOC_IN_PLACE_ONLY), sourceFile, line, callerAddress);
   zr::CountHeapEvent(zr::HeapCounter::kRealloc);
   const bool watch = zr::IsWatching(flags_);
   const std::size_t lead = watch ? zr::kWatchLead : zr::kPlainLead;
@@ -619,19 +621,19 @@ void* CHeap::Realloc(void* block, unsigned long size, unsigned long heapFlags, c
       break;
     case Guards::kEndBroken:
       bad = true;
-      if (IsDebugOn()) wPrintf(0, 3, u"\rHeap %hs: Realloc: BlockEnd overwritten.\r\n", name_);
+      if (IsDebugOn()) os::wPrintf(0, 3, u"\rHeap %hs: Realloc: BlockEnd overwritten.\r\n", name_);
       if (!watch) CHEAP_WARNING(u"Heap corruption!");
       break;
     case Guards::kUnreadable:
       bad = true;
-      if (IsDebugOn()) wPrintf(0, 3, u"\rHeap %hs: Realloc: BlockStart overwritten.\r\n", name_);
+      if (IsDebugOn()) os::wPrintf(0, 3, u"\rHeap %hs: Realloc: BlockStart overwritten.\r\n", name_);
       break;
   }
 
   void* moved = nullptr;
   if (!watch) {
     if (bad || size > zr::kMaxRequest) return nullptr;
-    moved = HeapReAlloc(heap, static_cast<DWORD>(heapFlags), Ptr(start), size + zr::kPlainOverhead);
+    moved = zr::HeapReAlloc(heap, static_cast<DWORD>(heapFlags), Ptr(start), size + zr::kPlainOverhead);
     if (!moved) return nullptr;
   } else {
     // In watch mode only the record's signature decides; a record of another heap is warned about
@@ -640,7 +642,7 @@ void* CHeap::Realloc(void* block, unsigned long size, unsigned long heapFlags, c
     bad = !reader.Read(start, &record, sizeof record) || record.dwSignature != CHEAP_WATCH_SIGNATURE;
     if (!bad && record.hHeap != heap) CHEAP_WARNING(u"WRONG HEAP HANDLE");
     if (bad) {
-      if (IsDebugOn()) wPrintf(0, 3, u"Heap %hs: Realloc invalid watch signature\r\n", name_);
+      if (IsDebugOn()) os::wPrintf(0, 3, u"Heap %hs: Realloc invalid watch signature\r\n", name_);
       return nullptr;
     }
     // A block that is not a live block of this heap cannot be reallocated here: that fails like the
@@ -650,7 +652,7 @@ void* CHeap::Realloc(void* block, unsigned long size, unsigned long heapFlags, c
     zr::FreeTraceText(listed->pTrace);
     listed->pTrace = nullptr;
     const std::uintptr_t location = sourceFile ? static_cast<std::uintptr_t>(line) : callerAddress;
-    moved = HeapReAlloc(heap, static_cast<DWORD>(heapFlags), listed, size + zr::kWatchOverhead);
+    moved = zr::HeapReAlloc(heap, static_cast<DWORD>(heapFlags), listed, size + zr::kWatchOverhead);
     if (!moved) {
       RegisterWatch(listed, record.dwSize, sourceFile, location);
       return nullptr;
@@ -662,7 +664,7 @@ void* CHeap::Realloc(void* block, unsigned long size, unsigned long heapFlags, c
   zr::WriteGuards(newData, newWord, CHEAP_BLOCK_END);
   zr::AddCounts(counts_, 0, static_cast<std::int64_t>(newWord) - static_cast<std::int64_t>(oldWord));
   if ((flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
-    wPrintf(3, 8, u"Heap %hs: Realloc %08X\r\n", name_, newData);
+    os::wPrintf(3, 8, u"Heap %hs: Realloc %08X\r\n", name_, newData);
   return Ptr(newData);
 }
 
@@ -703,11 +705,11 @@ ZR_NOINLINE int CHeap::FreeNoted(HANDLE heap, void* block, unsigned long heapFla
   const Guards guards = zr::CheckGuards(reader, data, &sizeWord);
   if (guards == Guards::kEndBroken) {
     bad = true;
-    wPrintf(0, 3, u"\rHeap %hs: Free: BlockEnd overwritten or already freed.\r\n", name_);
+    os::wPrintf(0, 3, u"\rHeap %hs: Free: BlockEnd overwritten or already freed.\r\n", name_);
     if (!watch) WarningMsg(u"Heap corruption!", caller.address, caller.frame);
   } else if (guards == Guards::kUnreadable) {
     bad = true;
-    wPrintf(0, 3, u"\rHeap %hs: Free: BlockStart overwritten.\r\n", name_);
+    os::wPrintf(0, 3, u"\rHeap %hs: Free: BlockStart overwritten.\r\n", name_);
   }
 
   auto* listed = static_cast<tagWATCHINFO*>(Ptr(start));
@@ -715,10 +717,10 @@ ZR_NOINLINE int CHeap::FreeNoted(HANDLE heap, void* block, unsigned long heapFla
     tagWATCHINFO record;
     if (!reader.Read(start, &record, sizeof record) || record.dwSignature != CHEAP_WATCH_SIGNATURE) {
       bad = true;
-      wPrintf(0, 1, u"\rHeap %hs::Free: Invalid signature\r\n", name_);
+      os::wPrintf(0, 1, u"\rHeap %hs::Free: Invalid signature\r\n", name_);
     } else if (record.hHeap != heap) {
       bad = true;
-      wPrintf(0, 1, u"\rHeap %hs::Free: WATCHINFO bad\r\n", name_);
+      os::wPrintf(0, 1, u"\rHeap %hs::Free: WATCHINFO bad\r\n", name_);
       WarningMsg(u"WRONG HEAP HANDLE", caller.address, caller.frame);
     } else if (guards == Guards::kEndBroken) {
       DumpEntry(record, start, true);
@@ -730,19 +732,19 @@ ZR_NOINLINE int CHeap::FreeNoted(HANDLE heap, void* block, unsigned long heapFla
         listed->pTrace = nullptr;
       } else {
         bad = true;
-        wPrintf(0, 1, u"\rHeap %hs::Free: WATCHINFO bad\r\n", name_);
+        os::wPrintf(0, 1, u"\rHeap %hs::Free: WATCHINFO bad\r\n", name_);
         WarningMsg(u"WRONG HEAP HANDLE", caller.address, caller.frame);
       }
     }
   }
 
   if ((flags_.load(std::memory_order_relaxed) & CHEAP_FREE_TRACE) && IsDebugOn()) {
-    wPrintf(3, 8, u"Heap(%hs)::Free Trace %08X\r\n", name_, data);
-    WalkCallStack(0, caller.frame, 10, nullptr);
+    os::wPrintf(3, 8, u"Heap(%hs)::Free Trace %08X\r\n", name_, data);
+    os::WalkCallStack(0, caller.frame, 10, nullptr);
   }
   zr::AddCounts(counts_, -1, -static_cast<std::int64_t>(sizeWord));
   if ((flags_.load(std::memory_order_relaxed) & CHEAP_LOG) && IsDebugOn())
-    wPrintf(3, 8, u"Heap %hs: Free %08X\r\n", name_, data);
+    os::wPrintf(3, 8, u"Heap %hs: Free %08X\r\n", name_, data);
   // A bad block stays allocated (and listed): it is evidence, and releasing it could spread damage.
   if (bad || !reader.owned()) return 0;
   return Release(heap, heapFlags, data, watch ? zr::kWatchLead : zr::kPlainLead, sizeWord, reader.span());
@@ -755,7 +757,7 @@ int CHeap::Verify(void* block) {
   const BlockReader reader(heap, data - (zr::IsWatching(flags_) ? zr::kWatchLead : zr::kPlainLead));
   DWORD sizeWord = 0;
   if (zr::CheckGuards(reader, data, &sizeWord) == Guards::kIntact) return 1;
-  const std::u16string text = zr::FormatWide(u"\rCHeap %hs:Verify failed (block start or end overwritten)\r\n", name_);
+  const std::u16string text = os::FormatWide(u"\rCHeap %hs:Verify failed (block start or end overwritten)\r\n", name_);
   CHEAP_WARNING(text.c_str());
   return 0;
 }
@@ -764,7 +766,7 @@ unsigned long CHeap::AllocSize(const void* block) {
   const HANDLE heap = hHeap.load(std::memory_order_acquire);
   if (!heap) return 0;
   const bool watch = zr::IsWatching(flags_);
-  const SIZE_T size = HeapSize(heap, 0, Ptr(Addr(block) - (watch ? zr::kWatchLead : zr::kPlainLead)));
+  const SIZE_T size = zr::HeapSize(heap, 0, Ptr(Addr(block) - (watch ? zr::kWatchLead : zr::kPlainLead)));
   if (size == static_cast<SIZE_T>(-1) || size == 0) return 0;
   // In watch mode a heap block of exactly the plain overhead is an empty plain block.
   const std::size_t overhead = watch && size != zr::kPlainOverhead ? zr::kWatchOverhead : zr::kPlainOverhead;
@@ -784,12 +786,12 @@ void CHeap::DumpList(long options) {
   const std::int32_t items = zr::ItemsOf(counts);
   const std::uint32_t kilobytes = zr::BytesOf(counts) / 1024;
   if (!watch_head_.load(std::memory_order_acquire)) {
-    wPrintf(0, 0, u"\rDump [%hs]: %d items, %u kB", name_, items, kilobytes);
+    os::wPrintf(0, 0, u"\rDump [%hs]: %d items, %u kB", name_, items, kilobytes);
     return;
   }
   const HANDLE heap = hHeap.load(std::memory_order_relaxed);
   std::lock_guard guard(lock_);
-  wPrintf(0, 0, u"\rDump [%hs]: %d items not freed, %u kB", name_, items, kilobytes);
+  os::wPrintf(0, 0, u"\rDump [%hs]: %d items not freed, %u kB", name_, items, kilobytes);
   if (!(options & 1)) {
     // Brent's cycle check: a damaged list that loops back ends the walk instead of printing forever.
     std::uintptr_t at = Addr(watch_head_.load(std::memory_order_relaxed));
@@ -798,11 +800,11 @@ void CHeap::DumpList(long options) {
     while (at) {
       tagWATCHINFO record;
       if (!BlockReader(heap, at).Read(at, &record, sizeof record)) {
-        if (IsDebugOn()) wPrintf(0, 0, u"\rHeap %hs: Heap corrupted...", name_);
+        if (IsDebugOn()) os::wPrintf(0, 0, u"\rHeap %hs: Heap corrupted...", name_);
         break;
       }
       if (record.dwSignature != CHEAP_WATCH_SIGNATURE) {
-        wPrintf(0, 0, u"\rHeap %hs: Block damaged (overwrite)", name_);
+        os::wPrintf(0, 0, u"\rHeap %hs: Block damaged (overwrite)", name_);
         break;
       }
       DumpEntry(record, at, !(options & 2));
@@ -812,7 +814,7 @@ void CHeap::DumpList(long options) {
       }
       at = Addr(record.pOlder);
       if (at == mark) {
-        if (IsDebugOn()) wPrintf(0, 0, u"\rHeap %hs: Heap corrupted...", name_);
+        if (IsDebugOn()) os::wPrintf(0, 0, u"\rHeap %hs: Heap corrupted...", name_);
         break;
       }
       if (++steps == limit) {
@@ -822,19 +824,19 @@ void CHeap::DumpList(long options) {
       }
     }
   }
-  wPrintf(0, 0, u"\r\n");
+  os::wPrintf(0, 0, u"\r\n");
   if (destroying) watch_head_.store(nullptr, std::memory_order_release);
 }
 
 void CHeap::DumpEntry(const tagWATCHINFO& record, std::uintptr_t address, bool withTrace) {
   const std::uintptr_t data = address + zr::kWatchLead;
-  wPrintf(0, 0, u"\r");
+  os::wPrintf(0, 0, u"\r");
   if (!record.pTrace) {
-    wPrintf(0, 0, u"\r<no trace>{%u bytes @ %08x}\r\n", record.dwSize, data);
+    os::wPrintf(0, 0, u"\r<no trace>{%u bytes @ %08x}\r\n", record.dwSize, data);
     return;
   }
   if (withTrace) {
-    const std::u16string text = zr::Utf8ToUtf16(zr::ReadWatchText(record.pTrace, zr::kTraceBytes, 0)).substr(0, zr::kTraceBytes);
+    const std::u16string text = os::Utf8ToUtf16(zr::ReadWatchText(record.pTrace, zr::kTraceBytes, 0)).substr(0, zr::kTraceBytes);
     std::size_t from = 0;
     for (int piece = 0; piece < zr::kTraceSlots && from < text.size(); ++piece) {
       std::size_t brace = text.find(u'{', from);
@@ -843,11 +845,11 @@ void CHeap::DumpEntry(const tagWATCHINFO& record, std::uintptr_t address, bool w
       format.append(text, from, brace - from);
       const int slot = zr::kTraceSlots - 1 - piece;
       const std::string module = zr::ReadWatchText(record.pModule[slot], 260, zr::kNodeText);
-      wPrintf(0, 0, format.c_str(), module, record.lValue[slot]);
+      os::wPrintf(0, 0, format.c_str(), module, record.lValue[slot]);
       from = brace + 1;
     }
   }
-  wPrintf(0, 0, u"{%u bytes @ %08x}\r\n", record.dwSize, data);
+  os::wPrintf(0, 0, u"{%u bytes @ %08x}\r\n", record.dwSize, data);
 }
 
 // ---- names, flags, state and the registry ------------------------------------------------------

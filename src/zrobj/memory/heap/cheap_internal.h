@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <mutex>
 
-#include "platform/privheap_internal.h"
+#include "memory/heap/privheap_layout_internal.h"
 #include "zrobj/cheap.h"
 
 namespace zr {

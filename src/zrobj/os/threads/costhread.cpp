@@ -5,7 +5,7 @@
 
 #include "platform/clock.h"
 #include "platform/fault.h"
-#include "platform/privheap.h"
+#include "memory/heap/privheap_internal.h"
 #include "platform/text.h"
 #include "platform/threads.h"
 #include "platform/waitable.h"
@@ -16,6 +16,8 @@
 #include "os/threads/costhread_internal.h"
 #include "zrobj/zrcrash.h"
 #include "zrobj/zrdiag.h"
+
+namespace os = zr::os;
 
 namespace {
 
@@ -43,7 +45,7 @@ void CallCatchingExceptions(void* context) {
 // reported through the exception analysis.
 bool RunThreadFunction(ZR_THREAD_FN fn, void* parameter, DWORD* result) {
   ThreadCall call{fn, parameter, 0, false};
-  const std::uint32_t fault = zr::GuardedCall(CallCatchingExceptions, &call);
+  const std::uint32_t fault = os::GuardedCall(CallCatchingExceptions, &call);
   *result = call.result;
   if (fault != 0) {
     CUnhandledException::AnalyseException(CUnhandledException::GetExceptionInfo(), 1);
@@ -67,19 +69,19 @@ CThread::CThread(SECURITY_ATTRIBUTES* security, unsigned long stackSize, ZR_THRE
     : m_function(fn), m_parameter(parameter) {
   // Always created at the start gate, so the status is set before the thread can report running.
   DWORD id = 0;
-  m_hObject = CreateThread(security, stackSize, &CThread::StartThread, this, CREATE_SUSPENDED, &id);
+  m_hObject = os::CreateThread(security, stackSize, &CThread::StartThread, this, CREATE_SUSPENDED, &id);
   if (!m_hObject) {
     m_status.store(CTHREAD_CREATE_FAILED, std::memory_order_release);
     return;
   }
   m_id.store(id, std::memory_order_release);
-  Label(zr::FormatWide(u"ZROBJ::CThread (%08X)", id).c_str());
+  Label(os::FormatWide(u"ZROBJ::CThread (%08X)", id).c_str());
   if (creationFlags & CREATE_SUSPENDED) {
     m_status.store(CTHREAD_SUSPENDED, std::memory_order_release);
     return;
   }
   m_status.store(CTHREAD_CREATED, std::memory_order_release);
-  ResumeThread(m_hObject);
+  os::ResumeThread(m_hObject);
 }
 
 // A thread that was resumed but has not reported running yet is treated like a running one: the
@@ -93,12 +95,12 @@ CThread::~CThread() {
   if (!m_hObject) return;
   if (IsLive()) {
     if (GetStatus() == CTHREAD_SUSPENDED) Resume();
-    Sleep(kDestructorGraceMs);
+    os::Sleep(kDestructorGraceMs);
     // A thread that cannot be stopped (it keeps the control signal blocked) must not outlive the
     // object its start function writes to: then the destructor waits for its end.
-    if (IsLive() && !::TerminateThread(m_hObject, 0)) WaitForSingleObject(m_hObject, INFINITE);
+    if (IsLive() && !::zr::os::TerminateThread(m_hObject, 0)) os::WaitForSingleObject(m_hObject, INFINITE);
   }
-  CloseHandle(m_hObject);
+  os::CloseHandle(m_hObject);
   m_hObject = nullptr;
 }
 
@@ -125,27 +127,27 @@ void CThread::SetLiveStatus(unsigned int status) {
 int CThread::GetExitCode(unsigned long* code) {
   if (!m_hObject || !code) return 0;
   DWORD value = 0;
-  if (!GetExitCodeThread(m_hObject, &value)) return 0;
+  if (!os::GetExitCodeThread(m_hObject, &value)) return 0;
   *code = value;
   return 1;
 }
 
 int CThread::GetPriority() {
   if (!m_hObject || GetStatus() < CTHREAD_RUNNING) return THREAD_PRIORITY_ERROR_RETURN;
-  return GetThreadPriority(m_hObject);
+  return os::GetThreadPriority(m_hObject);
 }
 
 int CThread::SetPriority(int priority) {
   const unsigned int status = GetStatus();
   if (!m_hObject || status == CTHREAD_CREATE_FAILED || status == CTHREAD_ENDED || status == CTHREAD_EXCEPTION)
     return 0;
-  return SetThreadPriority(m_hObject, priority);
+  return os::SetThreadPriority(m_hObject, priority);
 }
 
 unsigned long CThread::Resume() {
   const unsigned int status = GetStatus();
   if (status != CTHREAD_RUNNING && status != CTHREAD_SUSPENDED) return 0xFFFFFFFFul;
-  const DWORD previous = ResumeThread(m_hObject);
+  const DWORD previous = os::ResumeThread(m_hObject);
   if (previous == 0xFFFFFFFFu) return previous;  // the thread has ended meanwhile: its status says so
   SetLiveStatus(previous > 1 ? CTHREAD_SUSPENDED : CTHREAD_RUNNING);
   return previous;
@@ -154,7 +156,7 @@ unsigned long CThread::Resume() {
 unsigned long CThread::Suspend() {
   const unsigned int status = GetStatus();
   if (status != CTHREAD_RUNNING && status != CTHREAD_SUSPENDED) return 0xFFFFFFFFul;
-  const DWORD result = SuspendThread(m_hObject);
+  const DWORD result = os::SuspendThread(m_hObject);
   if (result == 0xFFFFFFFFu) return result;  // ended meanwhile
   SetLiveStatus(CTHREAD_SUSPENDED);
   return result;
@@ -163,16 +165,16 @@ unsigned long CThread::Suspend() {
 int CThread::Terminate(unsigned long exitCode) {
   const unsigned int status = GetStatus();
   if (status != CTHREAD_RUNNING && status != CTHREAD_SUSPENDED) return 0;
-  if (!::TerminateThread(m_hObject, static_cast<DWORD>(exitCode))) return 0;
+  if (!::zr::os::TerminateThread(m_hObject, static_cast<DWORD>(exitCode))) return 0;
   m_status.store(CTHREAD_ENDED, std::memory_order_release);
   return 1;
 }
 
 int CThread::Label(const WCHAR* name) { return COSThreadRegister::Register(GetID(), name); }
 
-void* CThread::operator new(std::size_t size) noexcept { return HeapAlloc(GetProcessHeap(), 0, size); }
+void* CThread::operator new(std::size_t size) noexcept { return zr::HeapAlloc(zr::GetProcessHeap(), 0, size); }
 void CThread::operator delete(void* block) noexcept {
-  if (block) HeapFree(GetProcessHeap(), 0, block);
+  if (block) zr::HeapFree(zr::GetProcessHeap(), 0, block);
 }
 
 // ---- COSAutoThread ----
@@ -205,7 +207,7 @@ bool LockTableUnlessExiting() {
       lock.Leave();
       return false;
     }
-    Sleep(1);
+    os::Sleep(1);
   }
 }
 
@@ -221,12 +223,12 @@ COSAutoThread::COSAutoThread(SECURITY_ATTRIBUTES* security, unsigned long stackS
                              void* parameter, HANDLE handshake)
     : m_function(fn), m_parameter(parameter), m_event(handshake) {
   DWORD id = 0;
-  m_hObject = CreateThread(security, stackSize, &COSAutoThread::StartThread, this, CREATE_SUSPENDED, &id);
+  m_hObject = os::CreateThread(security, stackSize, &COSAutoThread::StartThread, this, CREATE_SUSPENDED, &id);
   if (m_hObject) COSThreadRegister::Register(id, u"ZROBJ::COSAutoThread");
 }
 
 COSAutoThread::~COSAutoThread() {
-  if (m_hObject) CloseHandle(m_hObject);
+  if (m_hObject) os::CloseHandle(m_hObject);
   m_hObject = nullptr;
 }
 
@@ -244,17 +246,17 @@ int COSAutoThread::CreateAutoThread(SECURITY_ATTRIBUTES* security, unsigned long
     if (!slot) return 0;
     auto* object = new (std::nothrow) COSAutoThread(security, stackSize, fn, parameter, started.GetHandle());
     if (!object) return 0;
-    if (!object->GetHandle() || !DuplicateHandle(GetCurrentProcess(), object->GetHandle(), GetCurrentProcess(),
+    if (!object->GetHandle() || !os::DuplicateHandle(os::GetCurrentProcess(), object->GetHandle(), os::GetCurrentProcess(),
                                                  &thread, 0, FALSE, DUPLICATE_SAME_ACCESS)) {
       delete object;
       return 0;
     }
     *slot = object;
-    ResumeThread(thread);  // under the lock: AppExit sees only threads that were resumed
+    os::ResumeThread(thread);  // under the lock: AppExit sees only threads that were resumed
   }
   const HANDLE handshake[2] = {started.GetHandle(), thread};
-  WaitForMultipleObjects(2, handshake, FALSE, INFINITE);  // the handshake, or the thread's end
-  CloseHandle(thread);
+  os::WaitForMultipleObjects(2, handshake, FALSE, INFINITE);  // the handshake, or the thread's end
+  os::CloseHandle(thread);
   return 1;
 }
 
@@ -284,8 +286,8 @@ void COSAutoThread::AppExit() {
   COSAutoLock lock(&AutoThreadLock());
   for (COSAutoThread*& slot : g_auto_threads.slots) {
     if (!slot) continue;
-    const bool ended = WaitForSingleObject(slot->GetHandle(), kAutoThreadExitWaitMs) == WAIT_OBJECT_0 ||
-                       ::TerminateThread(slot->GetHandle(), 0);
+    const bool ended = os::WaitForSingleObject(slot->GetHandle(), kAutoThreadExitWaitMs) == WAIT_OBJECT_0 ||
+                       ::zr::os::TerminateThread(slot->GetHandle(), 0);
     // A thread that could not be stopped still uses its object: it is left to it (a leak, not a
     // use after free).
     if (ended) delete slot;

@@ -7,10 +7,10 @@
 
 namespace zr::steps {
 // Copies the calling thread's registered name (at most len-1 characters); FALSE when it has none.
-ZROBJ_API BOOL GetCurrentThreadName(WCHAR* buffer, UINT len);
-ZROBJ_API void RegisterCurrentThread(const WCHAR* name);
-ZROBJ_API void UnregisterCurrentThread();
-ZROBJ_API void ExitThreadRegister();       // COSThreadRegister::AppExit
-ZROBJ_API void AutoThreadsAppInit();       // COSAutoThread::AppInit
-ZROBJ_API void AutoThreadsAppExit();       // COSAutoThread::AppExit
+BOOL GetCurrentThreadName(WCHAR* buffer, UINT len);
+void RegisterCurrentThread(const WCHAR* name);
+void UnregisterCurrentThread();
+void ExitThreadRegister();       // COSThreadRegister::AppExit
+void AutoThreadsAppInit();       // COSAutoThread::AppInit
+void AutoThreadsAppExit();       // COSAutoThread::AppExit
 }  // namespace zr::steps

@@ -14,7 +14,7 @@
 #include "platform/dlgsvc.h"
 #include "platform/fault.h"
 #include "platform/platdiag.h"
-#include "platform/privheap.h"
+#include "memory/heap/privheap_internal.h"
 #include "platform/text.h"
 #include "platform/threads.h"
 #include "platform/threadtimes.h"
@@ -26,6 +26,8 @@
 #include "zrobj/zrcrash.h"
 #include "frame/services/zrcrash_internal.h"
 #include "zrobj/zrdiag.h"
+
+namespace os = zr::os;
 
 namespace {
 
@@ -108,13 +110,13 @@ Clock ToClock(std::uint64_t units) {
 }
 
 void WriteBusyLine(DWORD thread_id) {
-  zr::ThreadTimes times;
-  if (!zr::GetThreadTimesById(thread_id, &times)) return;
-  const std::uint64_t now = zr::GetSystemTimeAsFileTime();
+  os::ThreadTimes times;
+  if (!os::GetThreadTimesById(thread_id, &times)) return;
+  const std::uint64_t now = os::GetSystemTimeAsFileTime();
   const std::uint64_t lifetime = now > times.creation ? now - times.creation : 0;
   const int busy = lifetime ? static_cast<int>((times.kernel + times.user) * 100 / lifetime) : 0;
   const Clock life = ToClock(lifetime), user = ToClock(times.user), kernel = ToClock(times.kernel);
-  wPrintf(0, 15,
+  os::wPrintf(0, 15,
           u"\r  Busy=%3d%% Lifetime %2d:%02d:%02d.%03d (User:%2d:%02d:%02d.%03d, Kernel:%2d:%02d:%02d.%03d)\r\n",
           busy, life.h, life.m, life.s, life.ms, user.h, user.m, user.s, user.ms, kernel.h, kernel.m, kernel.s,
           kernel.ms);
@@ -158,7 +160,7 @@ bool CopyTerminatedName(DWORD thread_id, WCHAR* buffer, unsigned length) {
   buffer[0] = 0;
   const Entry* entry = Find(thread_id);
   if (!entry || !entry->name) return false;
-  zr::WStrCopy(buffer, length, entry->name);
+  os::WStrCopy(buffer, length, entry->name);
   return true;
 }
 
@@ -188,11 +190,11 @@ bool CrashThreadName(DWORD thread_id, WCHAR* buffer, unsigned length) {
 void CrashThreadDump() {
   ReadRegister([] {
     char line[512];
-    dmp_output("\rThreadList\r\n");
+    os::dmp_output("\rThreadList\r\n");
     for (unsigned i = 0; i < g_register.count; ++i) {
-      zr::FixedText text(line, sizeof line);
+      os::FixedText text(line, sizeof line);
       text.Format("\r%08X %s\r\n", g_register.entries[i].thread_id, Shown(g_register.entries[i].name));
-      dmp_output(line);
+      os::dmp_output(line);
     }
     return 0;
   });
@@ -215,20 +217,20 @@ void LockForFork() { RegisterLock().Enter(); }
 void UnlockAfterFork() { RegisterLock().Leave(); }
 void RekeyInChild(DWORD parent_thread_id) {
   MakeRegisterLock();
-  if (Entry* entry = Find(parent_thread_id)) entry->thread_id = GetCurrentThreadId();
+  if (Entry* entry = Find(parent_thread_id)) entry->thread_id = os::GetCurrentThreadId();
 }
 
 void InstallRegisterHooks() {
   static const bool installed = [] {
     zr::SetThreadInfoProvider(&kRegisterProvider);
-    return zr::AddForkHandlers(LockForFork, UnlockAfterFork, RekeyInChild);
+    return os::AddForkHandlers(LockForFork, UnlockAfterFork, RekeyInChild);
   }();
   (void)installed;
 }
 
 }  // namespace
 
-COSThreadRegister::COSThreadRegister(const WCHAR* name) : thread_id_(GetCurrentThreadId()) {
+COSThreadRegister::COSThreadRegister(const WCHAR* name) : thread_id_(os::GetCurrentThreadId()) {
   Register(thread_id_, name);
 }
 COSThreadRegister::~COSThreadRegister() { Unregister(thread_id_); }
@@ -253,7 +255,7 @@ int COSThreadRegister::Unregister(unsigned long threadId) {
     COSAutoLock lock(&RegisterLock());
     Entry* entry = Find(id);
     if (entry) {
-      if (entry->name) wPrintf(0, 15, u"\rThread %s exited\r\n", entry->name);
+      if (entry->name) os::wPrintf(0, 15, u"\rThread %s exited\r\n", entry->name);
       FreeName(*entry);
       *entry = g_register.entries[--g_register.count];
     }
@@ -275,14 +277,14 @@ int COSThreadRegister::GetName(unsigned long threadId, WCHAR* buffer, unsigned i
 
 int COSThreadRegister::GetCurrentName(WCHAR* buffer, unsigned int length) {
   zr::EnsureThreadAttached();  // a thread that asks for its name before anything else gets one
-  return GetName(GetCurrentThreadId(), buffer, length);
+  return GetName(os::GetCurrentThreadId(), buffer, length);
 }
 
 int COSThreadRegister::AppExit() {
   COSAutoLock lock(&RegisterLock());
   for (unsigned i = 0; i < g_register.count; ++i) {
     Entry& entry = g_register.entries[i];
-    wPrintf(0, 0, u"\rCOSThreadRegister::AppExit: %08X %s", entry.thread_id, Shown(entry.name));
+    os::wPrintf(0, 0, u"\rCOSThreadRegister::AppExit: %08X %s", entry.thread_id, Shown(entry.name));
     FreeName(entry);
   }
   delete[] g_register.entries;
@@ -292,15 +294,15 @@ int COSThreadRegister::AppExit() {
 
 void COSThreadRegister::DumpRegistered() {
   if (!g_register.enabled) return;
-  if (IsDebugOn()) wPrintf(0, 0, u"\rCOSThreadRegister::DumpRegistered\r\n");
+  if (IsDebugOn()) os::wPrintf(0, 0, u"\rCOSThreadRegister::DumpRegistered\r\n");
   COSAutoLock lock(&RegisterLock());
-  wPrintf(0, 0, u"\rThreadList\r\n");
+  os::wPrintf(0, 0, u"\rThreadList\r\n");
   for (unsigned i = 0; i < g_register.count; ++i)
-    wPrintf(0, 0, u"\r%08X %s\r\n", g_register.entries[i].thread_id, Shown(g_register.entries[i].name));
+    os::wPrintf(0, 0, u"\r%08X %s\r\n", g_register.entries[i].thread_id, Shown(g_register.entries[i].name));
 }
 
 void COSThreadRegister::FreeThreadDump(void* block) {
-  if (block) HeapFree(GetProcessHeap(), 0, block);
+  if (block) zr::HeapFree(zr::GetProcessHeap(), 0, block);
 }
 
 void* COSThreadRegister::GetThreadDump(unsigned long& size) {
@@ -309,7 +311,7 @@ void* COSThreadRegister::GetThreadDump(unsigned long& size) {
   COSAutoLock lock(&RegisterLock());
   if (g_register.count == 0) return nullptr;
   const std::size_t total = DumpBytes();
-  auto* block = static_cast<unsigned char*>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, total));
+  auto* block = static_cast<unsigned char*>(zr::HeapAlloc(zr::GetProcessHeap(), zr::HEAP_ZERO_MEMORY, total));
   if (!block) return nullptr;
   size = static_cast<unsigned long>(WriteDump(block, total));
   return block;
@@ -317,8 +319,8 @@ void* COSThreadRegister::GetThreadDump(unsigned long& size) {
 
 int COS_RegisterThread(unsigned long threadId, const WCHAR* name) {
   int result = 0;
-  const std::uint32_t code = zr::Guarded([&] { result = COSThreadRegister::Register(threadId, name); });
-  if (code != 0) wPrintf(0, 0, u"\r>>>COSRegisterThread::Exception\r\n");
+  const std::uint32_t code = os::Guarded([&] { result = COSThreadRegister::Register(threadId, name); });
+  if (code != 0) os::wPrintf(0, 0, u"\r>>>COSRegisterThread::Exception\r\n");
   return result;
 }
 
@@ -326,14 +328,14 @@ int COS_RegisterThread(unsigned long threadId, const WCHAR* name) {
 
 BOOL zr::steps::GetCurrentThreadName(WCHAR* buffer, UINT len) {
   COSAutoLock lock(&RegisterLock());
-  return CopyTerminatedName(GetCurrentThreadId(), buffer, len) ? TRUE : FALSE;
+  return CopyTerminatedName(os::GetCurrentThreadId(), buffer, len) ? TRUE : FALSE;
 }
 
 void zr::steps::RegisterCurrentThread(const WCHAR* name) {
   InstallRegisterHooks();
-  COSThreadRegister::Register(GetCurrentThreadId(), name);
+  COSThreadRegister::Register(os::GetCurrentThreadId(), name);
 }
 
-void zr::steps::UnregisterCurrentThread() { COSThreadRegister::Unregister(GetCurrentThreadId()); }
+void zr::steps::UnregisterCurrentThread() { COSThreadRegister::Unregister(os::GetCurrentThreadId()); }
 
 void zr::steps::ExitThreadRegister() { COSThreadRegister::AppExit(); }

@@ -1,14 +1,17 @@
-// Private heaps over malloc'ed 64 KiB spans cut into size-class slots, the lock-free address map of
-// the library's regions, and the light lock. Portable C++: no system headers.
+// Private heaps (the HeapCreate family) over 64 KiB spans, taken from the platform layer as regions
+// and cut into size-class slots.
 //
 // A heap owns its spans (linked per heap, freed with the heap) and its large blocks (allocated one by
 // one, kept in a set). Every small block is a slot of a span; the address map finds the span of any
 // address without touching the address, so a pointer can be checked before anything is read at it.
-// Freed small blocks wait in per-thread caches (privheap_internal.h) for their next use.
-#include "platform/privheap.h"
+// Freed small blocks wait in per-thread caches (privheap_layout_internal.h) for their next use.
+#include "memory/heap/privheap_internal.h"
 
 #include "base/compiler.h"
-#include "platform/privheap_internal.h"
+#include "memory/heap/privheap_layout_internal.h"
+#include "memory/heap/regionmap_internal.h"
+#include "platform/regions.h"
+#include "zrobj/heaplock.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -16,14 +19,7 @@
 #include <mutex>
 #include <new>
 
-// The C library's own single-thread indicator (glibc 2.32 and later); absent elsewhere.
-extern "C" ZR_WEAK char __libc_single_threaded;
-
 namespace zr {
-namespace detail {
-const char* const g_single_thread_flag = &__libc_single_threaded;
-std::uintptr_t* g_map_root[1 << kRootBits];  // zero at load
-}  // namespace detail
 
 namespace heapimpl {
 constinit thread_local ThreadCache* t_cache ZR_TLS_INITIAL_EXEC = nullptr;
@@ -35,29 +31,6 @@ namespace {
 using namespace heapimpl;
 
 thread_local bool t_cache_retired = false;  // set when the thread's cache was released at its end
-
-// ---- regions and the address map -------------------------------------------------------------
-
-constexpr std::size_t kMaxRegionBytes = std::size_t{1} << 30;
-
-std::mutex& MapMutex() {
-  static std::mutex* mutex = new std::mutex;  // never destroyed: regions may be unmapped at unload
-  return *mutex;
-}
-
-// The unit's word, creating its leaf (caller holds the map mutex); null when it cannot be mapped.
-std::uintptr_t* MapSlot(std::uintptr_t address, bool create) {
-  if (address >= detail::kMappableLimit) return nullptr;
-  const std::uintptr_t unit = address >> detail::kRegionShift;
-  std::uintptr_t*& root = detail::g_map_root[unit >> detail::kLeafBits];
-  std::uintptr_t* leaf = std::atomic_ref<std::uintptr_t*>(root).load(std::memory_order_acquire);
-  if (!leaf && create) {
-    // calloc: the leaf's pages stay untouched (and cost nothing) until a unit in them is mapped.
-    leaf = static_cast<std::uintptr_t*>(std::calloc(std::size_t{1} << detail::kLeafBits, sizeof(std::uintptr_t)));
-    if (leaf) std::atomic_ref<std::uintptr_t*>(root).store(leaf, std::memory_order_release);
-  }
-  return leaf ? &leaf[unit & ((1u << detail::kLeafBits) - 1)] : nullptr;
-}
 
 // ---- heaps -------------------------------------------------------------------------------------
 
@@ -97,7 +70,7 @@ Span* TakeSpan(PrivHeap* heap, int cls) {
   if (s) {
     Unlink(heap->empty, s);
   } else {
-    void* base = AllocateRegion(kSpanBytes);
+    void* base = os::AllocateRegion(kSpanBytes);
     if (!base) return nullptr;
     s = new (base) Span{};
     s->heap = heap;
@@ -382,60 +355,6 @@ std::uint32_t heapimpl::SumCounter(int counter) {
   return sum;
 }
 
-// ---- regions -----------------------------------------------------------------------------------
-
-void* AllocateRegion(std::size_t bytes) {
-  if (bytes == 0 || bytes > kMaxRegionBytes) return nullptr;
-  bytes = (bytes + kRegionGranularity - 1) & ~(kRegionGranularity - 1);
-  return ::operator new(bytes, std::align_val_t{kRegionGranularity}, std::nothrow);
-}
-
-void FreeRegion(void* base) {
-  if (base) ::operator delete(base, std::align_val_t{kRegionGranularity});
-}
-
-void MapRegion(const void* base, std::size_t bytes, const void* owner) {
-  const auto start = reinterpret_cast<std::uintptr_t>(base);
-  std::lock_guard guard(MapMutex());
-  for (std::uintptr_t at = start, delta = 0; at < start + bytes; at += kRegionGranularity, ++delta) {
-    std::uintptr_t* slot = MapSlot(at, true);
-    if (!slot) continue;  // unmappable: lookups simply fail and callers take the careful path
-    const std::uintptr_t word = (reinterpret_cast<std::uintptr_t>(owner) & detail::kOwnerMask) | (delta << detail::kDeltaShift);
-    std::atomic_ref<std::uintptr_t>(*slot).store(word, std::memory_order_release);
-  }
-}
-
-void UnmapRegion(const void* base, std::size_t bytes) {
-  const auto start = reinterpret_cast<std::uintptr_t>(base);
-  std::lock_guard guard(MapMutex());
-  for (std::uintptr_t at = start; at < start + bytes; at += kRegionGranularity)
-    if (std::uintptr_t* slot = MapSlot(at, false)) std::atomic_ref<std::uintptr_t>(*slot).store(0, std::memory_order_release);
-}
-
-// ---- the light lock ----------------------------------------------------------------------------
-
-// Spins up to 4000 times while the holder is likely to leave soon, then marks the word as having
-// waiters and sleeps on it (the holder's unlock wakes one).
-void LightLock::LockContended() {
-  for (int spin = 0; spin < 4000; ++spin) {
-    std::uint32_t expected = kFree;
-    if (state_.load(std::memory_order_relaxed) == kFree &&
-        state_.compare_exchange_weak(expected, kLocked, std::memory_order_acquire, std::memory_order_relaxed))
-      return;
-#if defined(__x86_64__) || defined(__i386__)
-    if ((spin & 15) == 15) __builtin_ia32_pause();
-#endif
-  }
-  while (state_.exchange(kWaiters, std::memory_order_acquire) != kFree) state_.wait(kWaiters, std::memory_order_relaxed);
-}
-
-void LightLock::WakeOne() { state_.notify_one(); }
-
-std::uintptr_t RecursiveLightLock::ThreadToken() {
-  static thread_local char token;
-  return reinterpret_cast<std::uintptr_t>(&token);
-}
-
 // ---- heap queries ------------------------------------------------------------------------------
 
 bool HeapFailureRaises(HANDLE handle, DWORD flags) {
@@ -470,73 +389,69 @@ bool GetHeapUsage(HANDLE handle, HeapUsage* usage) {
   return true;
 }
 
-}  // namespace zr
-
 // ---- the HeapCreate family ---------------------------------------------------------------------
 
-using zr::PrivHeap;
-
 HANDLE HeapCreate(DWORD options, SIZE_T initialSize, SIZE_T maximumSize) {
-  return zr::NewHeap(options, maximumSize);
+  return NewHeap(options, maximumSize);
 }
 
 HANDLE GetProcessHeap() {
-  static PrivHeap* heap = zr::NewHeap(0, 0);  // never destroyed
+  static PrivHeap* heap = NewHeap(0, 0);  // never destroyed
   return heap;
 }
 
 BOOL HeapDestroy(HANDLE handle) {
-  PrivHeap* heap = zr::AsHeap(handle);
+  PrivHeap* heap = AsHeap(handle);
   if (!heap || heap == GetProcessHeap()) return FALSE;
   {
-    std::lock_guard caches(zr::Caches().mutex);
-    zr::DropCachedEntries(heap);
+    std::lock_guard caches(Caches().mutex);
+    DropCachedEntries(heap);
   }
-  for (zr::Span* s = heap->all; s;) {
-    zr::Span* next = s->all_next;
-    zr::UnmapRegion(s, zr::kSpanBytes);
-    zr::FreeRegion(s);
+  for (Span* s = heap->all; s;) {
+    Span* next = s->all_next;
+    UnmapRegion(s, kSpanBytes);
+    os::FreeRegion(s);
     s = next;
   }
   for (std::uintptr_t data : heap->large)
-    ::operator delete(zr::LargeOf(reinterpret_cast<void*>(data)), std::align_val_t{16});
+    ::operator delete(LargeOf(reinterpret_cast<void*>(data)), std::align_val_t{16});
   heap->magic = 0;
   delete heap;
   return TRUE;
 }
 
 void* HeapAlloc(HANDLE handle, DWORD flags, SIZE_T bytes) {
-  PrivHeap* heap = zr::AsHeap(handle);
-  if (!heap || bytes > zr::kMaxBlockBytes) return nullptr;
-  const std::size_t slot = bytes + sizeof(zr::SlotHeader);
-  void* block = slot <= zr::kMaxSlotBytes ? zr::AllocSmall(heap, zr::ClassOf(slot), bytes) : zr::AllocLarge(heap, bytes);
+  PrivHeap* heap = AsHeap(handle);
+  if (!heap || bytes > kMaxBlockBytes) return nullptr;
+  const std::size_t slot = bytes + sizeof(SlotHeader);
+  void* block = slot <= kMaxSlotBytes ? AllocSmall(heap, ClassOf(slot), bytes) : AllocLarge(heap, bytes);
   if (!block) return nullptr;
   if (flags & HEAP_ZERO_MEMORY) std::memset(block, 0, bytes);
   return block;
 }
 
 BOOL HeapFree(HANDLE handle, DWORD flags, void* block) {
-  zr::HeapBlockSpan span;
-  return zr::HeapBlockOwned(handle, block, &span) ? zr::HeapFreeChecked(handle, flags, block, span) : FALSE;
+  HeapBlockSpan span;
+  return HeapBlockOwned(handle, block, &span) ? HeapFreeChecked(handle, flags, block, span) : FALSE;
 }
 
 SIZE_T HeapSize(HANDLE handle, DWORD flags, const void* block) {
-  PrivHeap* heap = zr::AsHeap(handle);
-  if (!heap || !zr::Owned(heap, block, nullptr)) return static_cast<SIZE_T>(-1);
-  zr::LightGuard guard(heap->lock);
-  zr::SlotHeader* h = zr::HeaderOf(block);
-  return zr::LoadState(h) == zr::kSlotLive ? static_cast<SIZE_T>(h->size) : static_cast<SIZE_T>(-1);
+  PrivHeap* heap = AsHeap(handle);
+  if (!heap || !Owned(heap, block, nullptr)) return static_cast<SIZE_T>(-1);
+  LightGuard guard(heap->lock);
+  SlotHeader* h = HeaderOf(block);
+  return LoadState(h) == kSlotLive ? static_cast<SIZE_T>(h->size) : static_cast<SIZE_T>(-1);
 }
 
 void* HeapReAlloc(HANDLE handle, DWORD flags, void* block, SIZE_T bytes) {
-  PrivHeap* heap = zr::AsHeap(handle);
-  zr::HeapBlockSpan span;
-  if (!heap || bytes > zr::kMaxBlockBytes || !zr::Owned(heap, block, &span)) return nullptr;
+  PrivHeap* heap = AsHeap(handle);
+  HeapBlockSpan span;
+  if (!heap || bytes > kMaxBlockBytes || !Owned(heap, block, &span)) return nullptr;
   std::size_t old_size = 0;
   {
-    zr::LightGuard guard(heap->lock);
-    zr::SlotHeader* h = zr::HeaderOf(block);
-    if (zr::LoadState(h) != zr::kSlotLive) return nullptr;
+    LightGuard guard(heap->lock);
+    SlotHeader* h = HeaderOf(block);
+    if (LoadState(h) != kSlotLive) return nullptr;
     old_size = h->size;
     if (bytes <= span.end - span.begin) {
       h->size = bytes;
@@ -551,3 +466,5 @@ void* HeapReAlloc(HANDLE handle, DWORD flags, void* block, SIZE_T bytes) {
   HeapFree(handle, 0, block);
   return moved;
 }
+
+}  // namespace zr

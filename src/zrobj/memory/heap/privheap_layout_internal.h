@@ -10,7 +10,9 @@
 #include <unordered_set>
 
 #include "base/compiler.h"
-#include "platform/privheap.h"
+#include "memory/heap/privheap_internal.h"
+#include "memory/heap/regionmap_internal.h"
+#include "platform/regions.h"
 #include "zrobj/heaplock.h"
 
 namespace zr::heapimpl {
@@ -21,7 +23,7 @@ inline constexpr std::uint32_t kSlotFree = 0x45455246;   // "FREE"
 inline constexpr std::uint32_t kLargeClass = 0xFFFFFFFF;
 inline constexpr std::size_t kMaxBlockBytes = 0xFFFFFFFFu;  // blocks keep 32-bit sizes, as on Windows
 
-inline constexpr std::size_t kSpanBytes = kRegionGranularity;
+inline constexpr std::size_t kSpanBytes = os::kRegionGranularity;
 inline constexpr std::size_t kSpanHeaderBytes = 128;
 
 // Directly in front of every block's data.
