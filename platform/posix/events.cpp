@@ -72,7 +72,14 @@ BOOL OnEvent(HANDLE event, Fn fn) {
 }  // namespace
 
 BOOL SetEvent(HANDLE event) { return OnEvent(event, CoreSetEvent); }
-BOOL ResetEvent(HANDLE event) { return OnEvent(event, CoreResetEvent); }
+// Under the wait-all lock, so that a wait for all objects that took this event and gives it back
+// cannot undo the reset.
+BOOL ResetEvent(HANDLE event) {
+  return OnEvent(event, [](WaitCore* core) {
+    const WaitAllLock lock(core->shared != 0);
+    CoreResetEvent(core);
+  });
+}
 BOOL PulseEvent(HANDLE event) { return OnEvent(event, CorePulseEvent); }
 
 HANDLE CreateSemaphoreW(SECURITY_ATTRIBUTES*, LONG initialCount, LONG maximumCount, const WCHAR* name) {

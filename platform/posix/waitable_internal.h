@@ -63,6 +63,26 @@ class ControlLock {
   bool held_;
 };
 
+// ---- The lock of waits for all objects (waits.cpp)
+// A wait for all objects takes them one by one and gives back what it took when one is missing.
+// It does so holding this lock: the lock word shared between processes when any of the objects is
+// shared, else a lock of this process. State changes that a give-back must not undo (resetting an
+// event) take the same lock.
+class WaitAllLock {
+ public:
+  explicit WaitAllLock(bool shared);
+  ~WaitAllLock();
+  WaitAllLock(const WaitAllLock&) = delete;
+  WaitAllLock& operator=(const WaitAllLock&) = delete;
+
+ private:
+  bool shared_;
+  bool held_;
+};
+
+// Gives back what a wait for all objects took from `core` before it found another one missing.
+void GiveBack(WaitCore* core);
+
 // ---- Objects and the handle table (handles.cpp)
 inline constexpr int kMaxOpeners = 128;
 inline constexpr std::size_t kKeyBytes = 1024;

@@ -70,36 +70,53 @@ bool Acquire(WaitCore* core, std::uint32_t start) {
   return false;
 }
 
-// Gives back what a partial wait-all took.
-void Restore(WaitCore* core) {
+}  // namespace
+
+// A semaphore's unit goes back only up to the maximum: a release that came in between may have
+// filled it. An event is signalled again; a reset in between cannot happen, since resets of handle
+// events take the wait-all lock too.
+void posix::GiveBack(WaitCore* core) {
   if (core->type == WaitCore::kSemaphore) {
-    core->word.fetch_add(1, std::memory_order_seq_cst);
+    std::uint32_t w = core->word.load(std::memory_order_relaxed);
+    do {
+      if (static_cast<std::int64_t>(w) >= core->max_count) return;
+    } while (!core->word.compare_exchange_weak(w, w + 1, std::memory_order_seq_cst));
     WakeSleepers(core);
   } else if (!core->manual_reset) {
     CoreSetEvent(core);
   }
 }
 
+namespace {
+
 std::mutex g_local_wait_all;
 
-// Consumes every core at once, under the lock word of their processes; false when one of them was
-// taken in between (what was taken is given back).
+// Consumes every core at once; false when one of them was taken in between (what was taken is
+// given back).
 bool AcquireAll(DWORD count, WaitCore* const* cores) {
   bool shared = false;
   for (DWORD i = 0; i < count; ++i) shared = shared || cores[i]->shared;
-  std::unique_lock<std::mutex> local;
-  std::optional<ControlLock> across;
-  if (shared)
-    across.emplace();
-  else
-    local = std::unique_lock<std::mutex>(g_local_wait_all);
+  WaitAllLock lock(shared);
   for (DWORD i = 0; i < count; ++i) {
     if (cores[i]->TryAcquire()) continue;
-    while (i > 0) Restore(cores[--i]);
+    while (i > 0) GiveBack(cores[--i]);
     return false;
   }
   return true;
 }
+
+}  // namespace
+
+posix::WaitAllLock::WaitAllLock(bool shared) : shared_(shared), held_(shared ? LockControl() : true) {
+  if (!shared_) g_local_wait_all.lock();
+}
+
+posix::WaitAllLock::~WaitAllLock() {
+  if (!shared_) g_local_wait_all.unlock();
+  else if (held_) UnlockControl();
+}
+
+namespace {
 
 bool AllSignalled(DWORD count, WaitCore* const* cores, const std::uint32_t* words) {
   for (DWORD i = 0; i < count; ++i) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/diag_capture.h"
+#include "platform/posix/waitable_internal.h"
 #include "platform/text.h"
 #include "platform/waitable.h"
 #include "platform/wformat.h"
@@ -366,6 +367,23 @@ TEST(NamedObjects, SharedBetweenTwoProcesses) {
   EXPECT_EQ(os::OpenEventW(SYNCHRONIZE, FALSE, event_name.c_str()), nullptr);
   EXPECT_EQ(os::GetLastError(), ERROR_FILE_NOT_FOUND);
   EXPECT_EQ(os::OpenSemaphoreW(SYNCHRONIZE, FALSE, sem_name.c_str()), nullptr);
+}
+
+// What a wait for all objects gives back when it finds one missing: a semaphore's unit only up to
+// its maximum (a release in between may have filled it), an auto-reset event's signal.
+TEST(WaitForAll, GivingBackNeverPassesTheSemaphoreMaximum) {
+  os::WaitCore semaphore;
+  semaphore.InitSemaphore(2, 2, false);
+  os::posix::GiveBack(&semaphore);
+  EXPECT_EQ(semaphore.word.load(), 2u);
+  semaphore.word.store(1);
+  os::posix::GiveBack(&semaphore);
+  EXPECT_EQ(semaphore.word.load(), 2u);
+  os::WaitCore event;
+  event.InitEvent(false, false, false);
+  os::posix::GiveBack(&event);
+  EXPECT_TRUE(event.TryAcquire());
+  EXPECT_FALSE(event.TryAcquire());
 }
 
 TEST(NamedObjects, SurviveProcessesThatDie) {
