@@ -68,6 +68,9 @@ class RawFile {
   int fd_ = -1;
 };
 
+// Removes a file with one system call; false when it could not be removed.
+bool RemoveFileNow(const char* path);
+
 // Converts UTF-8 into a buffer of `capacity` UTF-16 units, terminated and cut to fit (never inside a
 // surrogate pair); malformed sequences become U+FFFD. Returns the units written.
 std::size_t Utf8ToUtf16Fixed(std::string_view text, char16_t* out, std::size_t capacity);

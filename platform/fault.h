@@ -85,6 +85,12 @@ bool PrepareSignalStack();
 // that hangs on a lock its crashed owner still holds.
 void ArmCrashWatchdog(unsigned seconds);
 
+// Runs `fn(context)` for at most `seconds`: when the time runs out, SIGALRM leaves `fn` where it is
+// and this returns false. For a phase of the crash handler that may take too long (a full-memory
+// dump) but must not keep the next phase from running; `fn` must leave nothing half-held that the
+// rest of the handler needs.
+bool RunWithinBudget(void (*fn)(void*), void* context, unsigned seconds);
+
 // Raises a breakpoint inside a guard, so that LastGuardedFault() holds the calling thread's context.
 void CaptureCurrentContext();
 

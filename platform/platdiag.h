@@ -38,4 +38,12 @@ void dmp_printf(const char* format, const Args&... args) {
 // Appends dump output to `path` (created if missing) until dmp_SetOutputFile(nullptr).
 bool dmp_SetOutputFile(const char* path);
 
+// Crash output: from dmp_BeginCrashOutput until dmp_EndCrashOutput, dump output is written straight
+// to `path` with no lock and no allocation (the crashed thread may hold the output's lock or be
+// inside the allocator), or to standard error when `path` is null or cannot be created; false then.
+bool dmp_BeginCrashOutput(const char* path);
+void dmp_EndCrashOutput();
+// Writes `text` to standard error at once, with no lock and no allocation.
+void WriteStandardError(const char* text);
+
 }  // namespace zr::os

@@ -7,6 +7,8 @@
 
 namespace zr::os {
 
+bool RemoveFileNow(const char* path) { return path && ::unlink(path) == 0; }
+
 bool RawFile::Open(const char* path, Mode mode) {
   Close();
   if (!path || !*path) return false;

@@ -359,6 +359,38 @@ void ArmCrashWatchdog(unsigned seconds) {
   alarm(seconds);
 }
 
+namespace {
+thread_local sigjmp_buf* t_budget_exit = nullptr;
+
+void OnBudgetSpent(int) {
+  if (sigjmp_buf* exit = t_budget_exit) siglongjmp(*exit, 1);
+  _exit(128 + SIGALRM);  // no budget runs on this thread: end as the default action would
+}
+}  // namespace
+
+bool RunWithinBudget(void (*fn)(void*), void* context, unsigned seconds) {
+  struct sigaction sa{};
+  sa.sa_handler = OnBudgetSpent;
+  sa.sa_flags = SA_ONSTACK;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGALRM, &sa, nullptr);
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGALRM);
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  sigjmp_buf exit;
+  bool finished = false;
+  if (sigsetjmp(exit, 1) == 0) {
+    t_budget_exit = &exit;
+    alarm(seconds);
+    fn(context);
+    finished = true;
+  }
+  alarm(0);
+  t_budget_exit = nullptr;
+  return finished;
+}
+
 void CaptureCurrentContext() {
   GuardedCall([](void*) { asm volatile("int3"); }, nullptr);
 }

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -19,6 +20,15 @@ namespace {
 
 std::mutex g_dump_mutex;
 int g_dump_fd = -1;  // -1: into the diagnostics sink
+std::atomic<int> g_crash_fd{-1};  // while a crash record is written: where everything goes
+
+void WriteAll(int fd, const char* text, std::size_t len) {
+  for (std::size_t done = 0; done < len;) {
+    const ssize_t n = ::write(fd, text + done, len - done);
+    if (n <= 0) break;
+    done += static_cast<std::size_t>(n);
+  }
+}
 
 // Follows saved frame pointers: [frame] = caller's frame, [frame+8] = return address.
 // Every read is probed, so a damaged or foreign stack ends the walk instead of faulting.
@@ -109,17 +119,16 @@ int WalkCallStack(std::uintptr_t address, std::uintptr_t frame, int depth, const
 
 void dmp_output(const char* text) {
   if (!text) return;
+  if (const int crash_fd = g_crash_fd.load(std::memory_order_acquire); crash_fd >= 0) {
+    WriteAll(crash_fd, text, std::strlen(text));
+    return;
+  }
   std::lock_guard lock(g_dump_mutex);
   if (g_dump_fd < 0) {
     wPrintf(0, 0, u"%hs", text);
     return;
   }
-  const std::size_t len = std::strlen(text);
-  for (std::size_t done = 0; done < len;) {
-    const ssize_t n = ::write(g_dump_fd, text + done, len - done);
-    if (n <= 0) break;
-    done += static_cast<std::size_t>(n);
-  }
+  WriteAll(g_dump_fd, text, std::strlen(text));
 }
 
 void dmp_printfV(const char* format, const FormatArg* args, std::size_t count) {
@@ -135,6 +144,21 @@ bool dmp_SetOutputFile(const char* path) {
   if (!path) return true;
   g_dump_fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   return g_dump_fd >= 0;
+}
+
+bool dmp_BeginCrashOutput(const char* path) {
+  const int fd = path ? ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644) : -1;
+  g_crash_fd.store(fd >= 0 ? fd : STDERR_FILENO, std::memory_order_release);
+  return fd >= 0;
+}
+
+void dmp_EndCrashOutput() {
+  const int fd = g_crash_fd.exchange(-1, std::memory_order_acq_rel);
+  if (fd > STDERR_FILENO) ::close(fd);
+}
+
+void WriteStandardError(const char* text) {
+  if (text) WriteAll(STDERR_FILENO, text, std::strlen(text));
 }
 
 }  // namespace zr::os

@@ -3,7 +3,9 @@
 // and the exception analysis of guarded faults.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -16,6 +18,7 @@
 #include <thread>
 
 #include "zrobj/byteorder.h"
+#include "frame/services/zrcrash_internal.h"
 #include "platform/crashio.h"
 #include "platform/diag_capture.h"
 #include "platform/fault.h"
@@ -94,6 +97,10 @@ struct CrashOptions {
   int minidump = 0;
   bool disable = false;
   const char16_t* state = u"Testing";
+  const char* directory = nullptr;      // where the record should go; null: the test's directory
+  const char* errors = nullptr;         // a file that takes the child's standard error
+  unsigned dump_budget = 60;            // seconds
+  zr::testing::CrashPhaseHook hook = nullptr;
 };
 
 // Runs `crash` in a child process that has a crash handler writing into `dir`.
@@ -107,8 +114,14 @@ zrtest::ChildResult RunCrashingChild(const zrtest::TempDir& dir, void (*crash)()
     CEventLogger::Init();
     CEventLogger::LogEvent(u"child event %d", 1);
     CEventLogger::LogEvent(u"child event %d", 2);
+    if (options.errors) {
+      const int fd = ::open(options.errors, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      if (fd < 0 || ::dup2(fd, 2) < 0) return 98;
+    }
+    zr::testing::SetCrashBudgets(options.dump_budget, 30);
+    zr::testing::SetCrashPhaseHook(options.hook);
     CUnhandledException handler;
-    zr::SetCrashRecordDirectory(os::Utf8ToUtf16(dir.path()).c_str());
+    zr::SetCrashRecordDirectory(os::Utf8ToUtf16(options.directory ? options.directory : dir.path()).c_str());
     CUnhandledException::iMiniDump = options.minidump;
     CUnhandledException::bDisable = options.disable;
     CUnhandledException::SetState(options.state);
@@ -214,6 +227,107 @@ TEST(CrashRecord, SecondCrashingThreadWaitsForTheFirst) {
   EXPECT_TRUE(InOrder(record, {"\r\nException 0xC0000005 @ 0x", "\rThread: Main (0x", "\rParked threads: 1\r\n",
                                "\r\n\n----- Crash record END -----\r\n"}));
   EXPECT_EQ(record.find("INT_DIVIDE_BY_ZERO"), std::string::npos);
+}
+
+// A minidump that takes longer than its time is abandoned (and removed), and the record is still
+// written after it.
+TEST(CrashRecord, ASlowMinidumpKeepsNoTimeFromTheRecord) {
+  zrtest::TempDir dir;
+  const std::string errors = dir.File("stderr.txt");
+  CrashOptions options;
+  options.minidump = 1;
+  options.dump_budget = 1;
+  options.errors = errors.c_str();
+  options.hook = [](zr::testing::CrashPhase phase) {
+    if (phase == zr::testing::CrashPhase::kDump)
+      for (;;) ::pause();  // a dump that never ends
+  };
+  const zrtest::ChildResult result = RunCrashingChild(dir, CrashHereForTheDump, options);
+  ASSERT_TRUE(result.exited) << "signal " << result.signal;
+  EXPECT_EQ(result.exit_code, 0x05);
+  const std::string record = zrtest::ReadFile(dir.File("CrashRecord.txt"));
+  EXPECT_TRUE(InOrder(record, {"\r\n\n----- Crash record -----\r\n", "\r\nException 0xC0000005 @ 0x",
+                               "\r\n\n----- Crash record END -----\r\n"}));
+  EXPECT_FALSE(std::filesystem::exists(dir.File("crashdump.dmp")));
+  EXPECT_NE(zrtest::ReadFile(errors).find("zrobj: minidump abandoned after 1 s, " + dir.File("crashdump.dmp") +
+                                          " removed\n"),
+            std::string::npos)
+      << zrtest::ReadFile(errors);
+}
+
+// A directory that refuses the record sends it, and the dump, to the settings directory, and the
+// first line on standard error says where it went.
+TEST(CrashRecord, AnUnwritableDirectoryFallsBackToTheSettingsDirectory) {
+  zrtest::TempDir dir;
+  const std::string home = std::getenv("ZROBJ_HOME");
+  std::filesystem::create_directories(home);
+  std::filesystem::remove(home + "/CrashRecord.txt");
+  std::filesystem::remove(home + "/crashdump.dmp");
+  const std::string errors = dir.File("stderr.txt");
+  const std::string refused = dir.File("not-a-directory");
+  zrtest::WriteFile(refused, "a file where the directory should be");
+  CrashOptions options;
+  options.minidump = 1;
+  options.directory = refused.c_str();
+  options.errors = errors.c_str();
+  const zrtest::ChildResult result = RunCrashingChild(dir, CrashHereForTheDump, options);
+  ASSERT_TRUE(result.exited) << "signal " << result.signal;
+  EXPECT_EQ(result.exit_code, 0x05);
+  const std::string record = zrtest::ReadFile(home + "/CrashRecord.txt");
+  EXPECT_TRUE(InOrder(record, {"\r\n\n----- Crash record -----\r\n", "\r\n\n----- Crash record END -----\r\n"}));
+  EXPECT_GT(std::filesystem::file_size(home + "/crashdump.dmp"), 0u);
+  const std::string said = zrtest::ReadFile(errors);
+  EXPECT_EQ(said.substr(0, said.find('\n') + 1), "zrobj: crash record not writable in " + refused + "/, written to " +
+                                                      home + "/CrashRecord.txt\n");
+  std::filesystem::remove(home + "/CrashRecord.txt");
+  std::filesystem::remove(home + "/crashdump.dmp");
+}
+
+// A thread blocked inside the dump output (here: writing into a pipe nobody reads) holds its lock;
+// a crash on another thread still writes its record, past that lock.
+std::string g_fifo;
+void CrashWhileTheDumpOutputIsHeld() {
+  const int reader = ::open(g_fifo.c_str(), O_RDONLY | O_NONBLOCK);  // never read: the pipe fills up
+  if (reader < 0 || !os::dmp_SetOutputFile(g_fifo.c_str())) ::_exit(97);
+  std::atomic<bool> writing{false};
+  std::thread blocked([&] {
+    const std::string block(4096, 'x');
+    writing = true;
+    for (;;) os::dmp_output(block.c_str());  // blocks once the pipe is full, holding the output
+  });
+  blocked.detach();
+  while (!writing) ::usleep(1000);
+  ::usleep(100000);  // the writer fills the pipe within microseconds; the crash must not wait for it
+  CrashHereForTheDump();
+}
+
+TEST(CrashRecord, AHeldDumpOutputDoesNotStopTheRecord) {
+  zrtest::TempDir dir;
+  g_fifo = dir.File("output.fifo");
+  ASSERT_EQ(::mkfifo(g_fifo.c_str(), 0600), 0);
+  const zrtest::ChildResult result = zrtest::RunChild([&] {
+    const zrtest::ChildResult inner = RunCrashingChild(dir, CrashWhileTheDumpOutputIsHeld);
+    return inner.exited ? inner.exit_code : 200 + inner.signal;
+  }, 20000);
+  ASSERT_TRUE(result.exited) << "the crash handler hung on the held output";
+  EXPECT_EQ(result.exit_code, 0x05);
+  const std::string record = zrtest::ReadFile(dir.File("CrashRecord.txt"));
+  EXPECT_TRUE(InOrder(record, {"\r\n\n----- Crash record -----\r\n", "CrashHereForTheDump",
+                               "\r\n\n----- Crash record END -----\r\n"}));
+}
+
+// A crash whose stack passes through the allocator keeps the trace's names as they are: demangling
+// would allocate while the crashed thread may hold the allocator's lock.
+TEST(CrashRecord, TheAllocatorIsRecognisedOnAStack) {
+  using NewFn = void* (*)(std::size_t);
+  const std::uintptr_t in_malloc = reinterpret_cast<std::uintptr_t>(&::malloc) + 1;
+  const std::uintptr_t in_new = reinterpret_cast<std::uintptr_t>(static_cast<NewFn>(&::operator new)) + 1;
+  const std::uintptr_t in_test = reinterpret_cast<std::uintptr_t>(&CrashHereForTheDump) + 1;
+  EXPECT_TRUE(zr::StackInsideAllocator(&in_malloc, 1));
+  EXPECT_TRUE(zr::StackInsideAllocator(&in_new, 1));
+  const std::uintptr_t mixed[] = {in_test, in_malloc};
+  EXPECT_TRUE(zr::StackInsideAllocator(mixed, 2));
+  EXPECT_FALSE(zr::StackInsideAllocator(&in_test, 1));
 }
 
 TEST(CrashRecord, DisableLeavesTheCrashToTheSystem) {

@@ -15,6 +15,7 @@
 #include "platform/modules.h"
 #include "platform/platdiag.h"
 #include "platform/procinfo.h"
+#include "platform/profile.h"
 #include "platform/text.h"
 #include "frame/services/zrcrash_internal.h"
 #include "zrobj/zrdiag.h"
@@ -42,9 +43,7 @@ constexpr const char* kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
 constexpr const char* kBuildDate = __DATE__;
 constexpr int kMatchedEntries = 21;  // entries 0..20 name exception codes
 constexpr int kMaxTraceFrames = 128;
-constexpr unsigned kWatchdogSeconds = 60;
 constexpr unsigned kEventLockWaitMs = 1000;
-constexpr unsigned kParkedWaitMs = 60000;
 constexpr std::size_t kPathCapacity = 4096;
 
 // Trap-mode bits of an entry, as guarded reports read them.
@@ -79,6 +78,7 @@ constexpr tagZREXCENTRY kDefaultTable[ZR_EXCEPTION_TABLE_SIZE] = {
 // What the record needs and cannot safely gather once the process has crashed.
 struct CrashFacts {
   char directory[kPathCapacity];  // where the files go, ending in '/'; empty: the working directory
+  char fallback_directory[kPathCapacity];  // the settings directory, where they go when `directory` refuses them
   char override_directory[kPathCapacity];
   char user[256];
   char computer[256];
@@ -86,6 +86,13 @@ struct CrashFacts {
 };
 CrashFacts g_facts;
 std::mutex g_facts_mutex;
+
+// Each phase of the handler has its own time: a minidump of a large process may take long, but
+// the record must still be written after it. A crashing thread that finds the record being written
+// waits for both.
+std::atomic<unsigned> g_dump_budget_seconds{60};
+std::atomic<unsigned> g_record_budget_seconds{30};
+std::atomic<testing::CrashPhaseHook> g_phase_hook{nullptr};
 
 std::atomic<bool> g_crash_started{false};
 std::atomic<DWORD> g_crash_owner{0};
@@ -207,7 +214,36 @@ void PrintModuleOffset(std::uintptr_t address) {
 // One frame of the stack trace: the symbol and the distance into it, else the module and the offset.
 // Only the first frame may lie outside every module (a jump to a wild address); beyond it such an
 // address means the walk has left the frame chain (code without frame pointers), and ends the trace.
-bool PrintFrame(std::uintptr_t address, bool first) {
+void CopyRaw(char* out, std::size_t capacity, const char* text) {
+  std::size_t n = 0;
+  for (; text[n] && n + 1 < capacity; ++n) out[n] = text[n];
+  out[n] = 0;
+}
+
+bool StartsWith(const char* text, const char* prefix) { return std::strncmp(text, prefix, std::strlen(prefix)) == 0; }
+
+// Functions of the allocator, under the names the C library, the sanitizers and C++ give them.
+bool IsAllocatorSymbol(const char* name) {
+  for (const char* prefix : {"_Znw", "_Zna", "_Zdl", "_Zda"})  // operator new, new[], delete, delete[]
+    if (StartsWith(name, prefix)) return true;
+  for (const char* prefix : {"__interceptor_", "___interceptor_", "__libc_", "_int_", "__"})
+    if (StartsWith(name, prefix)) {
+      name += std::strlen(prefix);
+      break;
+    }
+  for (const char* base : {"malloc", "free", "calloc", "realloc", "reallocarray", "memalign", "posix_memalign",
+                           "aligned_alloc", "valloc", "pvalloc", "cfree", "tcache", "arena_get", "sysmalloc"})
+    if (StartsWith(name, base)) return true;
+  return false;
+}
+
+// Whether to demangle the names of a trace: always, except in a crash record whose stack passes
+// through the allocator (demangling allocates, and the crashed thread may hold its lock).
+bool DemangleTrace(const std::uintptr_t* frames, int n) {
+  return !CrashRecordInProgress() || !StackInsideAllocator(frames, n);
+}
+
+bool PrintFrame(std::uintptr_t address, bool first, bool demangle) {
   os::SymbolInfo s;
   if (!os::LookupSymbol(address, &s)) {
     if (first) Print("\r\n[<<Unknown>> + %ud]", static_cast<std::uint64_t>(address));
@@ -218,7 +254,10 @@ bool PrintFrame(std::uintptr_t address, bool first) {
     return true;
   }
   char name[512];
-  os::DemangleName(s.symbol, name, sizeof name);
+  if (demangle)
+    os::DemangleName(s.symbol, name, sizeof name);
+  else
+    CopyRaw(name, sizeof name, s.symbol);
   Print("\r\n[%hs + %ud]", static_cast<const char*>(name), static_cast<std::uint64_t>(address - s.symbol_address));
   return true;
 }
@@ -246,8 +285,9 @@ void TraceOutException(const EXCEPTION_POINTERS* p, int depth) {
   std::uintptr_t walked[kMaxTraceFrames];
   const std::uintptr_t* frames = nullptr;
   const int n = FaultFrames(p, walked, &frames);
+  const bool demangle = DemangleTrace(frames, n);
   for (int i = 0; i < n && i < depth; ++i)
-    if (!PrintFrame(frames[i], i == 0)) break;
+    if (!PrintFrame(frames[i], i == 0, demangle)) break;
 }
 
 bool ContainsNoCase(const char* text, const char* part) {
@@ -305,6 +345,9 @@ void PrepareFacts() {
     }
   }
   AppendSeparator(f.directory);
+  os::FixedText fallback(f.fallback_directory, sizeof f.fallback_directory);
+  fallback.Append(os::WindowsDirectory().c_str());
+  AppendSeparator(f.fallback_directory);
   os::GetUserLogonName(f.user, sizeof f.user);
   os::GetComputerNameText(f.computer, sizeof f.computer);
   os::GetLibraryVersionText(f.version, sizeof f.version);
@@ -314,11 +357,35 @@ void PrepareFacts() {
   os::LookupSymbol(reinterpret_cast<std::uintptr_t>(&PrepareFacts), &warm);
 }
 
-const char* FilePath(char* buffer, const char* name) {
+const char* FilePath(char* buffer, const char* directory, const char* name) {
   os::FixedText text(buffer, kPathCapacity);
-  text.Append(g_facts.directory);
+  text.Append(directory);
   text.Append(name);
   return buffer;
+}
+
+void EnterPhase(testing::CrashPhase phase) {
+  if (const testing::CrashPhaseHook hook = g_phase_hook.load()) hook(phase);
+}
+
+// Opens the record where the files go; when that directory refuses it, in the settings directory,
+// and says so on standard error; failing both, the record goes to standard error. Returns the
+// directory that took the record (the dump goes beside it).
+const char* OpenRecord() {
+  char path[kPathCapacity];
+  if (os::dmp_BeginCrashOutput(FilePath(path, g_facts.directory, "CrashRecord.txt"))) return g_facts.directory;
+  char line[2 * kPathCapacity + 128];
+  os::FixedText text(line, sizeof line);
+  const char* shown = g_facts.directory[0] ? g_facts.directory : "the working directory";
+  if (os::dmp_BeginCrashOutput(FilePath(path, g_facts.fallback_directory, "CrashRecord.txt"))) {
+    text.Format("zrobj: crash record not writable in %s, written to %s\n", shown, static_cast<const char*>(path));
+    os::WriteStandardError(line);
+    return g_facts.fallback_directory;
+  }
+  text.Format("zrobj: crash record not writable in %s nor in %s, written to standard error\n", shown,
+              static_cast<const char*>(g_facts.fallback_directory));
+  os::WriteStandardError(line);
+  return g_facts.directory;
 }
 
 void WriteDump(const char* path, EXCEPTION_POINTERS* p) {
@@ -360,13 +427,38 @@ void PrintHeader() {
         kMonths[(t.month + 11) % 12], t.year, t.hour, t.minute, t.second, t.millisecond);
 }
 
-// Steps 1 to 13 of the handler: everything but ending the process.
+struct DumpPhase {
+  const char* path;
+  EXCEPTION_POINTERS* pointers;
+  static void Run(void* self) {
+    auto* phase = static_cast<DumpPhase*>(self);
+    EnterPhase(testing::CrashPhase::kDump);
+    WriteDump(phase->path, phase->pointers);
+  }
+};
+
+// The minidump within its own time; a dump cut short is removed rather than left half written.
+void WriteDumpWithinBudget(const char* directory, EXCEPTION_POINTERS* p) {
+  char path[kPathCapacity];
+  DumpPhase phase{FilePath(path, directory, "crashdump.dmp"), p};
+  const unsigned budget = g_dump_budget_seconds.load();
+  if (os::RunWithinBudget(&DumpPhase::Run, &phase, budget)) return;
+  os::RemoveFileNow(path);
+  char line[kPathCapacity + 96];
+  os::FixedText text(line, sizeof line);
+  text.Format("zrobj: minidump abandoned after %u s, %s removed\n", budget, static_cast<const char*>(path));
+  os::WriteStandardError(line);
+}
+
+// Steps 1 to 13 of the handler: everything but ending the process. Output goes straight to the
+// record's file, past every lock: the crashed thread may hold the output's own.
 void WriteCrashRecord(EXCEPTION_POINTERS* p) {
   os::Is_wPrintf_Active(1);
   SetDebugMode(1);
-  char path[kPathCapacity];
-  if (CUnhandledException::iMiniDump != 0) WriteDump(FilePath(path, "crashdump.dmp"), p);
-  os::dmp_SetOutputFile(FilePath(path, "CrashRecord.txt"));  // unwritable: the record goes to the diagnostics output
+  const char* directory = OpenRecord();
+  if (CUnhandledException::iMiniDump != 0) WriteDumpWithinBudget(directory, p);
+  os::ArmCrashWatchdog(g_record_budget_seconds.load());
+  EnterPhase(testing::CrashPhase::kRecord);
   PrintHeader();
   Print("\rApplication: %s\r\n", OrUnknown(os::ProcessImagePath()));
   if (CUnhandledException::szState[0])
@@ -382,13 +474,14 @@ void WriteCrashRecord(EXCEPTION_POINTERS* p) {
   CUnhandledException::DumpAppDLLs(1);
   if (CUnhandledException::bDisable) Print("\r >>> Invoking OS handler\r\n");
   Print("\r\n\n----- Crash record END -----\r\n");
-  os::dmp_SetOutputFile(nullptr);
+  os::dmp_EndCrashOutput();
 }
 
 // A thread that crashed while another writes the record waits for the process to end with it.
 [[noreturn]] void WaitForProcessEnd(int status) {
   g_parked.fetch_add(1);
-  for (unsigned waited = 0; waited < kParkedWaitMs; waited += 10) ::zr::os::Sleep(10);
+  const unsigned wait_ms = (g_dump_budget_seconds.load() + g_record_budget_seconds.load() + 5) * 1000;
+  for (unsigned waited = 0; waited < wait_ms; waited += 10) ::zr::os::Sleep(10);
   os::TerminateProcessNow(status);
 }
 
@@ -411,6 +504,14 @@ class CrashHandler {
 };
 
 bool CrashRecordInProgress() { return g_crash_owner.load() != 0; }
+
+bool StackInsideAllocator(const std::uintptr_t* frames, int count) {
+  for (int i = 0; i < count; ++i) {
+    os::SymbolInfo s;
+    if (os::LookupSymbol(frames[i], &s) && s.symbol && IsAllocatorSymbol(s.symbol)) return true;
+  }
+  return false;
+}
 
 const ThreadInfoProvider* SetThreadInfoProvider(const ThreadInfoProvider* provider) {
   return g_provider.exchange(provider ? provider : &kDefaultProvider);
@@ -438,6 +539,13 @@ void SetCrashRecordDirectory(const WCHAR* directory) {
 const tagZREXCENTRY* GetDefaultExceptionTable() { return kDefaultTable; }
 
 unsigned GetParkedCrashThreadCount() { return g_parked.load(); }
+
+void testing::SetCrashBudgets(unsigned dump_seconds, unsigned record_seconds) {
+  g_dump_budget_seconds.store(dump_seconds);
+  g_record_budget_seconds.store(record_seconds);
+}
+
+void testing::SetCrashPhaseHook(CrashPhaseHook hook) { g_phase_hook.store(hook); }
 
 }  // namespace zr
 
@@ -482,7 +590,6 @@ long CUnhandledException::TopLevelExceptionFilter(EXCEPTION_POINTERS* pointers) 
     return EXCEPTION_EXECUTE_HANDLER;
   }
   zr::g_crash_owner.store(self);
-  os::ArmCrashWatchdog(zr::kWatchdogSeconds);
   zr::WriteCrashRecord(pointers);
   if (bDisable) {
     os::ArmCrashWatchdog(0);

@@ -27,4 +27,16 @@ bool ExceptionFromFault(const os::FaultRecord& fault, EXCEPTION_RECORD* record, 
 // wait for locks whose holder may have crashed.
 bool CrashRecordInProgress();
 
+// Whether one of the frames lies in a function of the allocator (malloc, free, operator new, ...).
+bool StackInsideAllocator(const std::uintptr_t* frames, int count);
+
+namespace testing {
+// The phases of the crash handler, for a hook that tests use to stall one of them.
+enum class CrashPhase { kDump, kRecord };
+using CrashPhaseHook = void (*)(CrashPhase phase);
+void SetCrashPhaseHook(CrashPhaseHook hook);
+// The time the minidump and the record each get (60 s and 30 s unless a test says otherwise).
+void SetCrashBudgets(unsigned dump_seconds, unsigned record_seconds);
+}  // namespace testing
+
 }  // namespace zr
