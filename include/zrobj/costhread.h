@@ -11,19 +11,9 @@
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
 
-// Creation flag and priorities of CThread (the Windows values).
+// Creation flag of CThread (the Windows value); the priorities are in zrtypes.h.
 #ifndef CREATE_SUSPENDED
 #define CREATE_SUSPENDED 0x4u
-#endif
-#ifndef THREAD_PRIORITY_NORMAL
-#define THREAD_PRIORITY_IDLE (-15)
-#define THREAD_PRIORITY_LOWEST (-2)
-#define THREAD_PRIORITY_BELOW_NORMAL (-1)
-#define THREAD_PRIORITY_NORMAL 0
-#define THREAD_PRIORITY_ABOVE_NORMAL 1
-#define THREAD_PRIORITY_HIGHEST 2
-#define THREAD_PRIORITY_TIME_CRITICAL 15
-#define THREAD_PRIORITY_ERROR_RETURN 0x7FFFFFFF
 #endif
 
 // A thread function: its result is the thread's exit code.

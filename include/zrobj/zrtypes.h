@@ -97,3 +97,15 @@ struct tagZRFINDDATA {
   WCHAR cFileName[ZR_MAX_PATH];
   WCHAR cAlternateFileName[14];
 };
+
+// Thread priorities (the Windows values), shared by the thread classes and the platform layer.
+#ifndef THREAD_PRIORITY_NORMAL
+#define THREAD_PRIORITY_IDLE (-15)
+#define THREAD_PRIORITY_LOWEST (-2)
+#define THREAD_PRIORITY_BELOW_NORMAL (-1)
+#define THREAD_PRIORITY_NORMAL 0
+#define THREAD_PRIORITY_ABOVE_NORMAL 1
+#define THREAD_PRIORITY_HIGHEST 2
+#define THREAD_PRIORITY_TIME_CRITICAL 15
+#define THREAD_PRIORITY_ERROR_RETURN 0x7FFFFFFF
+#endif

@@ -347,15 +347,23 @@ bool PrepareSignalStack() {
 
 void TerminateProcessNow(int status) { _exit(status); }
 
-void ArmCrashWatchdog(unsigned seconds) {
+namespace {
+// Installs `handler` for SIGALRM and lets the calling thread receive it.
+void PrepareAlarm(void (*handler)(int), int flags) {
   struct sigaction sa{};
-  sa.sa_handler = SIG_DFL;
+  sa.sa_handler = handler;
+  sa.sa_flags = flags;
   sigemptyset(&sa.sa_mask);
   sigaction(SIGALRM, &sa, nullptr);
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGALRM);
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+}  // namespace
+
+void ArmCrashWatchdog(unsigned seconds) {
+  PrepareAlarm(SIG_DFL, 0);
   alarm(seconds);
 }
 
@@ -369,15 +377,7 @@ void OnBudgetSpent(int) {
 }  // namespace
 
 bool RunWithinBudget(void (*fn)(void*), void* context, unsigned seconds) {
-  struct sigaction sa{};
-  sa.sa_handler = OnBudgetSpent;
-  sa.sa_flags = SA_ONSTACK;
-  sigemptyset(&sa.sa_mask);
-  sigaction(SIGALRM, &sa, nullptr);
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGALRM);
-  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  PrepareAlarm(OnBudgetSpent, SA_ONSTACK);
   sigjmp_buf exit;
   bool finished = false;
   if (sigsetjmp(exit, 1) == 0) {
