@@ -55,5 +55,19 @@ expect_violation tools/zrtool/main.cpp '#include "platform/clock.h"' 'tools incl
 expect_violation tools/zrtool/main.cpp '#include <unistd.h>' 'system header outside platform/posix/'
 expect_violation src/zrobj/base/bits.h '#include "platform/clock.h"' 'base/ includes only base/'
 
+# Calls: frame's object calls a function that os defines, while os sits above frame.
+make_tree
+mkdir -p "$work/b/src/zrobj/CMakeFiles/zr_frame.dir" "$work/b/src/zrobj/CMakeFiles/zr_os.dir" "$work/b/platform/CMakeFiles/zr_platform.dir"
+printf 'int below() { return 1; }\n' > "$work/platform.cpp"
+printf 'int below(); int up(); int frame_fn() { return below() + up(); }\n' > "$work/frame.cpp"
+printf 'int frame_fn(); int up() { return 2; } int os_fn() { return frame_fn(); }\n' > "$work/os.cpp"
+c++ -c "$work/platform.cpp" -o "$work/b/platform/CMakeFiles/zr_platform.dir/platform.o"
+c++ -c "$work/frame.cpp" -o "$work/b/src/zrobj/CMakeFiles/zr_frame.dir/frame.o"
+c++ -c "$work/os.cpp" -o "$work/b/src/zrobj/CMakeFiles/zr_os.dir/os.o"
+out=$(python3 "$check" "$work/t" "$work/t/layers.txt" "$work/b" 2>&1)
+[ $? -eq 1 ] || fail "an upward call was not refused: $out"
+grep -q "^frame calls _Z2upv, defined in os, which it does not depend on$" <<<"$out" || fail "upward call not named: $out"
+grep -q "layering: 1 violation(s)" <<<"$out" || fail "the downward calls were refused too: $out"
+
 if [ "$failures" -eq 0 ]; then echo "check_layers_test: all cases passed"; fi
 exit $((failures != 0))
