@@ -1,5 +1,5 @@
 # The two entry points: `make run` (release build, main job) and `make test` (sanitized build, all tests);
-# `make bench` runs the benchmarks of the release build (BENCH=family picks one, e.g. BENCH=cosobj_heap).
+# `make bench` runs the benchmarks of the release build (BENCH=family picks one, e.g. BENCH=cheap).
 .PHONY: run test bench deps build-release build-dev build-tsan clean
 
 deps:
