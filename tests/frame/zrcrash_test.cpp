@@ -26,6 +26,7 @@
 #include "platform/procinfo.h"
 #include "platform/text.h"
 #include "test_support.h"
+#include "zrobj/cheap.h"
 #include "zrobj/zrcrash.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrevent.h"
@@ -313,6 +314,40 @@ TEST(CrashRecord, AHeldDumpOutputDoesNotStopTheRecord) {
   EXPECT_EQ(result.exit_code, 0x05);
   const std::string record = zrtest::ReadFile(dir.File("CrashRecord.txt"));
   EXPECT_TRUE(InOrder(record, {"\r\n\n----- Crash record -----\r\n", "CrashHereForTheDump",
+                               "\r\n\n----- Crash record END -----\r\n"}));
+}
+
+// A crash inside a diagnostics listener, while a heap dump holds the heap's lock and the output
+// holds its own, still writes the record: the handler waits for neither.
+struct CrashingListener final : os::DiagSink {
+  void Write(unsigned, unsigned, std::u16string_view text) override {
+    if (text.find(u"Dump [CrashDumpHeap]") != std::u16string_view::npos) CrashHereForTheDump();
+  }
+};
+
+void CrashInsideAHeapDump() {
+  auto* heap = new CHeap("CrashDumpHeap", 0, 0, 0, 1);
+  if (!(heap->GetHeapFlags() & CHEAP_WATCH) || !heap->Alloc(16, 0, __FILE__, __LINE__, 0)) ::_exit(96);
+  static CrashingListener listener;
+  os::SetDiagSink(&listener);
+  heap->Dump(1);  // prints under the heap's lock
+}
+
+TEST(CrashRecord, ACrashUnderTheHeapLockStillWritesTheRecord) {
+  zrtest::TempDir dir;
+  const std::string ini = std::string(std::getenv("ZROBJ_HOME")) + "/ZRO.INI";
+  std::filesystem::create_directories(std::getenv("ZROBJ_HOME"));
+  const std::string saved = zrtest::ReadFile(ini);
+  zrtest::WriteFile(ini, saved + "\n[CrashDumpHeap]\nWatch=1\n");
+  const zrtest::ChildResult result = zrtest::RunChild([&] {
+    const zrtest::ChildResult inner = RunCrashingChild(dir, CrashInsideAHeapDump);
+    return inner.exited ? inner.exit_code : 200 + inner.signal;
+  }, 20000);
+  zrtest::WriteFile(ini, saved);
+  ASSERT_TRUE(result.exited) << "the crash handler hung";
+  EXPECT_EQ(result.exit_code, 0x05);
+  const std::string record = zrtest::ReadFile(dir.File("CrashRecord.txt"));
+  EXPECT_TRUE(InOrder(record, {"\r\n\n----- Crash record -----\r\n", "CrashingListener",
                                "\r\n\n----- Crash record END -----\r\n"}));
 }
 
