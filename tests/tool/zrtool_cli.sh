@@ -70,6 +70,18 @@ check "crash-test with --minidump 0" 5 "$tool" crash-test --dir "$work/crash2" -
 [ -s "$work/crash2/CrashRecord.txt" ] && [ ! -e "$work/crash2/crashdump.dmp" ] || { echo "FAIL: --minidump 0 did not override the setting"; failures=$((failures + 1)); }
 rm -f "$ZROBJ_HOME/ZRO.INI"
 
+# Project ids: a new PRJ.IDS counts from 1024; single ids and blocks never overlap.
+mkdir -p "$work/project"
+check "ids create" 0 "$tool" ids create "$work/project"
+check "ids next" 0 "$tool" ids next "$work/project"
+grep -qx "1024" "$work/out" || { echo "FAIL: first id is not 1024"; failures=$((failures + 1)); }
+check "ids reserve" 0 "$tool" ids reserve 10 "$work/project"
+grep -qx "1025-1034" "$work/out" || { echo "FAIL: reserved block"; failures=$((failures + 1)); }
+check "ids show" 0 "$tool" ids show "$work/project"
+grep -q "next id 1035, 0 other process" "$work/out" || { echo "FAIL: ids show"; failures=$((failures + 1)); }
+check "ids of a directory without PRJ.IDS" 1 "$tool" ids next "$work"
+check "ids reserve 0" 2 "$tool" ids reserve 0 "$work/project"
+
 # Chunk archives: the sample dumps with names resolved and status 0; damage and noise give status 1
 # and a marked line, never a crash.
 check "chunks help" 0 "$tool" chunks --help
