@@ -130,6 +130,8 @@ struct FileInfo {
 };
 BOOL GetFileInfoW(const char16_t* path, FileInfo* info);
 DWORD GetFileAttributesW(const char16_t* path);  // kInvalidFileAttributes when missing
+// Sets the last-access and last-write time of a file or directory by name.
+BOOL SetPathWriteTime(const char16_t* path, UINT64 last_write);
 BOOL SetFileAttributesW(const char16_t* path, DWORD attributes);
 BOOL DeleteFileW(const char16_t* path);
 BOOL MoveFileW(const char16_t* from, const char16_t* to);  // fails when `to` exists

@@ -1,4 +1,4 @@
-// Path normalisation, file name positions and first-match directory search.
+// Path normalisation, file name positions, first-match search and directory trees (walk, create, delete).
 #include "platform/fileutil.h"
 
 #include <algorithm>
@@ -101,6 +101,75 @@ BOOL FU_GetFirstMatch(const WCHAR* pattern, WCHAR* found, UINT capacity) {
   if (first.size() + 1 > capacity) return FALSE;
   WStrCopy(found, capacity, first);
   return TRUE;
+}
+
+}  // namespace zr::os
+
+// ---- Directory trees ----
+
+namespace zr::os {
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path NativePath(const WCHAR* path) { return fs::path(Utf16ToUtf8(path ? path : u"")); }
+
+std::u16string Normalised(const WCHAR* path) {
+  WCHAR buffer[ZR_MAX_PATH * 4] = {};
+  WStrCopy(buffer, std::size(buffer), path ? path : u"");
+  if (!FU_FormatPath(buffer, std::size(buffer), u'/')) return {};
+  return buffer;
+}
+
+// Visits the entries of one directory in name order, descending into subdirectories.
+bool Walk(const fs::path& directory, FU_EnumCallback visit, void* context) {
+  std::error_code ec;
+  std::vector<fs::path> names;
+  for (fs::directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec))
+    names.push_back(it->path());
+  if (ec) return false;
+  std::sort(names.begin(), names.end());
+  for (const fs::path& entry : names) {
+    if (fs::is_symlink(fs::symlink_status(entry, ec))) continue;
+    const std::u16string wide = Utf8ToUtf16(entry.string());
+    FileInfo info;
+    if (!GetFileInfoW(wide.c_str(), &info) || !visit(wide.c_str(), info, context)) return false;
+    if ((info.attributes & kFileAttributeDirectory) && !Walk(entry, visit, context)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool FU_IsPathContained(const WCHAR* path, const WCHAR* directory) {
+  const std::u16string p = Normalised(path), d = Normalised(directory);
+  return !d.empty() && p.size() >= d.size() && p.compare(0, d.size(), d) == 0;
+}
+
+BOOL FU_TestDirExists(const WCHAR* path) {
+  std::error_code ec;
+  return fs::is_directory(NativePath(path), ec) ? TRUE : FALSE;
+}
+
+BOOL FU_CreatePath(const WCHAR* path) {
+  const WCHAR* last = FU_FindLastSeparator(path);
+  if (!last) return TRUE;  // no directory part
+  const std::u16string directory(path, static_cast<std::size_t>(last - path) + 1);
+  std::error_code ec;
+  fs::create_directories(NativePath(directory.c_str()), ec);
+  return FU_TestDirExists(directory.c_str());
+}
+
+BOOL FU_DeleteDirectory(const WCHAR* path) {
+  std::error_code ec;
+  const fs::path native = NativePath(path);
+  fs::remove_all(native, ec);
+  return !fs::exists(fs::symlink_status(native, ec)) ? TRUE : FALSE;
+}
+
+BOOL FU_EnumDirectory(FU_EnumCallback visit, const WCHAR* directory, void* context) {
+  if (!visit || !FU_TestDirExists(directory)) return FALSE;
+  return Walk(NativePath(directory), visit, context) ? TRUE : FALSE;
 }
 
 }  // namespace zr::os

@@ -66,3 +66,38 @@ class ZROBJ_API CProjUniID {
 ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_SetProjectDirectory(DWORD projectId, const WCHAR* directory);
 // Copies the directory of `projectId` into `buffer` (ZR_MAX_PATH characters); 0 when unregistered.
 ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_GetProjectDirectory(DWORD projectId, WCHAR* buffer);
+
+// A project packed into one archive file ("jPvo", a 532-byte header, then one entry per file and
+// directory with its relative name, attributes, time and, usually compressed, contents) and back.
+class ZROBJ_API PrjLocator {
+ public:
+  static constexpr DWORD kHeaderSize = 532;
+  static constexpr DWORD kRecordSize = 28;
+
+  // Packs the project into a new archive (written under a temporary name and renamed when whole),
+  // holding the project's lock throughout; 1 done, 0 failed (nothing left at the archive path).
+  static int PackProject(const WCHAR* archivePath, DWORD projectId);
+  // Unpacks the archive into DESTINATION/NAME (NAME from the header), replacing what was there;
+  // 1 done, 0 failed (no target directory left behind).
+  static int UnpackProject(const WCHAR* archivePath, const WCHAR* destination);
+
+  // One entry of an archive, as ListArchive shows it.
+  struct ArchiveEntry {
+    const WCHAR* name;
+    DWORD attributes;
+    UINT64 time;  // last write, file time
+    DWORD storedSize;
+    DWORD fileSize;
+  };
+  using EntryVisitor = void (*)(const ArchiveEntry& entry, void* context);
+  // Reads the header (projectName: ZR_MAX_PATH characters) and visits every entry without
+  // unpacking anything; 1 when the archive was read to its end, 0 when it is not an archive or
+  // is damaged (the entries before the damage have been visited).
+  static int ListArchive(const WCHAR* archivePath, WCHAR* projectName, EntryVisitor visit, void* context);
+
+  // Called after each entry that PackProject writes or UnpackProject writes out, with the entries
+  // and bytes of file data done so far; null switches it off. One callback for the process.
+  using ProgressCallback = void (*)(DWORD entries, UINT64 bytes, void* context);
+  static void SetProgressCallback(ProgressCallback callback, void* context);
+};
+

@@ -564,6 +564,14 @@ BOOL GetFileInfoW(const char16_t* wide_path, FileInfo* info) {
   return Succeed();
 }
 
+BOOL SetPathWriteTime(const char16_t* wide_path, UINT64 last_write) {
+  const std::string path = ToPath(wide_path);
+  if (path.empty()) return Fail(kErrorPathNotFound);
+  const struct timespec times[2] = {TimespecFrom(last_write), TimespecFrom(last_write)};
+  if (::utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) return FailErrno();
+  return Succeed();
+}
+
 DWORD GetFileAttributesW(const char16_t* path) {
   FileInfo info;
   return GetFileInfoW(path, &info) ? info.attributes : kInvalidFileAttributes;

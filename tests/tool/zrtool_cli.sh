@@ -82,6 +82,25 @@ grep -q "next id 1035, 0 other process" "$work/out" || { echo "FAIL: ids show"; 
 check "ids of a directory without PRJ.IDS" 1 "$tool" ids next "$work"
 check "ids reserve 0" 2 "$tool" ids reserve 0 "$work/project"
 
+# Project archives: pack, list and unpack reproduce the tree; a damaged archive leaves nothing.
+mkdir -p "$work/proj/Film/scenes"
+check "ids create for packing" 0 "$tool" ids create "$work/proj/Film"
+head -c 50000 /dev/urandom > "$work/proj/Film/noise.bin"
+for i in $(seq 1 500); do echo "take $i of the scene"; done > "$work/proj/Film/scenes/script.txt"
+: > "$work/proj/Film/empty.txt"
+check "pack" 0 "$tool" pack "$work/proj/Film" "$work/film.zpk"
+check "pack list" 0 "$tool" pack list "$work/film.zpk"
+grep -q "^project Film: 5 entries" "$work/out" || { echo "FAIL: pack list"; cat "$work/out"; failures=$((failures + 1)); }
+mkdir -p "$work/restored"
+check "unpack" 0 "$tool" unpack "$work/film.zpk" "$work/restored"
+diff -r "$work/proj/Film" "$work/restored/Film" > /dev/null || { echo "FAIL: unpacked tree differs"; failures=$((failures + 1)); }
+check "pack into the project itself" 1 "$tool" pack "$work/proj/Film" "$work/proj/Film/scenes/x.zpk"
+[ ! -e "$work/proj/Film/scenes/x.zpk" ] || { echo "FAIL: refused pack left a file"; failures=$((failures + 1)); }
+head -c 700 "$work/film.zpk" > "$work/cut.zpk"
+check "unpack of a cut archive" 1 "$tool" unpack "$work/cut.zpk" "$work/cutout"
+[ ! -e "$work/cutout/Film" ] || { echo "FAIL: a failed unpack left a tree"; failures=$((failures + 1)); }
+check "pack list of noise" 1 "$tool" pack list "$work/noise"
+
 # Chunk archives: the sample dumps with names resolved and status 0; damage and noise give status 1
 # and a marked line, never a crash.
 check "chunks help" 0 "$tool" chunks --help

@@ -29,17 +29,22 @@ int Fail(const std::string& message);         // prints "zrtool: message", retur
 std::string SettingsFilePath(const char* name);
 
 // Progress on stderr for long work: "\rlabel: 42%" updated at most once per percent, newline at 100%.
+// With a count of items: "label: 42%  12.3 MB  15 files  4.1 MB/s  3 s left", rewritten in place on
+// a terminal, else written as a plain line at every tenth.
 class Progress {
  public:
   Progress(std::string label, unsigned long long total);
   void Update(unsigned long long done);
+  void Update(unsigned long long done, unsigned long items, const char* item_name);
   void Finish();
 
  private:
   std::string label_;
   unsigned long long total_;
   int last_percent_ = -1;
-  bool enabled_;
+  bool terminal_;
+  bool detailed_ = false;
+  double started_;
 };
 
 }  // namespace zrtool

@@ -1,5 +1,6 @@
 // zrtool: the command-line client of the library; dispatches to the registered subcommands.
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -58,11 +59,17 @@ bool StderrIsTerminal() {
 
 }  // namespace
 
+namespace {
+double Seconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+}  // namespace
+
 Progress::Progress(std::string label, unsigned long long total)
-    : label_(std::move(label)), total_(total), enabled_(StderrIsTerminal()) {}
+    : label_(std::move(label)), total_(total), terminal_(StderrIsTerminal()), started_(Seconds()) {}
 
 void Progress::Update(unsigned long long done) {
-  if (!enabled_ || total_ == 0) return;
+  if (!terminal_ || total_ == 0) return;
   const int percent = static_cast<int>(std::min<unsigned long long>(100, done * 100 / total_));
   if (percent == last_percent_) return;
   last_percent_ = percent;
@@ -70,9 +77,23 @@ void Progress::Update(unsigned long long done) {
   std::fflush(stderr);
 }
 
+void Progress::Update(unsigned long long done, unsigned long items, const char* item_name) {
+  detailed_ = true;
+  const int percent = total_ ? static_cast<int>(std::min<unsigned long long>(100, done * 100 / total_)) : 100;
+  if (percent == last_percent_ || (!terminal_ && percent / 10 == last_percent_ / 10 && percent != 100)) return;
+  last_percent_ = percent;
+  const double elapsed = std::max(Seconds() - started_, 1e-3);
+  const double rate = static_cast<double>(done) / elapsed;
+  const double left = rate > 0 && total_ > done ? static_cast<double>(total_ - done) / rate : 0;
+  std::fprintf(stderr, "%s%s: %3d%%  %.1f MB  %lu %s  %.1f MB/s  %.0f s left%s", terminal_ ? "\r" : "",
+               label_.c_str(), percent, static_cast<double>(done) / 1e6, items, item_name, rate / 1e6, left,
+               terminal_ ? "   " : "\n");
+  std::fflush(stderr);
+}
+
 void Progress::Finish() {
-  if (!enabled_) return;
-  Update(total_);
+  if (!terminal_) return;
+  if (!detailed_) Update(total_);
   std::fputc('\n', stderr);
 }
 
