@@ -100,6 +100,10 @@ inline constexpr FileHandle kInvalidFile = nullptr;
 FileHandle CreateFileW(const char16_t* path, DWORD access, DWORD share, DWORD creation,
                                  DWORD flags_attributes);
 BOOL CloseFile(FileHandle file);
+// A file without a name in `directory`, for reading and writing: when the process ends before it is
+// named, nothing of it is left. NameUnnamedFileW gives it `path`, replacing what was there.
+FileHandle CreateUnnamedFileW(const char16_t* directory);
+BOOL NameUnnamedFileW(FileHandle file, const char16_t* path);
 
 // Whole transfers: a read stops only at the end of the file, a write fails unless all bytes went out.
 BOOL ReadFile(FileHandle file, void* buffer, DWORD count, DWORD* done);

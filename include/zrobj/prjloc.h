@@ -74,8 +74,8 @@ class ZROBJ_API PrjLocator {
   static constexpr DWORD kHeaderSize = 532;
   static constexpr DWORD kRecordSize = 28;
 
-  // Packs the project into a new archive (written under a temporary name and renamed when whole),
-  // holding the project's lock throughout; 1 done, 0 failed (nothing left at the archive path).
+  // Packs the project into a new archive (written unnamed and named only when whole), holding the
+  // project's lock throughout; 1 done, 0 failed (nothing left at the archive path).
   static int PackProject(const WCHAR* archivePath, DWORD projectId);
   // Unpacks the archive into DESTINATION/NAME (NAME from the header), replacing what was there;
   // 1 done, 0 failed (no target directory left behind).

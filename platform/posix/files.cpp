@@ -405,6 +405,36 @@ FileHandle CreateFileW(const char16_t* wide_path, DWORD access, DWORD share, DWO
   return handle.release();
 }
 
+FileHandle CreateUnnamedFileW(const char16_t* wide_directory) {
+  const std::string directory = ToPath(wide_directory);
+  if (directory.empty()) return FailNull(kErrorPathNotFound);
+  auto handle = std::make_unique<PlatformFile>();
+  handle->access = kGenericRead | kGenericWrite;
+  handle->rights = kRightRead | kRightWrite;
+  handle->writable_fd = true;
+  handle->fd = ::open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0644);
+  if (handle->fd < 0) return FailNull(ErrorFromErrno(errno));
+  Succeed();
+  return handle.release();
+}
+
+BOOL NameUnnamedFileW(FileHandle file, const char16_t* wide_path) {
+  const std::string path = ToPath(wide_path);
+  if (!file || path.empty()) return Fail(kErrorInvalidParameter);
+  // Linked under a name of its own first, then renamed over whatever `path` was: the file appears
+  // whole, in one step.
+  const std::string linked = path + ".part";
+  const std::string source = "/proc/self/fd/" + std::to_string(file->fd);
+  ::unlink(linked.c_str());
+  if (::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, linked.c_str(), AT_SYMLINK_FOLLOW) != 0) return FailErrno();
+  if (::rename(linked.c_str(), path.c_str()) != 0) {
+    const BOOL failed = FailErrno();
+    ::unlink(linked.c_str());
+    return failed;
+  }
+  return Succeed();
+}
+
 BOOL CloseFile(FileHandle file) {
   if (!ValidHandle(file)) return Fail(kErrorInvalidHandle);
   const int r = ::close(file->fd);  // releases the handle's share flags and byte-range locks

@@ -1,6 +1,9 @@
 // Project pack and unpack: round trips with names, times, attributes and both stored forms; the
 // refusals with their messages; archives written by hand, tolerant and hostile.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <map>
@@ -62,6 +65,7 @@ struct Project {
     for (int i = 0; i < 2000; ++i) text += "take " + std::to_string(i % 7) + " of the scene\n";
     zrtest::WriteFile(dir + "/scenes/script.txt", text);
     zrtest::WriteFile(dir + "/empty.txt", "");
+    zrtest::WriteFile(dir + "/scenes/Sz\xc3\xa9ne \xe6\x98\xa0\xe5\x83\x8f.txt", "non-ASCII name");
     os::SetFileAttributesW(W(dir + "/scenes/script.txt").c_str(), os::kFileAttributeReadOnly | os::kFileAttributeHidden);
     os::SetPathWriteTime(W(dir + "/noise.bin").c_str(), kOldTime);
   }
@@ -82,6 +86,7 @@ TEST(PrjLocator, PackAndUnpackKeepContentsTimesAndAttributes) {
   const std::string archive = project.root.File("film.zpk");
   ASSERT_EQ(PrjLocator::PackProject(W(archive).c_str(), kProject), 1);
   EXPECT_FALSE(fs::exists(archive + ".part"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(project.root.path()), fs::directory_iterator()), 2);
 
   const std::string bytes = zrtest::ReadFile(archive);
   ASSERT_GE(bytes.size(), 532u);
@@ -96,7 +101,7 @@ TEST(PrjLocator, PackAndUnpackKeepContentsTimesAndAttributes) {
   EXPECT_EQ(name, "Film");
   std::map<std::string, Entry> by_name;
   for (const Entry& e : entries) by_name[e.name] = e;
-  ASSERT_EQ(entries.size(), 6u);  // PRJ.IDS, empty.txt, noise.bin, scenes, scenes/empty, scenes/script.txt
+  ASSERT_EQ(entries.size(), 7u);  // the non-ASCII file, PRJ.IDS, empty.txt, noise.bin, scenes, scenes/empty, scenes/script.txt
   EXPECT_EQ(by_name["scenes"].attributes & os::kFileAttributeDirectory, os::kFileAttributeDirectory);
   EXPECT_EQ(by_name["scenes/empty"].size, 0u);
   EXPECT_EQ(by_name["empty.txt"].size, 0u);
@@ -116,6 +121,39 @@ TEST(PrjLocator, PackAndUnpackKeepContentsTimesAndAttributes) {
                 (os::kFileAttributeReadOnly | os::kFileAttributeHidden),
             os::kFileAttributeReadOnly | os::kFileAttributeHidden);
   EXPECT_FALSE(fs::exists(out.File(".Film.unpacking")));
+}
+
+// A pack killed half-way leaves nothing: the archive has no name until it is whole.
+TEST(PrjLocator, AKilledPackLeavesNothing) {
+  Project project;
+  for (int i = 0; i < 40; ++i) zrtest::WriteFile(project.dir + "/media" + std::to_string(i) + ".bin", project.noise);
+  const std::string archive = project.root.File("killed.zpk");
+  int ready[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    PrjLocator::SetProgressCallback([](DWORD entries, UINT64, void* fd) {
+      if (entries == 10) {
+        const char c = 'p';
+        (void)!::write(*static_cast<int*>(fd), &c, 1);
+        for (;;) ::pause();  // half-way: wait to be killed
+      }
+    }, &ready[1]);
+    PrjLocator::PackProject(W(archive).c_str(), kProject);
+    ::_exit(0);
+  }
+  char c = 0;
+  ASSERT_EQ(::read(ready[0], &c, 1), 1);
+  ::kill(pid, SIGKILL);
+  ::waitpid(pid, nullptr, 0);
+  ::close(ready[0]);
+  ::close(ready[1]);
+  EXPECT_EQ(std::distance(fs::directory_iterator(project.root.path()), fs::directory_iterator()), 1);  // Film only
+  CProjUniID ids;  // and the project is not left locked
+  ASSERT_EQ(ids.Open(kProject), 0u);
+  EXPECT_EQ(ids.LockProject(), 0u);
+  ids.UnlockProject();
+  ids.Close();
 }
 
 TEST(PrjLocator, PackRefusalsLeaveNoArchive) {

@@ -76,6 +76,7 @@ class File {
  public:
   File(const WCHAR* path, DWORD access, DWORD share, DWORD creation)
       : handle_(os::CreateFileW(path, access, share, creation, os::kFileFlagSequentialScan)) {}
+  explicit File(os::FileHandle handle) : handle_(handle) {}
   ~File() { Close(); }
   File(const File&) = delete;
   File& operator=(const File&) = delete;
@@ -230,16 +231,19 @@ bool WriteHeader(File& archive, DWORD project_id, const std::u16string& name) {
   return archive.Write(header, sizeof header);
 }
 
-// Writes the archive under `temporary`; true when header and every entry were written whole.
-bool WriteArchive(const std::u16string& temporary, DWORD project_id, const std::u16string& directory) {
-  File archive(temporary.c_str(), os::kGenericWrite, 0, os::kCreateAlways);
+// Writes the archive as a file without a name in its directory and names it when it is whole: a
+// pack that fails, or a process killed while packing, leaves nothing at all.
+bool WriteArchive(const std::u16string& archive_path, const std::u16string& archive_directory, DWORD project_id,
+                  const std::u16string& directory) {
+  File archive(os::CreateUnnamedFileW(archive_directory.empty() ? u"." : archive_directory.c_str()));
   if (!archive.ok()) {
     Report(u"\rPrjLocator::PackProject: Unable to create archive\r\n");
     return false;
   }
   PackContext context{&archive, {}, directory.size(), {}};
   const bool ok = WriteHeader(archive, project_id, ProjectName(directory)) &&
-                  os::FU_EnumDirectory(PackPrjEnum, directory.c_str(), &context);
+                  os::FU_EnumDirectory(PackPrjEnum, directory.c_str(), &context) &&
+                  os::NameUnnamedFileW(archive.handle(), archive_path.c_str());
   if (!ok) Report(u"\rPrjLocator::PackProject: Archive creation failed\r\n");
   return ok;
 }
@@ -462,20 +466,7 @@ int PrjLocator::PackProject(const WCHAR* archivePath, DWORD projectId) {
     Report(u"\rPrjLocator::PackProject: Project can not be locked (other users have access)\r\n");
     return 0;
   }
-  // Written under a temporary name and renamed when whole: a pack that fails or is killed leaves
-  // no archive at the path.
-  const std::u16string temporary = archive + u".part";
-  if (!WriteArchive(temporary, projectId, directory)) {
-    os::DeleteFileW(temporary.c_str());
-    return 0;
-  }
-  os::DeleteFileW(archive.c_str());
-  if (!os::MoveFileW(temporary.c_str(), archive.c_str())) {
-    os::DeleteFileW(temporary.c_str());
-    Report(u"\rPrjLocator::PackProject: Archive creation failed\r\n");
-    return 0;
-  }
-  return 1;
+  return WriteArchive(archive, archive_directory, projectId, directory) ? 1 : 0;
 }
 
 int PrjLocator::UnpackProject(const WCHAR* archivePath, const WCHAR* destination) {
