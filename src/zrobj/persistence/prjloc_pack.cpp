@@ -65,10 +65,44 @@ class ReadBuffer {
   std::size_t capacity_ = 0;
 };
 
-// A compressed block, freed on every way out.
+// The blocks the compressor asks for: one spare block per thread is kept for the next entry, so
+// that a run of files does not map and fault in fresh pages for every one of them.
+struct SpareBlock {
+  void* block = nullptr;
+  std::size_t capacity = 0;
+  ~SpareBlock() { os::FU_AllocVirtual(block, 0); }
+};
+thread_local SpareBlock t_spare;
+thread_local void* t_lent = nullptr;  // the spare while it is lent out
+thread_local std::size_t t_lent_capacity = 0;
+
+void* ReusingAllocator(void* block, std::size_t size) {
+  if (block && block == t_lent) {  // given back: kept as the spare
+    t_spare = {};
+    t_spare.block = t_lent;
+    t_spare.capacity = t_lent_capacity;
+    t_lent = nullptr;
+    block = nullptr;
+  }
+  if (block) os::FU_AllocVirtual(block, 0);
+  if (size == 0) return nullptr;
+  if (t_spare.block && t_spare.capacity >= size) {
+    t_lent = t_spare.block;
+    t_lent_capacity = t_spare.capacity;
+    t_spare.block = nullptr;
+    return t_lent;
+  }
+  os::FU_AllocVirtual(t_spare.block, 0);
+  t_spare.block = nullptr;
+  t_lent = os::FU_AllocVirtual(nullptr, size);
+  t_lent_capacity = t_lent ? os::FU_VirtualSize(size) : 0;
+  return t_lent;
+}
+
+// A compressor's block, given back on every way out.
 struct ZipBlock {
   void* data = nullptr;
-  ~ZipBlock() { os::FU_AllocVirtual(data, 0); }
+  ~ZipBlock() { ReusingAllocator(data, 0); }
 };
 
 // A file handle closed on every way out.
@@ -203,7 +237,7 @@ BOOL PackPrjEnum(const WCHAR* path, const os::FileInfo& info, void* context) {
   }
   ZipBlock zipped;
   DWORD zipped_size = 0;
-  zipped.data = os::FU_ZIPMem(c.buffer.data(), e.file_size, &zipped_size, os::FU_AllocVirtual);
+  zipped.data = os::FU_ZIPMem(c.buffer.data(), e.file_size, &zipped_size, ReusingAllocator);
   const bool smaller = zipped.data && zipped_size < e.file_size;
   e.stored_size = smaller ? zipped_size : e.file_size;
   if (!WriteEntry(c, e, name, smaller ? zipped.data : c.buffer.data())) {
@@ -372,7 +406,7 @@ bool WriteFileEntry(const std::u16string& path, const EntryInfo& e, ReadBuffer& 
   bool written = true;
   if (e.stored_size != e.file_size) {
     ZipBlock expanded;
-    expanded.data = os::FU_UnZIPMem(buffer.data(), e.stored_size, e.file_size, os::FU_AllocVirtual);
+    expanded.data = os::FU_UnZIPMem(buffer.data(), e.stored_size, e.file_size, ReusingAllocator);
     written = expanded.data && out->Write(expanded.data, e.file_size);
   } else {
     written = out->Write(buffer.data(), e.stored_size);
