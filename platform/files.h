@@ -109,6 +109,9 @@ BOOL NameUnnamedFileW(FileHandle file, const char16_t* path);
 BOOL ReadFile(FileHandle file, void* buffer, DWORD count, DWORD* done);
 BOOL WriteFile(FileHandle file, const void* data, DWORD count, DWORD* done);
 BOOL SetFilePointer(FileHandle file, INT64 distance, DWORD method, UINT64* new_position);
+// Copies `count` bytes from `from`'s position to `to`'s, both advancing, without passing them
+// through user memory; FALSE when fewer could be copied (the end of `from`, a failed write).
+BOOL CopyFileData(FileHandle from, FileHandle to, UINT64 count);
 BOOL GetFileSize(FileHandle file, UINT64* size);
 BOOL SetEndOfFile(FileHandle file);   // ends the file at the handle's position
 BOOL FlushFileBuffers(FileHandle file);

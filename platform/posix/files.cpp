@@ -684,6 +684,18 @@ BOOL MoveFileW(const char16_t* wide_from, const char16_t* wide_to) {
   return ::unlink(from.c_str()) == 0 ? Succeed() : FailErrno();
 }
 
+BOOL CopyFileData(FileHandle from, FileHandle to, UINT64 count) {
+  if (!HasRight(from, kRightRead) || !HasRight(to, kRightWrite)) return false;
+  while (count > 0) {
+    const std::size_t step = static_cast<std::size_t>(std::min<UINT64>(count, 1u << 30));
+    const ssize_t n = ::copy_file_range(from->fd, nullptr, to->fd, nullptr, step, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return n == 0 ? Fail(kErrorHandleEof) : FailErrno();
+    count -= static_cast<UINT64>(n);
+  }
+  return Succeed();
+}
+
 BOOL CopyFileW(const char16_t* from, const char16_t* to, BOOL fail_if_exists) {
   if (ToPath(from).empty() || ToPath(to).empty()) return Fail(kErrorPathNotFound);
   return CopyThroughHandles(from, to, fail_if_exists != 0);

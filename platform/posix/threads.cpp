@@ -58,6 +58,7 @@ struct ThreadControl {
   Word ended{0};
   std::atomic<bool> running{false};      // past the start gate (signals reach it from now on)
   std::atomic<bool> terminate{false};
+  std::atomic<bool> stopped{false};      // ended by a termination: parked for good, it never releases itself
   std::atomic<DWORD> exit_code{STILL_ACTIVE};
   DWORD terminate_code = 0;
   std::mutex mutex;  // orders signals against the thread's end; the thread holds it only with the signal blocked
@@ -81,6 +82,7 @@ void MarkStopped(ThreadControl* c) {
   sigfillset(&all);
   pthread_sigmask(SIG_BLOCK, &all, nullptr);
   c->exit_code.store(c->terminate_code, std::memory_order_release);
+  c->stopped.store(true, std::memory_order_release);
   c->ended.store(1, std::memory_order_release);
   FutexWake(c->ended);
 }
@@ -140,8 +142,8 @@ bool PassStartGate(ThreadControl* c) {
 }
 
 // Signals the thread's handle and drops its own reference (which may free the control block).
-// The thread's end and a terminating caller may both get here: only the first releases, since the
-// handle's number may already name another object when the second comes.
+// A thread that ends by itself releases it; one stopped by a termination never runs again, so the
+// terminating caller releases it for it. The exchange makes sure it is released once.
 void ReleaseOwnHandle(ThreadControl* c) {
   const HANDLE own = c->own_handle.exchange(nullptr, std::memory_order_acq_rel);
   if (!own) return;
@@ -344,7 +346,9 @@ BOOL TerminateThread(HANDLE thread, DWORD exitCode) {
     }
     lock.unlock();
   }
-  ReleaseOwnHandle(c);
+  // A thread that reached its own end meanwhile releases its reference itself (and may still be
+  // about to): only a stopped one is released here.
+  if (c->stopped.load(std::memory_order_acquire)) ReleaseOwnHandle(c);
   return TRUE;
 }
 

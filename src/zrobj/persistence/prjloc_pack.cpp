@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/dlgsvc.h"
@@ -112,6 +113,7 @@ class File {
       : handle_(os::CreateFileW(path, access, share, creation, os::kFileFlagSequentialScan)) {}
   explicit File(os::FileHandle handle) : handle_(handle) {}
   ~File() { Close(); }
+  File(File&& other) noexcept : handle_(std::exchange(other.handle_, os::kInvalidFile)) {}
   File(const File&) = delete;
   File& operator=(const File&) = delete;
   bool ok() const { return handle_ != os::kInvalidFile; }
@@ -353,6 +355,11 @@ class ArchiveReader {
 
   // Past the entry's stored bytes, as unpacking reads them: a directory has none, whatever its
   // record says.
+  // Whether the archive still holds the entry's stored bytes.
+  bool Holds(const EntryInfo& e) { return e.stored_size <= file_.Left(); }
+  // Copies the entry's stored bytes straight into `out`.
+  bool CopyData(const EntryInfo& e, File& out) { return os::CopyFileData(file_.handle(), out.handle(), e.stored_size) != 0; }
+
   bool SkipData(const EntryInfo& e) {
     if (IsDirectory(e) || e.stored_size == 0) return true;
     return e.stored_size <= file_.Left() && file_.Skip(e.stored_size);
@@ -391,25 +398,36 @@ class ArchiveReader {
 
 // ---- unpacking ----
 
-// Writes one file entry; the messages say what failed.
-bool WriteFileEntry(const std::u16string& path, const EntryInfo& e, ReadBuffer& buffer) {
-  const DWORD share = 0;
-  std::optional<File> out(std::in_place, path.c_str(), os::kGenericWrite, share, os::kCreateAlways);
-  if (!out->ok()) {  // a file whose directory has no entry of its own (yet)
-    if (!os::FU_CreatePath(path.c_str())) return false;
-    out.emplace(path.c_str(), os::kGenericWrite, share, os::kCreateAlways);
-    if (!out->ok()) {
-      Report(u"\rPrjLocator::UnpackProject: Unable to create file %s\r\n", path.c_str());
-      return false;
-    }
+// Creates an entry's file, and its directories when the archive had no entries for them.
+std::optional<File> CreateOutput(const std::u16string& path) {
+  std::optional<File> out(std::in_place, path.c_str(), os::kGenericWrite, 0, os::kCreateAlways);
+  if (out->ok()) return out;
+  if (!os::FU_CreatePath(path.c_str())) return std::nullopt;  // silently, as stated
+  out.emplace(path.c_str(), os::kGenericWrite, 0, os::kCreateAlways);
+  if (out->ok()) return out;
+  Report(u"\rPrjLocator::UnpackProject: Unable to create file %s\r\n", path.c_str());
+  return std::nullopt;
+}
+
+// Writes one file entry: stored bytes go straight from the archive to the file, compressed ones are
+// read and expanded first. The messages say what failed.
+bool UnpackFile(ArchiveReader& reader, const std::u16string& path, const EntryInfo& e, ReadBuffer& buffer) {
+  const bool raw = e.stored_size == e.file_size;
+  bool no_memory = false;
+  if (!reader.Holds(e) || (!raw && !reader.ReadData(e, buffer, &no_memory))) {
+    Report(no_memory ? u"\rPrjLocator::UnpackProject: Insufficient memory\r\n"
+                     : u"\rPrjLocator::UnpackProject: Unable to read packed data\r\n");
+    return false;
   }
+  std::optional<File> out = CreateOutput(path);
+  if (!out) return false;
   bool written = true;
-  if (e.stored_size != e.file_size) {
+  if (raw) {
+    written = reader.CopyData(e, *out);
+  } else {
     ZipBlock expanded;
     expanded.data = os::FU_UnZIPMem(buffer.data(), e.stored_size, e.file_size, ReusingAllocator);
     written = expanded.data && out->Write(expanded.data, e.file_size);
-  } else {
-    written = out->Write(buffer.data(), e.stored_size);
   }
   if (!written) {
     Report(u"\rPrjLocator::UnpackProject: Failed to write data of %s\r\n", path.c_str());
@@ -455,13 +473,7 @@ bool UnpackEntries(ArchiveReader& reader, const std::u16string& root) {
       progress.Add(0);
       continue;
     }
-    bool no_memory = false;
-    if (!reader.ReadData(e, buffer, &no_memory)) {
-      Report(no_memory ? u"\rPrjLocator::UnpackProject: Insufficient memory\r\n"
-                       : u"\rPrjLocator::UnpackProject: Unable to read packed data\r\n");
-      return false;
-    }
-    if (!WriteFileEntry(path, e, buffer)) return false;
+    if (!UnpackFile(reader, path, e, buffer)) return false;
     progress.Add(e.file_size);
   }
   for (auto it = directories.rbegin(); it != directories.rend(); ++it) {
