@@ -136,6 +136,8 @@ class ZROBJ_API CPvList : public CPMemory {
 
  private:
   BYTE* Items() const;  // the first item (the block behind the header), or null
+  template <class Fn>
+  void ForEachItem(Fn fn) const;  // fn(item, index) for every item, front to back
   int SetCount(DWORD count);
   DWORD IndexOf(DWORD key, int bByIndex) const;  // 0xFFFFFFFF when absent
   void RemoveAt(DWORD index);

@@ -64,6 +64,13 @@ DWORD CPvList::GetNAllocItems() const {
   return size < kHeaderSize ? 0 : static_cast<DWORD>((size - kHeaderSize) / itemSize_);
 }
 
+template <class Fn>
+void CPvList::ForEachItem(Fn fn) const {
+  BYTE* item = Items();
+  const DWORD count = GetNItems();
+  for (DWORD i = 0; i < count; ++i, item += itemSize_) fn(item, i);
+}
+
 int CPvList::SetCount(DWORD count) { return SetSize(static_cast<unsigned long>(BlockBytes(count, itemSize_))); }
 
 void* CPvList::GetList() {
@@ -76,8 +83,9 @@ const void* CPvList::GetCList() const { return Items(); }
 DWORD CPvList::IndexOf(DWORD key, int bByIndex) const {
   const DWORD count = GetNItems();
   if (bByIndex) return key < count ? key : ZR_INVALID_INDEX;
-  for (DWORD i = 0; i < count; ++i)
-    if (IdentityOf(ItemAt(i)) == key) return i;
+  const BYTE* item = Items();
+  for (DWORD i = 0; i < count; ++i, item += itemSize_)
+    if (IdentityOf(item) == key) return i;
   return ZR_INVALID_INDEX;
 }
 
@@ -204,9 +212,8 @@ int CPvList::Truncate(DWORD count) {
 }
 
 DWORD CPvList::FreeListItems(DWORD flags) {
-  const DWORD count = GetNItems();
-  for (DWORD i = 0; i < count; ++i) DeleteItem(ItemAt(i), flags);
-  return count;
+  ForEachItem([&](BYTE* item, DWORD) { DeleteItem(item, flags); });
+  return GetNItems();
 }
 
 DWORD CPvList::IndexFromSearchID(CSearchID& id) const {
@@ -250,8 +257,7 @@ void CPvList::RelocateMemory(void* oldData, unsigned long oldSize, void* newData
 
 int CPvList::ClearForRelease() {
   if (rawRelocation_) return 1;  // a block being converted holds no initialised items
-  const DWORD count = GetNItems();
-  for (DWORD i = 0; i < count; ++i) ReleaseItem(ItemAt(i));
+  ForEachItem([&](BYTE* item, DWORD) { ReleaseItem(item); });
   return 1;
 }
 
@@ -266,10 +272,10 @@ void CPvList::LoadInit() {
   const DWORD count = GetNItems();
   if (count == 0) return;
   nextID_ = count;
-  for (DWORD i = 0; i < count; ++i) {
-    SetIdentity(ItemAt(i), i);
-    LoadInitItem(ItemAt(i));
-  }
+  ForEachItem([&](BYTE* item, DWORD index) {
+    SetIdentity(item, index);
+    LoadInitItem(item);
+  });
 }
 
 int CPvList::DynaSave(char* name, CZRArchive& archive) {
