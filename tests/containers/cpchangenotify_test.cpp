@@ -261,6 +261,42 @@ TEST(CPChangeNotify, ACallbackWhoseModuleWasUnloadedIsRemovedUncalled) {
   EXPECT_EQ(ItemAt(notifier, 0).pfnNotify, &Record);
 }
 
+// Works in `directory` for its lifetime.
+class ScopedWorkingDirectory {
+ public:
+  explicit ScopedWorkingDirectory(const std::string& directory) : previous_(std::filesystem::current_path()) {
+    std::filesystem::current_path(directory);
+  }
+  ~ScopedWorkingDirectory() { std::filesystem::current_path(previous_); }
+
+ private:
+  std::filesystem::path previous_;
+};
+
+// The loader keeps a relative name for a module opened by one; the module is recognised whatever
+// the working directory is when it registers and when it is notified.
+TEST(CPChangeNotify, ACallbackOfAModuleOpenedByARelativePathIsCalled) {
+  zrtest::TempDir dir;
+  std::filesystem::copy_file(ZROBJ_NOTIFY_MODULE, dir.File("notify_module_relative.so"));
+  int calls = 0;
+  void* module = nullptr;
+  CPChangeNotify notifier;
+  {
+    ScopedWorkingDirectory in_dir(dir.path());
+    module = dlopen("./notify_module_relative.so", RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(module, nullptr) << dlerror();
+    auto callback = reinterpret_cast<PFNCHANGENOTIFY>(dlsym(module, "ZrNotifyModuleCallback"));
+    ASSERT_NE(callback, nullptr);
+    ASSERT_NE(notifier.Add(callback, reinterpret_cast<std::uintptr_t>(&calls), 0), kInvalid);
+    notifier.Notify(nullptr, 1, 0);
+  }
+  notifier.Notify(nullptr, 1, 0);
+  EXPECT_EQ(calls, 2);
+  EXPECT_EQ(notifier.GetNItems(), 1u);
+  notifier.Free();
+  dlclose(module);
+}
+
 // Another file loaded after the unload usually takes the freed addresses; whether it does or not,
 // the stale registration must not call into it.
 TEST(CPChangeNotify, ARegistrationIntoAReplacedModuleIsRemovedUncalled) {

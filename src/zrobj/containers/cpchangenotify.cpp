@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "platform/dlgsvc.h"
-#include "platform/module.h"
 #include "zrobj/zrcrash.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrhash.h"
@@ -34,11 +33,12 @@ void WriteContexts(void* slot, std::uintptr_t context1, std::uintptr_t context2)
   std::memcpy(bytes + offsetof(tagNOTIFYSTRUC, dwContext2), &context2, sizeof context2);
 }
 
-// The hash of a module's file name as the system names it now; false when no module is loaded there.
-// Registration and notification both hash through here, so the two always agree.
+// The hash of the file name of the module loaded at `module` now; false when none is. The name comes
+// from the module lookup that registration used, so both hash the loader's spelling of it, which
+// (unlike a relative name made absolute) does not change with the working directory.
 bool ModuleNameHash(HMODULE module, DWORD* hash) {
   WCHAR name[ZR_MAX_PATH];
-  if (os::GetModuleFileNameW(module, name, ZR_MAX_PATH) == 0) return false;
+  if (!module || CUnhandledException::GetModuleFilenameFromAddress(module, name) != module) return false;
   *hash = GetHashIDTi(name);
   return true;
 }
@@ -67,8 +67,9 @@ DWORD CPChangeNotify::Add(PFNCHANGENOTIFY callback, std::uintptr_t context1, std
   WCHAR name[ZR_MAX_PATH];
   const HMODULE module =
       CUnhandledException::GetModuleFilenameFromAddress(reinterpret_cast<const void*>(callback), name);
+  if (!module) return ZR_INVALID_INDEX;
   tagNOTIFYSTRUC item{};
-  if (!module || !zr::ModuleNameHash(module, &item.dwModuleHash)) return ZR_INVALID_INDEX;
+  item.dwModuleHash = GetHashIDTi(name);
   item.pfnNotify = callback;
   item.dwContext1 = context1;
   item.dwContext2 = context2;
@@ -83,7 +84,7 @@ int CPChangeNotify::Delete(DWORD identity, PFNCHANGENOTIFY callback) {
   CSearchID search(identity, ZR_INVALID_INDEX);
   const DWORD index = IndexFromSearchID(search);
   if (index == ZR_INVALID_INDEX) return 0;
-  if (zr::ReadItem(GetItem(index, 1)).pfnNotify != callback) {
+  if (zr::ReadItem(GetCItem(index, 1)).pfnNotify != callback) {
     if (IsDebugOn()) zr::os::wPrintf(0, 0, u"\r>>>>>CPChangeNotify::Delete: ID does not match notify proc<<<<<\r\n");
     return 0;
   }
@@ -96,7 +97,7 @@ int CPChangeNotify::Notify(void* object, DWORD event, DWORD value) {
     COSAutoLock lock(&CS);
     const DWORD count = GetNItems();
     snapshot.reserve(count);
-    for (DWORD i = 0; i < count; ++i) snapshot.push_back(zr::ReadItem(GetItem(i, 1)));
+    for (DWORD i = 0; i < count; ++i) snapshot.push_back(zr::ReadItem(GetCItem(i, 1)));
   }
   for (tagNOTIFYSTRUC& item : snapshot) {
     const std::uintptr_t context1 = item.dwContext1;
