@@ -37,6 +37,17 @@ inline constexpr DWORD ZR_INVALID_INDEX = 0xFFFFFFFFu;  // no index or identity
 inline constexpr DWORD ZR_NO_ID = 0xFC00u;              // no 32-bit id (unnamed chunk, end of id list)
 inline constexpr std::size_t ZR_MAX_PATH = 260;          // path buffers, in characters
 
+// A globally unique identifier in the Windows layout (16 bytes; the first three fields are stored
+// little-endian in files).
+struct GUID {
+  DWORD Data1;
+  WORD Data2;
+  WORD Data3;
+  BYTE Data4[8];
+  friend constexpr bool operator==(const GUID&, const GUID&) = default;
+};
+static_assert(sizeof(GUID) == 16, "GUID layout");
+
 // System information (filled at process attach) (page size, processors, allocation granularity).
 struct SYSTEM_INFO {
   WORD wProcessorArchitecture;

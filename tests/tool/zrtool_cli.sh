@@ -124,9 +124,35 @@ check "random bytes as chunks" 1 "$tool" chunks dump "$work/noise"
 check "empty chunk file" 0 "$tool" chunks dump "$work/empty.chunks"
 check "missing chunk file" 1 "$tool" chunks dump "$work/does-not-exist"
 
+# GUIDs: both forms convert into each other, fresh ones round-trip, bad text is refused with 1.
+check "guid help" 0 "$tool" guid --help
+check "guid without argument" 2 "$tool" guid
+check "guid with two arguments" 2 "$tool" guid --new extra
+check "guid with unknown option" 2 "$tool" guid --old
+check "guid braced to library" 0 "$tool" guid "{35D48101-67BE-11CF-90C2-0000E8CE8246}"
+[ "$(cat "$work/out")" = "35d48101-67be-11cf-90-c2-00-00-e8-ce-82-46" ] || { echo "FAIL: guid braced form not converted"; failures=$((failures + 1)); }
+check "guid library to braced" 0 "$tool" guid 35d48101-67be-11cf-90-c2-00-00-e8-ce-82-46
+[ "$(cat "$work/out")" = "{35D48101-67BE-11CF-90C2-0000E8CE8246}" ] || { echo "FAIL: guid library form not converted"; failures=$((failures + 1)); }
+check "guid unpadded library form" 0 "$tool" guid 1-2-3-4-5-6-7-8-9-a-b
+[ "$(cat "$work/out")" = "{00000001-0002-0003-0405-060708090A0B}" ] || { echo "FAIL: guid unpadded fields"; failures=$((failures + 1)); }
+for bad in "35d48101-67be-11cf-90-c2-00-00-e8-ce-82" "35D48101-67BE-11CF-90C2-0000E8CE8246" \
+           "{35D48101-67BE-11CF-90C2-0000E8CE824}" "{35D48101-67BE-11CF-90C2-0000E8CE824G}" "night" ""; do
+  check "guid refuses '$bad'" 1 "$tool" guid "$bad"
+  grep -q "^zrtool: not a GUID" "$work/err" || { echo "FAIL: guid '$bad' gives no clear error"; failures=$((failures + 1)); }
+done
+check "guid new" 0 "$tool" guid --new
+read -r made_lib made_braced < "$work/out"
+echo "$made_braced" | grep -q '^{[0-9A-F]\{8\}-[0-9A-F]\{4\}-4[0-9A-F]\{3\}-[89AB][0-9A-F]\{3\}-[0-9A-F]\{12\}}$' \
+  || { echo "FAIL: guid --new is not a version 4 GUID: $made_braced"; failures=$((failures + 1)); }
+[ "$("$tool" guid "$made_braced")" = "$made_lib" ] || { echo "FAIL: guid --new forms disagree"; failures=$((failures + 1)); }
+[ "$("$tool" guid "$made_lib")" = "$made_braced" ] || { echo "FAIL: guid --new does not round-trip"; failures=$((failures + 1)); }
+"$tool" guid --new > "$work/second"
+read -r second_lib _ < "$work/second"
+[ "$second_lib" != "$made_lib" ] || { echo "FAIL: guid --new repeats itself"; failures=$((failures + 1)); }
+
 # Ordinary commands write nothing to standard error; -v brings the library's own lines back, down to
 # the thread register's farewell at unload.
-for args in "hash night" "crc1615 $work/runs" "chunks dump $work/demo.chunks"; do
+for args in "hash night" "crc1615 $work/runs" "chunks dump $work/demo.chunks" "guid 1-2-3-4-5-6-7-8-9-a-b"; do
   # shellcheck disable=SC2086
   check "quiet $args" 0 "$tool" $args
   [ ! -s "$work/err" ] || { echo "FAIL: zrtool $args wrote to standard error:"; cat "$work/err"; failures=$((failures + 1)); }
