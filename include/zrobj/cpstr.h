@@ -68,10 +68,10 @@ class ZROBJ_API CPStrT : public CPMemory {
   // gets one behind it, and the data size becomes (length + 1) x 2 bytes.
   void CheckMemory();
 
-  // Fresh strings: this text followed by the operand's. The allocation is measured as each
-  // operand's stated length: GetLen for strings, the UTF-16 length of narrow text, and for wide
-  // text the UTF-16 length in CPWStr but the UTF-8 byte count in CPTStr (so a CPTStr result may
-  // be allocated larger than its text).
+  // Fresh strings: this text followed by the operand's, allocated for the two lengths and a
+  // terminator. An operand's length is GetLen for strings, the UTF-16 length of narrow text, and
+  // for wide text the UTF-16 length in CPWStr but the UTF-8 byte count in CPTStr (so a CPTStr
+  // result may be allocated larger than its text).
   Str operator+(const Str& other) const;
   Str operator+(const Other& other) const;
   Str operator+(const char* text) const;

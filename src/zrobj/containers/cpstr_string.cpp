@@ -21,10 +21,9 @@ constexpr unsigned long kUnit = sizeof(WCHAR);
 constexpr unsigned long long kMaxUnits = (0xFFFFFFFFull - 64) / kUnit;
 constexpr const char* kSourceFile = "src/zrobj/cpstr";
 
-// Forms of CPTStr's chunk (its first byte).
-constexpr BYTE kFormNarrow = 0;  // and 1: narrow text
-constexpr BYTE kFormNarrowToo = 1;
-constexpr BYTE kFormWide = 2;    // UTF-16 units
+// Forms of CPTStr's chunk (its first byte): 0 and 1 narrow text, 2 UTF-16 units.
+constexpr BYTE kFormWide = 2;
+bool IsNarrowForm(BYTE form) { return form < kFormWide; }
 
 // Units before the first 0 unit among the first `limit`.
 unsigned long ScanLen(const WCHAR* text, unsigned long limit) {
@@ -196,7 +195,8 @@ int LoadWideForm(CPTStr& text, const char* payload, unsigned long bytes) {
   return 1;
 }
 
-// Kept as it stands: UTF-16 text whose narrow form becomes the block's bytes.
+// Any other form: the payload is UTF-16 text, and its narrow form becomes the block's bytes (read
+// as units, two narrow bytes make one).
 int LoadOtherForm(CPTStr& text, const WCHAR* wide) {
   const UINT bytes = DF_ANSIBufferSize(wide);
   if (bytes == 0) return 1;
@@ -219,12 +219,9 @@ int LoadTagged(CPTStr& text, CZRArchive& archive, unsigned long size) {
   const unsigned long payload = size - 1;
   std::memmove(bytes, bytes + 1, payload);
   std::memset(bytes + payload, 0, 3);
-  switch (form) {
-    case kFormNarrow:
-    case kFormNarrowToo: return LoadNarrowForm(text, bytes);
-    case kFormWide: return LoadWideForm(text, bytes, payload);
-    default: return LoadOtherForm(text, reinterpret_cast<const WCHAR*>(bytes));
-  }
+  if (IsNarrowForm(form)) return LoadNarrowForm(text, bytes);
+  if (form == kFormWide) return LoadWideForm(text, bytes, payload);
+  return LoadOtherForm(text, reinterpret_cast<const WCHAR*>(bytes));
 }
 
 int SaveTagged(CPTStr& text, CZRArchive& archive) {
