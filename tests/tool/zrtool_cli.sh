@@ -150,9 +150,36 @@ echo "$made_braced" | grep -q '^{[0-9A-F]\{8\}-[0-9A-F]\{4\}-4[0-9A-F]\{3\}-[89A
 read -r second_lib _ < "$work/second"
 [ "$second_lib" != "$made_lib" ] || { echo "FAIL: guid --new repeats itself"; failures=$((failures + 1)); }
 
+# uenc/udec: escaping round trips; text the narrow encoder must not see is refused before it gets
+# there (the encoder would never return, so the refusal runs under a time limit).
+check "uenc help" 0 "$tool" uenc --help
+check "udec help" 0 "$tool" udec --help
+check "uenc without text" 2 "$tool" uenc
+check "udec with two texts" 2 "$tool" udec a b
+check "uenc unknown option" 2 "$tool" uenc --narrow a
+check "uenc narrow" 0 "$tool" uenc 'a^b ~'
+[ "$(cat "$work/out")" = 'a^^b ~' ] || { echo "FAIL: uenc narrow gave '$(cat "$work/out")'"; failures=$((failures + 1)); }
+check "uenc wide" 0 "$tool" uenc --wide $'a^b\n'
+[ "$(cat "$work/out")" = 'a^^b^000A' ] || { echo "FAIL: uenc --wide gave '$(cat "$work/out")'"; failures=$((failures + 1)); }
+for text in 'plain' 'a^b^^c^' $'tab\there\nline' 'café ÿ € 😀 日本' '^0041 ^zz' '-- --wide'; do
+  encoded=$("$tool" uenc --wide -- "$text")
+  printf '%s' "$encoded" | LC_ALL=C grep -q '[^ -~]' && { echo "FAIL: uenc --wide '$text' is not printable ASCII"; failures=$((failures + 1)); }
+  decoded=$("$tool" udec -- "$encoded")
+  [ "$decoded" = "$text" ] || { echo "FAIL: udec(uenc --wide '$text') gave '$decoded'"; failures=$((failures + 1)); }
+done
+printable=$(printf '%s' ' !"#$%&'"'"'()*+,-./0123456789:;<=>?@ABCDEFGHIJKLMNOPQRSTUVWXYZ[\]^_`abcdefghijklmnopqrstuvwxyz{|}~')
+[ "$("$tool" udec -- "$("$tool" uenc -- "$printable")")" = "$printable" ] || { echo "FAIL: narrow round trip of printable ASCII"; failures=$((failures + 1)); }
+check "udec units" 0 "$tool" udec --units '^D83D^DE00^zzzz^^'
+[ "$(cat "$work/out")" = 'D83D DE00 005F 005E' ] || { echo "FAIL: udec --units gave '$(cat "$work/out")'"; failures=$((failures + 1)); }
+check "uenc refuses UTF-8 text" 1 timeout 20 "$tool" uenc $'caf\xc3\xa9'
+grep -q "byte 0xC3 at offset 3 is outside 32..127" "$work/err" || { echo "FAIL: uenc refusal does not name the byte"; failures=$((failures + 1)); }
+[ ! -s "$work/out" ] || { echo "FAIL: refused uenc printed output"; failures=$((failures + 1)); }
+check "uenc refuses control bytes" 1 timeout 20 "$tool" uenc $'a\tb'
+check "uenc refuses bytes above 127" 1 timeout 20 "$tool" uenc $'\x80'
+
 # Ordinary commands write nothing to standard error; -v brings the library's own lines back, down to
 # the thread register's farewell at unload.
-for args in "hash night" "crc1615 $work/runs" "chunks dump $work/demo.chunks" "guid 1-2-3-4-5-6-7-8-9-a-b"; do
+for args in "hash night" "uenc night" "crc1615 $work/runs" "chunks dump $work/demo.chunks" "guid 1-2-3-4-5-6-7-8-9-a-b"; do
   # shellcheck disable=SC2086
   check "quiet $args" 0 "$tool" $args
   [ ! -s "$work/err" ] || { echo "FAIL: zrtool $args wrote to standard error:"; cat "$work/err"; failures=$((failures + 1)); }

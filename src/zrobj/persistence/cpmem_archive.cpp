@@ -4,6 +4,7 @@
 #include "zrobj/cpmem.h"
 #include "zrobj/cpmemfile.h"
 #include "zrobj/czrfile.h"
+#include "persistence/cpmem_archive_internal.h"
 
 int CPMemory::DynaSave(char* name, CZRArchive& archive) {
   const unsigned int level = archive.Chnk_Open(name, CHNK_ACCESS_WRITE);
@@ -14,15 +15,11 @@ int CPMemory::DynaSave(char* name, CZRArchive& archive) {
   return written == size ? 1 : 0;
 }
 
-namespace {
-// A size that the library's own archives cannot deliver is damage: refused before anything is
-// allocated (a hostile header could otherwise ask for 4 GiB). Other archives are trusted.
-bool ArchiveCanDeliver(CZRArchive& archive, unsigned long size) {
+bool zr::ArchiveCanDeliver(CZRArchive& archive, unsigned long size) {
   if (auto* file = dynamic_cast<CChunkArchiveT<CZRFile>*>(&archive)) return size <= file->GetBytesLeft();
   if (auto* memory = dynamic_cast<CChunkArchiveT<CPMemoryFile>*>(&archive)) return size <= memory->GetBytesLeft();
   return true;
 }
-}  // namespace
 
 // Opens the entry and loads it whole into this handle (in place when the block is not shared);
 // the entry's size, or -1 when it could not be loaded.
@@ -30,7 +27,7 @@ long long CPMemory::LoadEntry(char* name, CZRArchive& archive) {
   const unsigned int level = archive.Chnk_Open(name, CHNK_ACCESS_READ);
   if (level == CHNK_INVALID) return -1;
   const unsigned long size = archive.Chnk_GetSize(level);
-  bool loaded = size == 0 ? Free() != 0 : ArchiveCanDeliver(archive, size) && LoadRealloc(size) && GetSize() == size;
+  bool loaded = size == 0 ? Free() != 0 : zr::ArchiveCanDeliver(archive, size) && LoadRealloc(size) && GetSize() == size;
   if (loaded && size != 0) loaded = archive.Chnk_Read(GetDataPtr(), size) == size;
   archive.Chnk_Close(level);
   return loaded ? static_cast<long long>(size) : -1;
