@@ -268,13 +268,20 @@ UINT64 FileTimeFrom(const struct timespec& ts) {
   return units < 0 ? 0 : static_cast<UINT64>(units);
 }
 
+// Any 64-bit file time converts (the difference to the Unix epoch is taken unsigned: a hostile
+// archive may carry any value).
 struct timespec TimespecFrom(UINT64 file_time) {
-  const INT64 units = static_cast<INT64>(file_time) - static_cast<INT64>(kUnixEpochAsFileTime);
-  INT64 seconds = units / 10000000;
-  INT64 rest = units % 10000000;
-  if (rest < 0) {
-    rest += 10000000;
-    --seconds;
+  const UINT64 epoch = kUnixEpochAsFileTime;
+  const bool after = file_time >= epoch;
+  const UINT64 units = after ? file_time - epoch : epoch - file_time;
+  INT64 seconds = static_cast<INT64>(units / 10000000);
+  INT64 rest = static_cast<INT64>(units % 10000000);
+  if (!after) {
+    seconds = -seconds;
+    if (rest != 0) {
+      rest = 10000000 - rest;
+      --seconds;
+    }
   }
   struct timespec ts {};
   ts.tv_sec = static_cast<time_t>(seconds);

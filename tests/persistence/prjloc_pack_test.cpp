@@ -195,13 +195,14 @@ std::string Header(const std::string& name, DWORD size = 532) {
   return h + std::string(size > 532 ? size - 532 : 0, 'x');
 }
 
-std::string Record(const std::string& name, DWORD attributes, DWORD stored, DWORD size, DWORD record = 28) {
+std::string Record(const std::string& name, DWORD attributes, DWORD stored, DWORD size, DWORD record = 28,
+                   UINT64 when = kOldTime) {
   std::string wide;
   for (char c : name) wide += std::string{c, '\0'};
   wide += std::string(2, '\0');
   std::string r = LE32(record) + LE32(static_cast<DWORD>(wide.size())) + LE32(attributes);
   std::string time(8, '\0');
-  zr::StoreLE64(time.data(), kOldTime);
+  zr::StoreLE64(time.data(), when);
   r += time + LE32(stored) + LE32(size);
   r.resize(record < 4 ? 4 : record, '\0');
   return r + wide;
@@ -231,6 +232,12 @@ TEST(PrjLocator, TolerantReaderOfHeadersAndRecords) {
   EXPECT_TRUE(fs::is_directory(dir.File("out/Doc/b")));
   EXPECT_TRUE(fs::exists(dir.File("out/Doc/empty")));
   EXPECT_EQ(fs::file_size(dir.File("out/Doc/empty")), 0u);
+
+  // Any time converts, also the extremes a damaged archive may carry.
+  const std::string extremes = Header("Doc") + Record("late", 0x80, 1, 1, 28, ~UINT64{0}) + "x" +
+                               Record("early", 0x80, 1, 1, 28, 0) + "y" +
+                               Record("wrapped", 0x80, 1, 1, 28, UINT64{1} << 63) + "z";
+  EXPECT_EQ(Unpack(dir, extremes).result, 1);
 
   // A directory's record that claims stored bytes has none: the next record follows its name, for
   // the list as for the unpack.
