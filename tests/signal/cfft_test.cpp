@@ -274,21 +274,30 @@ TYPED_TEST(FftTest, UnpackSplitsTwoRealSpectra) {
 }
 
 TYPED_TEST(FftTest, UnpackCountOneWritesOnlyBinZero) {
-  OneD<TypeParam> fft;
-  ASSERT_EQ(fft.Open(4), 1);
-  Load(fft.ARe(), fft.AIm(), Signal{Cx(1, 2), Cx(3, 4), Cx(5, 6), Cx(7, 8)});
-  fft.FFT(1, 1);
-  TypeParam re[4] = {9, 9, 9, 9}, im[4] = {9, 9, 9, 9};
-  EXPECT_EQ(fft.UnpackRe(re, im, 0), 0);
-  EXPECT_EQ(re[0], 9);
-  // The quarter-shifted table's cos(pi/2) is not exactly 0 in either precision.
-  EXPECT_EQ(fft.UnpackRe(re, im, 1), 1);
-  EXPECT_NEAR(re[0], 16, 1e-5);
-  EXPECT_EQ(im[0], 0);
-  EXPECT_EQ(fft.UnpackIm(re, im, 1), 1);
-  EXPECT_NEAR(re[0], 20, 1e-5);
-  EXPECT_EQ(im[0], 0);
-  for (int k = 1; k < 4; ++k) EXPECT_TRUE(re[k] == 9 && im[k] == 9) << k;
+  for (unsigned n : {2u, 4u}) {
+    SCOPED_TRACE(n);
+    OneD<TypeParam> fft;
+    ASSERT_EQ(fft.Open(n), 1);
+    Signal x(n);
+    long double sum_re = 0, sum_im = 0;
+    for (unsigned i = 0; i < n; ++i) {
+      x[i] = Cx(2 * i + 1, 2 * i + 2);
+      sum_re += x[i].real(), sum_im += x[i].imag();
+    }
+    Load(fft.ARe(), fft.AIm(), x);
+    fft.FFT(1, 1);
+    TypeParam re[4] = {9, 9, 9, 9}, im[4] = {9, 9, 9, 9};
+    EXPECT_EQ(fft.UnpackRe(re, im, 0), 0);
+    EXPECT_EQ(re[0], 9);
+    // The quarter-shifted table's cos(pi/2) is not exactly 0 in either precision.
+    EXPECT_EQ(fft.UnpackRe(re, im, 1), 1);
+    EXPECT_NEAR(re[0], static_cast<double>(sum_re), 1e-5);
+    EXPECT_EQ(im[0], 0);
+    EXPECT_EQ(fft.UnpackIm(re, im, 1), 1);
+    EXPECT_NEAR(re[0], static_cast<double>(sum_im), 1e-5);
+    EXPECT_EQ(im[0], 0);
+    for (int k = 1; k < 4; ++k) EXPECT_TRUE(re[k] == 9 && im[k] == 9) << k;
+  }
 }
 
 TYPED_TEST(FftTest, CorrelateMatchesDirectSum) {
@@ -307,10 +316,10 @@ TYPED_TEST(FftTest, CorrelateMatchesDirectSum) {
 
 TYPED_TEST(FftTest, CorrelationPeaksAtTheShift) {
   std::mt19937 rng(17);
-  const unsigned n = 256;
-  const Signal b = Random(rng, n, true);
-  for (unsigned shift : {0u, 1u, 37u, 255u}) {
-    SCOPED_TRACE(shift);
+  const unsigned shifts[][2] = {{2, 0}, {2, 1}, {256, 0}, {256, 1}, {256, 37}, {256, 255}};
+  for (const auto& [n, shift] : shifts) {
+    SCOPED_TRACE(testing::Message() << n << " shifted by " << shift);
+    const Signal b = Random(rng, n, true);
     Signal a(n);
     for (unsigned j = 0; j < n; ++j) a[j] = b[(j + n - shift) % n];
     OneD<TypeParam> fft;

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 #include "platform/fileutil.h"
 
@@ -73,9 +74,8 @@ void Permute(const Index* table, UINT count, T* re, T* im) {
   for (UINT i = 1; i < count; ++i) {
     const UINT j = table[i];
     if (i >= j) continue;
-    const T r = re[i], m = im[i];
-    re[i] = re[j], im[i] = im[j];
-    re[j] = r, im[j] = m;
+    std::swap(re[i], re[j]);
+    std::swap(im[i], im[j]);
   }
 }
 
@@ -200,7 +200,10 @@ BOOL Engine<T>::FFT(int sign, BOOL reorder) {
   }
   if (sign == -1) {
     const T scale = static_cast<T>(Count());
-    for (UINT i = 0; i < Count(); ++i) re_[i] /= scale, im_[i] /= scale;
+    for (UINT i = 0; i < Count(); ++i) {
+      re_[i] /= scale;
+      im_[i] /= scale;
+    }
   }
   return 1;
 }
