@@ -165,7 +165,8 @@ int CPWavMemory::SaveToFile(const WCHAR* path) {
   std::memcpy(data, "data", 4);
   zr::StoreLE32(data + 4, wave);
   BYTE samples[kSavedSampleBytes] = {};
-  std::memcpy(samples, reinterpret_cast<const BYTE*>(header) + kHeaderSize, wave < sizeof samples ? wave : sizeof samples);
+  const DWORD staged = wave < sizeof samples ? wave : static_cast<DWORD>(sizeof samples);
+  std::memcpy(samples, reinterpret_cast<const BYTE*>(header) + kHeaderSize, staged);
 
   DWORD riff_done = 0;
   DWORD fmt_done = 0;
