@@ -48,6 +48,11 @@ class ZROBJ_API CPWavMemory : public CPMemory {
  public:
   static constexpr DWORD kHeaderSize = sizeof(tagZRWAVFORMAT);
 
+  CPWavMemory() = default;
+  // Sharing and releasing happen here, where the handle's class id is already (still) its own.
+  CPWavMemory(const CPWavMemory& other) : CPMemory() { CPMemory::operator=(other); }
+  CPWavMemory& operator=(const CPWavMemory& other) = default;
+  ~CPWavMemory() override { Free(); }
   const char* GetClassID() const override { return "CPWavMemory"; }
 
   // Block bytes for a format: block align x samples x streams + the header (0 when it does not fit

@@ -148,6 +148,21 @@ TEST(CPWavMemory, AllocRefusesBadFormats) {
   EXPECT_EQ(wav.GetNSamples(), 4u);
 }
 
+TEST(CPWavMemory, CopiesShareAndReleaseTheBlock) {
+  CPWavMemory wav;
+  ASSERT_EQ(wav.Alloc(10, 8000, 16, 1, 1), 1);
+  {
+    CPWavMemory copy(wav);
+    EXPECT_EQ(copy.GetHeader(), wav.GetHeader());
+    EXPECT_EQ(wav.GetRefCnt(), 2);
+    CPWavMemory assigned;
+    assigned = wav;
+    EXPECT_EQ(assigned.GetHeader(), wav.GetHeader());
+    EXPECT_EQ(wav.GetRefCnt(), 3);
+  }
+  EXPECT_EQ(wav.GetRefCnt(), 1);  // each copy let go of its reference on destruction
+}
+
 TEST(CPWavMemory, ConstructBuildsAnEmptyHandle) {
   alignas(CPWavMemory) unsigned char place[sizeof(CPWavMemory)];
   std::memset(place, 0xCD, sizeof place);
