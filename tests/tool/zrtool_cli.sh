@@ -190,5 +190,19 @@ grep -q '^zrobj\[0:0\] COSThreadRegister::AppExit: [0-9A-F]\{8\} <<Main>>$' "$wo
 check "verbose long form" 0 "$tool" --verbose hash night
 grep -q 'COSThreadRegister::AppExit' "$work/err" || { echo "FAIL: --verbose does not show diagnostics"; failures=$((failures + 1)); }
 
+# wav info: a 16-bit stereo file of 4 frames at 8000 Hz, the same with a chunk before "data", a cut one.
+printf 'RIFF\x34\x00\x00\x00WAVEfmt \x12\x00\x00\x00\x01\x00\x02\x00\x40\x1f\x00\x00\x00\x7d\x00\x00\x04\x00\x10\x00\x00\x00data\x10\x00\x00\x00ABCDEFGHIJKLMNOP' > "$work/ok.wav"
+check "wav info" 0 "$tool" wav info "$work/ok.wav"
+grep -q '^samples: *4 per channel$' "$work/out" || { echo "FAIL: wav info sample count"; failures=$((failures + 1)); }
+grep -q '^format: *PCM, 2 channels, 8000 Hz, 16 bits$' "$work/out" || { echo "FAIL: wav info format"; failures=$((failures + 1)); }
+grep -q '^duration: *0.000500 s$' "$work/out" || { echo "FAIL: wav info duration"; failures=$((failures + 1)); }
+printf 'RIFF\x34\x00\x00\x00WAVEfmt \x12\x00\x00\x00\x01\x00\x02\x00\x40\x1f\x00\x00\x00\x7d\x00\x00\x04\x00\x10\x00\x00\x00LIST\x00\x00\x00\x00data\x10\x00\x00\x00ABCDEFGHIJKLMNOP' > "$work/list.wav"
+check "wav info with LIST before data" 1 "$tool" wav info "$work/list.wav"
+head -c 50 "$work/ok.wav" > "$work/cut.wav"
+check "wav info of a cut file" 1 "$tool" wav info "$work/cut.wav"
+check "wav info of a missing file" 1 "$tool" wav info "$work/none.wav"
+check "wav without mode" 2 "$tool" wav
+check "wav spectrum (not offered)" 2 "$tool" wav spectrum "$work/ok.wav"
+
 if [ "$failures" -ne 0 ]; then echo "$failures zrtool check(s) failed"; exit 1; fi
 echo "zrtool checks passed"
