@@ -38,7 +38,7 @@ enum class FormatKind : std::uint8_t {
   kChar,       // c C
   kCount,      // n: takes a pointer and writes nothing
   kUnknown,    // any other character: printed as written, no argument
-  kTruncated,  // the format ends inside the specification: printed as written
+  kTruncated,  // the format ends inside the conversion: printed as written
 };
 
 struct FormatSpec {
@@ -60,7 +60,7 @@ struct FormatSpec {
 // Widths and precisions are capped, so an absurd one never makes the output huge.
 inline constexpr int kMaxFormatWidth = 100000;
 
-// Parses the specification at the start of `text`, which starts with '%'.
+// Parses the conversion at the start of `text`, which starts with '%'.
 FormatSpec ParseFormatSpec(std::string_view text);
 FormatSpec ParseFormatSpec(std::u16string_view text);
 

@@ -147,8 +147,9 @@ class ZROBJ_API CZRFile {
   bool IsReadable() const { return (access_ & 0x80000000u) != 0; }
   bool SeekTo(long long target);
   DWORD WriteDirect(const void* data, DWORD count);
-  static UINT64 LockLength(DWORD offset, DWORD length);
-  bool HasBytesToLock(DWORD length);
+  bool ResolveLockLength(DWORD* length);
+  void RememberWholeLock(DWORD offset, DWORD requested, DWORD locked);
+  DWORD WholeUnlockLength(DWORD offset);
   void RemoveView();
   void* MapOpenFile(bool writable, DWORD offset, DWORD size, DWORD mapFlags);
   template <class Fn>
@@ -174,5 +175,7 @@ class ZROBJ_API CZRFile {
   DWORD cache_offset_;         // file offset of the cache's first byte
   DWORD cache_fill_;
   DWORD lock_count_;           // counted byte-range locks not yet unlocked
+  DWORD whole_lock_offset_;    // the last lock of the whole file: its offset and the length it took
+  DWORD whole_lock_length_;    // (0: none), so that its unlock names the same range
   CriticalSection section_;
 };

@@ -80,6 +80,8 @@ void CZRFile::Reset() {
   cache_offset_ = 0;
   cache_fill_ = 0;
   lock_count_ = 0;
+  whole_lock_offset_ = 0;
+  whole_lock_length_ = 0;
 }
 
 bool CZRFile::IsOpen() const { return file_ != nullptr; }
@@ -271,39 +273,55 @@ int CZRFile::SetEOF(DWORD position) {
 
 // --- Byte-range locks ----------------------------------------------------------------------------------
 
-// A length of 0 is the whole file: from the offset to the end of the 32-bit range, so that it covers
-// the file as it grows and a lock and its unlock name the same range whatever was written between.
-UINT64 CZRFile::LockLength(DWORD offset, DWORD length) {
-  return length != 0 ? length : kMaxFileSize + 1 - offset;
-}
-
-// Locking the whole of an empty file (cached bytes count) is refused with a report.
-bool CZRFile::HasBytesToLock(DWORD length) {
-  if (length != 0) return true;
+// A length of 0 is the whole file as the system has it now; locking 0 bytes of an empty file is
+// refused with a report.
+bool CZRFile::ResolveLockLength(DWORD* length) {
+  if (*length != 0) return true;
   UINT64 size = 0;
   os::GetFileSize(AsFile(file_), &size);
-  if (size != 0 || size_ != 0) return true;
+  *length = static_cast<DWORD>(std::min(size, kMaxFileSize));
+  if (*length != 0) return true;
   os::wPrintf(3, 3, u"\rCZRFile %s: Attempt to lock 0 bytes\r\n", name_);
   return false;
 }
 
+// A lock of the whole file is remembered with the length it took, so that the unlock of the whole
+// file names that same range however the file grew in between.
+void CZRFile::RememberWholeLock(DWORD offset, DWORD requested, DWORD locked) {
+  if (requested != 0) return;
+  whole_lock_offset_ = offset;
+  whole_lock_length_ = locked;
+}
+
+// The length an unlock of the whole file at `offset` names: what the lock took, else the cached size.
+DWORD CZRFile::WholeUnlockLength(DWORD offset) {
+  if (whole_lock_length_ == 0 || whole_lock_offset_ != offset) return size_;
+  const DWORD length = whole_lock_length_;
+  whole_lock_length_ = 0;
+  return length;
+}
+
 int CZRFile::WaitFileLock(DWORD offset, DWORD length, DWORD timeout) {
-  if (!IsOpen() || !HasBytesToLock(length)) return 0;
+  const DWORD requested = length;
+  if (!IsOpen() || !ResolveLockLength(&length)) return 0;
   const DWORD start = os::GetTickCount();
-  while (!os::LockFile(AsFile(file_), offset, LockLength(offset, length))) {
+  while (!os::LockFile(AsFile(file_), offset, length)) {
     // Only a lock held by someone else is worth waiting for.
     if (os::GetLastError() != os::kErrorLockViolation) return 0;
     if (timeout != kInfinite && os::GetTickCount() - start >= timeout) return 0;
     os::Sleep(1);
   }
+  RememberWholeLock(offset, requested, length);
   if (timeout == kInfinite) return 1;  // such locks are deliberately not counted
   ++lock_count_;
   return 1;
 }
 
 int CZRFile::FileLock(DWORD offset, DWORD length) {
-  if (!IsOpen() || !HasBytesToLock(length)) return 0;
-  if (!os::LockFile(AsFile(file_), offset, LockLength(offset, length))) return 0;
+  const DWORD requested = length;
+  if (!IsOpen() || !ResolveLockLength(&length)) return 0;
+  if (!os::LockFile(AsFile(file_), offset, length)) return 0;
+  RememberWholeLock(offset, requested, length);
   ++lock_count_;
   return 1;
 }
@@ -315,7 +333,8 @@ int CZRFile::FileUnlock(DWORD offset, DWORD length) {
     return 0;
   }
   if (!IsOpen()) return 0;
-  if (!os::UnlockFile(AsFile(file_), offset, LockLength(offset, length))) return 0;
+  if (length == 0) length = WholeUnlockLength(offset);
+  if (!os::UnlockFile(AsFile(file_), offset, length)) return 0;
   --lock_count_;
   return 1;
 }
