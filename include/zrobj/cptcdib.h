@@ -163,7 +163,7 @@ class ZROBJ_API CPTCDib : public CPMemory {
                        unsigned long flags = 0);
   // ".bsi" (any case): the 160-byte extended info header and the pixels; otherwise a standard bitmap
   // file with a 40-byte info header. 1 or 0 (a failed save deletes its file).
-  int SaveToFile(const WCHAR* path);
+  int SaveToFile(const WCHAR* path) const;
 
   // ---- views ----
   tagDIBINFO* GetDIBInfo() { return static_cast<tagDIBINFO*>(GetDataPtr()); }
