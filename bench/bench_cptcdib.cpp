@@ -1,6 +1,6 @@
 // CPTCDib scalers on a video frame: 1920x1080 -> 720x576, 32 bits. The bilinear scaler against the
 // bilinear resizers of stb_image_resize and swscale (when present); the nearest-sample scaler against
-// a memcpy of the same target bytes. Items are source pixels (Mpx/s of source), bytes target bytes.
+// a memcpy of the same target bytes and of the source rows it must read. Items are source pixels (Mpx/s of source), bytes target bytes.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -75,6 +75,24 @@ void BM_Memcpy_TargetBytes(benchmark::State& state) {
   Count(state);
 }
 BENCHMARK(BM_Memcpy_TargetBytes)->Unit(benchmark::kMillisecond);
+
+// What the nearest-sample scaler cannot avoid: its 576 target rows read 576 whole source rows (every
+// cache line of them), 4.4 MB. Copying those rows once is the bandwidth floor of the source side.
+void BM_Memcpy_SampledSourceRows(benchmark::State& state) {
+  const CPTCDib& src = Source();
+  const std::size_t row = kSrcW * 4;
+  std::vector<BYTE> to(row * kDstH);
+  for (auto _ : state) {
+    for (long y = 0; y < kDstH; ++y) {
+      const long from = y * (kSrcH - 1) / (kDstH - 1);
+      std::memcpy(to.data() + y * row, src.GetBits() + from * row, row);
+    }
+    benchmark::DoNotOptimize(to.data());
+    benchmark::ClobberMemory();
+  }
+  Count(state);
+}
+BENCHMARK(BM_Memcpy_SampledSourceRows)->Unit(benchmark::kMillisecond);
 
 #ifdef ZROBJ_BENCH_HAVE_STB
 void BM_Stb_Triangle(benchmark::State& state) {
