@@ -81,10 +81,12 @@ bool Prepare(CPTCDib& image, CPTCDib& keep, const BITMAPINFOHEADER* src, const v
   return true;
 }
 
-// Nearest-sample table: n offsets for a source extent s, advancing by (s-1)/(n-1) steps, plus one
-// step whenever the running remainder exceeds (n-1)/2.
-void FillFastTable(std::uint32_t* table, long n, long s, std::uint32_t step) {
-  table[0] = 0;
+// Walks the n target positions over a source extent s: the offset advances by (s-1)/(n-1) steps and
+// by one more whenever the running remainder (adding (s-1) mod (n-1) each time) passes the carry
+// limit, the remainder then dropping by n-1. `emit(k, offset, remainder, n-1)` receives each position
+// from k = 1; position 0 is offset 0. Exact integers: position n-1 lands on source index s-1.
+template <class Emit>
+void WalkPositions(long n, long s, std::uint32_t step, bool carryAtHalf, Emit emit) {
   if (n < 2) return;
   const long span = n - 1;
   const long whole = (s - 1) / span;
@@ -94,12 +96,18 @@ void FillFastTable(std::uint32_t* table, long n, long s, std::uint32_t step) {
   for (long k = 1; k < n; ++k) {
     offset += static_cast<std::uint32_t>(whole) * step;
     remainder += rest;
-    if (remainder > span / 2) {
+    if (carryAtHalf ? remainder > span / 2 : remainder >= span) {
       offset += step;
       remainder -= span;
     }
-    table[k] = offset;
+    emit(k, offset, remainder, span);
   }
+}
+
+// Nearest sample: the carry when the remainder exceeds (n-1)/2, so positions round to the nearer pixel.
+void FillFastTable(std::uint32_t* table, long n, long s, std::uint32_t step) {
+  table[0] = 0;
+  WalkPositions(n, s, step, true, [table](long k, std::uint32_t offset, long, long) { table[k] = offset; });
 }
 
 struct BilinearEntry {
@@ -107,25 +115,12 @@ struct BilinearEntry {
   std::uint32_t fraction;  // 0..2047: weight of the next sample
 };
 
-// Bilinear table: as the nearest-sample one, with the carry when the remainder reaches n-1, and the
-// remainder as an 11-bit fraction.
+// Bilinear: the carry when the remainder reaches n-1, and the remainder as an 11-bit fraction.
 void FillBilinearTable(BilinearEntry* table, long n, long s, std::uint32_t step) {
   table[0] = {0, 0};
-  if (n < 2) return;
-  const long span = n - 1;
-  const long whole = (s - 1) / span;
-  const long rest = (s - 1) % span;
-  std::uint32_t offset = 0;
-  long remainder = 0;
-  for (long k = 1; k < n; ++k) {
-    offset += static_cast<std::uint32_t>(whole) * step;
-    remainder += rest;
-    if (remainder >= span) {
-      offset += step;
-      remainder -= span;
-    }
+  WalkPositions(n, s, step, false, [table](long k, std::uint32_t offset, long remainder, long span) {
     table[k] = {offset, static_cast<std::uint32_t>((static_cast<std::uint64_t>(remainder) * 2048) / span)};
-  }
+  });
 }
 
 // The 32-bit word at a source pixel; bytes past the source image read as 0.
