@@ -112,7 +112,8 @@ class ZROBJ_API Locator {
   // write access on it (creating the object's directory as needed). kAccessGranted or a result.
   DWORD CreateDiskImage(DWORD classHash, DWORD kind = 0);
   // Takes `access` (read, write or both) on the bound object file, waiting up to `timeoutMs` while
-  // another process writes it (polled every 5 ms). Already held access is given up first.
+  // another process writes it (polled every 5 ms). Write access includes read access. Access
+  // already held is given up first.
   DWORD Access(DWORD access, DWORD timeoutMs = 0);
   // Gives up the access held (closing the file and its locks); 1, also when none was held.
   int ReleaseAccess();

@@ -138,10 +138,13 @@ bool ReadHeaderChunks(CMemChunkArchive& archive, ObjectFileHeader* header) {
   return true;
 }
 
-// Opens the top chunk of a file's content for reading; false when the content is no object file.
+// Opens the top chunk of a file's content for reading; false when the content is no object file
+// or the chunk claims more than the content holds (a torn write).
 bool OpenContent(CMemChunkArchive& archive, CPMemoryFile& content) {
+  const DWORD size = static_cast<DWORD>(content.GetSize());
   archive.SetContent(content);
-  return archive.Open(ZR_ACCESS_READ) && archive.Chnk_Open(kTopChunk, ZR_ACCESS_READ) != CHNK_INVALID;
+  return size >= 8 && archive.Open(ZR_ACCESS_READ) && archive.Chnk_Open(kTopChunk, ZR_ACCESS_READ) != CHNK_INVALID &&
+         archive.Chnk_GetSize(0) <= size - 8;
 }
 
 }  // namespace
@@ -222,6 +225,7 @@ DWORD Locator::OpenFile(DWORD access, DWORD creation, DWORD timeoutMs) {
 
 DWORD Locator::Access(DWORD access, DWORD timeoutMs) {
   access &= ZR_ACCESS_MASK;
+  if (access & ZR_ACCESS_WRITE) access |= ZR_ACCESS_READ;  // a writer reads its own file
   ReleaseAccess();
   if (!IsValid() || access == 0) return kAccessInvalid;
   const DWORD result = OpenFile(access, CZRFile::kOpenExisting, timeoutMs);
@@ -347,8 +351,7 @@ int Locator::Load(PFNOBJECTDATA load, void* object) {
     Report(u"\rLocator::Load(0x%08x): No access\r\n", object_id_);
     return 0;
   }
-  const DWORD size = static_cast<DWORD>(content.GetSize());
-  if (!OpenContent(archive, content) || archive.Chnk_GetSize(0) > size - 8 || !ReadHeaderChunks(archive, &header) ||
+  if (!OpenContent(archive, content) || !ReadHeaderChunks(archive, &header) ||
       !header.location.SameObject(location_)) {
     Report(u"\rLocator::Load: %s is not an object file of this location\r\n", static_cast<const WCHAR*>(path));
     return 0;
