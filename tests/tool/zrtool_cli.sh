@@ -204,5 +204,16 @@ check "wav info of a missing file" 1 "$tool" wav info "$work/none.wav"
 check "wav without mode" 2 "$tool" wav
 check "wav spectrum (not offered)" 2 "$tool" wav spectrum "$work/ok.wav"
 
+# The class registry: a driver from the folder beside the library, refused drivers, the shutdown.
+check "classes with the demo driver" 0 "$tool" classes --load zrdrv_demo.so --dump --shutdown
+grep -q '^1 .*CZRDemoCircle .* CZRDemoShape .*zrdrv_demo.so$' "$work/out" || { echo "FAIL: classes list"; failures=$((failures + 1)); }
+grep -q 'DLL   : .*/driver/zrdrv_demo.so$' "$work/out" || { echo "FAIL: classes dump"; failures=$((failures + 1)); }
+grep -q 'Shutdown \[1\] CZRDemoCircle' "$work/out" && tail -n 1 "$work/out" | grep -q '^0 registered$' \
+  || { echo "FAIL: classes shutdown"; failures=$((failures + 1)); }
+check "classes with a driver without classes" 1 "$tool" classes --load zrdrv_empty.so
+check "classes with a missing driver twice" 1 "$tool" classes --load zrdrv_missing.so --load zrdrv_missing.so
+[ "$(grep -c 'Failure to load' "$work/out")" -eq 1 ] || { echo "FAIL: second load of a missing driver not silent"; failures=$((failures + 1)); }
+check "classes with a bad option" 2 "$tool" classes --bogus
+
 if [ "$failures" -ne 0 ]; then echo "$failures zrtool check(s) failed"; exit 1; fi
 echo "zrtool checks passed"

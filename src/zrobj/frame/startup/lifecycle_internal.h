@@ -8,15 +8,11 @@
 
 namespace zr::steps {
 
-// Runtime class registry (CZRRuntimeClass) and the two base class records.
-BOOL InitClassRegistry();        // CZRRuntimeClass::Init; FALSE fails process attach
-void ExitClassRegistry();        // CZRRuntimeClass::Exit
+// The two base class records (the registry's own steps: object/zrclass_internal.h).
 // Register CZRRTObject (no base, version 0) / CZRObject (base CZRRTObject, version 12) with the
 // library's module; 0 = registered, else the registry's error code.
 DWORD RegisterRTObjectClass(HMODULE module);
 DWORD RegisterObjectClass(HMODULE module);
-void SanitizeClassLoads();       // CZRRuntimeClass::SanitizeLoads
-void UnloadClassLibs();          // CZRRuntimeClass::UnloadClassLibs
 
 // Watch ranges of freed objects (CZRObject) and of the locators (Locator).
 void SetObjectFreeWatchRange(int min, int max, int traceVirtual);  // CZRObject::SetFreeWatchRange

@@ -6,13 +6,9 @@
 namespace zr::steps {
 
 // ---------------------------------------------------------------------------------------------
-// Pending: CZRRuntimeClass (class registry) and the class records of CZRRTObject / CZRObject.
-BOOL InitClassRegistry() { return TRUE; }
-void ExitClassRegistry() {}
+// Pending: the class records of CZRRTObject / CZRObject.
 DWORD RegisterRTObjectClass(HMODULE) { return 0; }
 DWORD RegisterObjectClass(HMODULE) { return 0; }
-void SanitizeClassLoads() {}
-void UnloadClassLibs() {}
 
 // ---------------------------------------------------------------------------------------------
 // Pending: CZRObject free watch range (kept here so the settings round trip works meanwhile).
