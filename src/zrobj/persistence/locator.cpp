@@ -12,6 +12,7 @@
 #include "platform/fileutil.h"
 #include "platform/platdiag.h"
 #include "platform/text.h"
+#include "persistence/locator_internal.h"
 #include "zrobj/byteorder.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrhash.h"
@@ -377,3 +378,12 @@ void Locator::GetRWWatchRange(int* min, int* max) {
   if (min) *min = g_watch_min.load(std::memory_order_relaxed);
   if (max) *max = g_watch_max.load(std::memory_order_relaxed);
 }
+
+// ---- start-up steps ----
+
+namespace zr::steps {
+
+void SetLocatorWatchRange(int& min, int& max) { Locator::SetRWWatchRange(min, max); }
+void GetLocatorWatchRange(int* min, int* max) { Locator::GetRWWatchRange(min, max); }
+
+}  // namespace zr::steps
