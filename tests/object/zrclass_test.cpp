@@ -18,6 +18,7 @@
 #include "test_support.h"
 #include "zrobj/zrclass.h"
 #include "zrobj/zrhash.h"
+#include "zrobj/zrobj.h"
 
 namespace os = zr::os;
 namespace fs = std::filesystem;
@@ -402,6 +403,41 @@ TEST(ZrClass, DemoDriverLoadsOnDemand) {
     capture.Clear();
     REQUIRE(CZRRuntimeClass::LoadClassLibrary(u"zrdrv_demo.so", 0) == 1 && capture.Entries().empty());
     REQUIRE(CZRRuntimeClass::GetRegisteredCount() == start + 2);
+    return 0;
+  });
+}
+
+// A library that the program loaded itself: the registry takes a reference of its own, marks the
+// classes as loaded directly, and the shutdown drops only that reference.
+TEST(ZrClass, LibraryLoadedElsewhereGetsAReferenceOfTheRegistry) {
+  ExpectChildPasses([] {
+    const std::string path = DriverPath("zrdrv_demo.so");
+    void* own = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    REQUIRE(own != nullptr);
+    CZRRuntimeClass* record = CZRRuntimeClass::IsClassLibraryLoaded(u"zrdrv_demo.so");
+    REQUIRE(record && !(record->dwFlags & ZRCLASS_DIRECT));
+    REQUIRE(CZRRuntimeClass::LoadClassLibrary(u"zrdrv_demo.so", 0) == 1 && (record->dwFlags & ZRCLASS_DIRECT));
+    CZRRuntimeClass::UnloadClassLibs();
+    REQUIRE(IsMapped(path) && record->lState == ZRCLASS_STATE_FREED);
+    ::dlclose(own);
+    REQUIRE(!IsMapped(path) && CZRRuntimeClass::IsClassLibraryLoaded(u"zrdrv_demo.so") == nullptr);
+    return 0;
+  });
+}
+
+// The application's start-up tells the loaded classes, its last exit frees the drivers.
+TEST(ZrClass, ApplicationInitialiseAndExitDriveTheRegistry) {
+  ExpectChildPasses([] {
+    REQUIRE(CZRRuntimeClass::LoadClassLibrary(u"zrdrv_test_a.so", 0) == 1 && ConnectDriverLog("zrdrv_test_a.so"));
+    g_log.clear();
+    ZROBJ_AppInitialize();
+    REQUIRE(g_log == std::vector<std::string>{"CTestDriverA command 1"});
+    ZROBJ_AppInitialize();
+    ZROBJ_AppExit();
+    REQUIRE(IsMapped(DriverPath("zrdrv_test_a.so")));
+    ZROBJ_AppExit();
+    REQUIRE(g_log == (std::vector<std::string>{"CTestDriverA command 1", "CTestDriverA command 2", "unload A"}));
+    REQUIRE(!IsMapped(DriverPath("zrdrv_test_a.so")));
     return 0;
   });
 }
