@@ -206,14 +206,31 @@ check "wav spectrum (not offered)" 2 "$tool" wav spectrum "$work/ok.wav"
 
 # The class registry: a driver from the folder beside the library, refused drivers, the shutdown.
 check "classes with the demo driver" 0 "$tool" classes --load zrdrv_demo.so --dump --shutdown
-grep -q '^1 .*CZRDemoCircle .* CZRDemoShape .*zrdrv_demo.so$' "$work/out" || { echo "FAIL: classes list"; failures=$((failures + 1)); }
+grep -q '^3 .*CZRDemoCircle .* CZRDemoShape .*zrdrv_demo.so$' "$work/out" || { echo "FAIL: classes list"; failures=$((failures + 1)); }
 grep -q 'DLL   : .*/driver/zrdrv_demo.so$' "$work/out" || { echo "FAIL: classes dump"; failures=$((failures + 1)); }
-grep -q 'Shutdown \[1\] CZRDemoCircle' "$work/out" && tail -n 1 "$work/out" | grep -q '^0 registered$' \
+grep -q 'Shutdown \[3\] CZRDemoCircle' "$work/out" && tail -n 1 "$work/out" | grep -q '^2 registered$' \
   || { echo "FAIL: classes shutdown"; failures=$((failures + 1)); }
 check "classes with a driver without classes" 1 "$tool" classes --load zrdrv_empty.so
 check "classes with a missing driver twice" 1 "$tool" classes --load zrdrv_missing.so --load zrdrv_missing.so
 [ "$(grep -c 'Failure to load' "$work/out")" -eq 1 ] || { echo "FAIL: second load of a missing driver not silent"; failures=$((failures + 1)); }
 check "classes with a bad option" 2 "$tool" classes --bogus
+
+# Projects: registration kept in the settings directory, object files listed with their headers.
+export ZROBJ_HOME="$work/home"
+check "project add" 0 "$tool" project add "$work/store/Film" Film
+pid=$(cat "$work/out")
+check "project list" 0 "$tool" project list
+grep -q "^$pid	Film	$work/store/Film/$" "$work/out" || { echo "FAIL: project list"; failures=$((failures + 1)); }
+check "project objects (none)" 0 "$tool" project objects "$pid"
+grep -q "^no objects$" "$work/out" || { echo "FAIL: project objects empty"; failures=$((failures + 1)); }
+mkdir -p "$work/store/Film/obj/00000004" && printf 'junk' > "$work/store/Film/obj/00000004/00000400.zro"
+check "project objects (damaged file)" 0 "$tool" project objects "$pid"
+grep -q "not an object file" "$work/out" || { echo "FAIL: project objects damaged"; failures=$((failures + 1)); }
+check "project remove" 0 "$tool" project remove "$pid"
+check "project remove again" 1 "$tool" project remove "$pid"
+check "project objects of no project" 1 "$tool" project objects "$pid"
+check "project bad verb" 2 "$tool" project frob
+unset ZROBJ_HOME
 
 if [ "$failures" -ne 0 ]; then echo "$failures zrtool check(s) failed"; exit 1; fi
 echo "zrtool checks passed"
