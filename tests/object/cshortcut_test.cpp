@@ -15,8 +15,10 @@ namespace os = zr::os;
 
 std::u16string W(const std::string& text) { return os::Utf8ToUtf16(text); }
 
+constexpr int kChars = 512;
+
 struct Buffer {
-  WCHAR text[64];
+  WCHAR text[kChars];
   Buffer() { std::fill(std::begin(text), std::end(text), u'#'); }
   std::string Utf8() const { return os::Utf16ToUtf8(text); }
 };
@@ -37,13 +39,13 @@ TEST_F(CShortCutTest, CreateWritesBothKeysAndTheReadersFindThem) {
   EXPECT_NE(text.find("[Driver]"), std::string::npos) << text;
   EXPECT_LT(text.find("Legacy"), text.find("Path")) << text;
   Buffer legacy, path;
-  EXPECT_EQ(CShortCut::GetLegacy(link.c_str(), legacy.text, 64), 1);
+  EXPECT_EQ(CShortCut::GetLegacy(link.c_str(), legacy.text, kChars), 1);
   EXPECT_EQ(legacy.Utf8(), "EDITOR");
-  EXPECT_EQ(CShortCut::ResolvePath(link.c_str(), path.text, 64), 1);
+  EXPECT_EQ(CShortCut::ResolvePath(link.c_str(), path.text, kChars), 1);
   EXPECT_EQ(path.Utf8(), target_);
 
   ASSERT_EQ(CShortCut::Create(link.c_str(), W(target_).c_str(), nullptr), 1);  // rewrites the tag
-  EXPECT_EQ(CShortCut::GetLegacy(link.c_str(), legacy.text, 64), 1);
+  EXPECT_EQ(CShortCut::GetLegacy(link.c_str(), legacy.text, kChars), 1);
   EXPECT_EQ(legacy.Utf8(), "ZROBJ");
 }
 
@@ -51,7 +53,7 @@ TEST_F(CShortCutTest, CreateAcceptsAnyExtensionButNeedsOne) {
   const std::u16string other = Path("b.lnk");
   EXPECT_EQ(CShortCut::Create(other.c_str(), W(target_).c_str(), u"X"), 1);
   Buffer buffer;
-  EXPECT_EQ(CShortCut::GetLegacy(other.c_str(), buffer.text, 64), 0);  // written, but not a ".zrs" name
+  EXPECT_EQ(CShortCut::GetLegacy(other.c_str(), buffer.text, kChars), 0);  // written, but not a ".zrs" name
   EXPECT_EQ(buffer.text[0], 0);
 
   zrtest::DebugMode debug(1);
@@ -87,46 +89,46 @@ TEST_F(CShortCutTest, NoReportWithoutDebugMode) {
   const std::u16string link = Path("d.zrs");
   EXPECT_EQ(CShortCut::Create(link.c_str(), W(dir_.File("missing")).c_str(), nullptr), 0);
   Buffer buffer;
-  EXPECT_EQ(CShortCut::ResolvePath(link.c_str(), buffer.text, 64), 0);
+  EXPECT_EQ(CShortCut::ResolvePath(link.c_str(), buffer.text, kChars), 0);
   EXPECT_TRUE(capture.Entries().empty());
 }
 
 TEST_F(CShortCutTest, ExtensionRuleOfTheReaders) {
   ASSERT_TRUE(zrtest::WriteFile(dir_.File("a.txt"), "[Driver]\nLegacy=T\nPath=/p\n"));
   Buffer buffer;
-  EXPECT_EQ(CShortCut::GetLegacy(Path("a.txt").c_str(), buffer.text, 64), 0);
+  EXPECT_EQ(CShortCut::GetLegacy(Path("a.txt").c_str(), buffer.text, kChars), 0);
   EXPECT_EQ(buffer.text[0], 0);
   for (const char* name : {"up.ZRS", "longer.zrsx", "mixed.ZrS"}) {
     ASSERT_TRUE(zrtest::WriteFile(dir_.File(name), "[Driver]\nLegacy=T\nPath=/p\n"));
     Buffer legacy, path;
-    EXPECT_EQ(CShortCut::GetLegacy(Path(name).c_str(), legacy.text, 64), 1) << name;
+    EXPECT_EQ(CShortCut::GetLegacy(Path(name).c_str(), legacy.text, kChars), 1) << name;
     EXPECT_EQ(legacy.Utf8(), "T") << name;
-    EXPECT_EQ(CShortCut::ResolvePath(Path(name).c_str(), path.text, 64), 1) << name;
+    EXPECT_EQ(CShortCut::ResolvePath(Path(name).c_str(), path.text, kChars), 1) << name;
     EXPECT_EQ(path.Utf8(), "/p") << name;
   }
   for (const char* name : {"short.zr", "other.zsr", ".zrs", "dir.zrs/file"}) {
     Buffer legacy;
-    EXPECT_EQ(CShortCut::GetLegacy(Path(name).c_str(), legacy.text, 64), 0) << name;
+    EXPECT_EQ(CShortCut::GetLegacy(Path(name).c_str(), legacy.text, kChars), 0) << name;
     EXPECT_EQ(legacy.text[0], 0) << name;
   }
-  EXPECT_EQ(CShortCut::GetLegacy(nullptr, buffer.text, 64), 0);
+  EXPECT_EQ(CShortCut::GetLegacy(nullptr, buffer.text, kChars), 0);
   EXPECT_EQ(CShortCut::GetLegacy(Path("a.zrs").c_str(), nullptr, 64), 0);
 }
 
 TEST_F(CShortCutTest, MissingKeysTakeTheirDefaults) {
   ASSERT_TRUE(zrtest::WriteFile(dir_.File("empty.zrs"), "[Driver]\n"));
   Buffer legacy, path;
-  EXPECT_EQ(CShortCut::GetLegacy(Path("empty.zrs").c_str(), legacy.text, 64), 1);
+  EXPECT_EQ(CShortCut::GetLegacy(Path("empty.zrs").c_str(), legacy.text, kChars), 1);
   EXPECT_EQ(legacy.Utf8(), "ZROBJ");
-  EXPECT_EQ(CShortCut::GetLegacy(Path("absent.zrs").c_str(), legacy.text, 64), 1);  // no file at all
+  EXPECT_EQ(CShortCut::GetLegacy(Path("absent.zrs").c_str(), legacy.text, kChars), 1);  // no file at all
   EXPECT_EQ(legacy.Utf8(), "ZROBJ");
 
   zrtest::DebugMode debug(1);
   os::ScopedDiagCapture capture;
-  EXPECT_EQ(CShortCut::ResolvePath(Path("empty.zrs").c_str(), path.text, 64), 0);
+  EXPECT_EQ(CShortCut::ResolvePath(Path("empty.zrs").c_str(), path.text, kChars), 0);
   EXPECT_EQ(path.text[0], 0);
   ASSERT_TRUE(zrtest::WriteFile(dir_.File("blank.zrs"), "[Driver]\nPath=\n"));
-  EXPECT_EQ(CShortCut::ResolvePath(Path("blank.zrs").c_str(), path.text, 64), 0);
+  EXPECT_EQ(CShortCut::ResolvePath(Path("blank.zrs").c_str(), path.text, kChars), 0);
   const auto entries = capture.Entries();
   ASSERT_EQ(entries.size(), 2u);
   EXPECT_EQ(entries[0].channel, 3u);
@@ -148,9 +150,9 @@ TEST_F(CShortCutTest, DamagedFilesReadAsMissingKeys) {
   static const char kDamaged[] = "[Driver]\nPa\0th=/x\n\xFF\xFE=\n[Driver\nLegacy";
   ASSERT_TRUE(zrtest::WriteFile(dir_.File("bad.zrs"), std::string(kDamaged, sizeof kDamaged - 1)));
   Buffer legacy, path;
-  EXPECT_EQ(CShortCut::GetLegacy(Path("bad.zrs").c_str(), legacy.text, 64), 1);
+  EXPECT_EQ(CShortCut::GetLegacy(Path("bad.zrs").c_str(), legacy.text, kChars), 1);
   EXPECT_EQ(legacy.Utf8(), "ZROBJ");
-  EXPECT_EQ(CShortCut::ResolvePath(Path("bad.zrs").c_str(), path.text, 64), 0);
+  EXPECT_EQ(CShortCut::ResolvePath(Path("bad.zrs").c_str(), path.text, kChars), 0);
 }
 
 }  // namespace
