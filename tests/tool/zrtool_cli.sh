@@ -231,6 +231,29 @@ check "project remove again" 1 "$tool" project remove "$pid"
 check "project objects of no project" 1 "$tool" project objects "$pid"
 check "project bad verb" 2 "$tool" project frob
 unset ZROBJ_HOME
+# Shortcuts: create, resolve and legacy round trip; refusals with status 1, bad usage with 2.
+printf 'driver' > "$work/plug in.so"
+check "shortcut help" 0 "$tool" shortcut --help
+check "shortcut create" 0 "$tool" shortcut create --legacy EDIT "$work/drv.zrs" "$work/plug in.so"
+check "shortcut resolve" 0 "$tool" shortcut resolve "$work/drv.zrs"
+grep -qx "$work/plug in.so" "$work/out" || { echo "FAIL: shortcut target not read back"; failures=$((failures + 1)); }
+check "shortcut legacy" 0 "$tool" shortcut legacy "$work/drv.zrs"
+grep -qx "EDIT" "$work/out" || { echo "FAIL: shortcut legacy tag not read back"; failures=$((failures + 1)); }
+check "shortcut create, default tag" 0 "$tool" shortcut create "$work/DEF.ZRS" "$work/plug in.so"
+check "shortcut legacy, default tag" 0 "$tool" shortcut legacy "$work/DEF.ZRS"
+grep -qx "ZROBJ" "$work/out" || { echo "FAIL: shortcut default tag"; failures=$((failures + 1)); }
+check "shortcut to a missing target" 1 "$tool" shortcut create "$work/none.zrs" "$work/missing.so"
+grep -q "does not exist" "$work/err" || { echo "FAIL: shortcut missing target message"; failures=$((failures + 1)); }
+[ ! -e "$work/none.zrs" ] || { echo "FAIL: shortcut written for a missing target"; failures=$((failures + 1)); }
+check "shortcut without extension" 1 "$tool" shortcut create "$work/noext" "$work/plug in.so"
+printf '[Driver]\nLegacy=X\n' > "$work/empty.zrs"
+check "shortcut without a path" 1 "$tool" shortcut resolve "$work/empty.zrs"
+grep -q "names no target" "$work/err" || { echo "FAIL: empty shortcut message"; failures=$((failures + 1)); }
+check "shortcut of another extension" 1 "$tool" shortcut resolve "$work/plug in.so"
+check "shortcut without action" 2 "$tool" shortcut
+check "shortcut unknown action" 2 "$tool" shortcut delete "$work/drv.zrs"
+check "shortcut resolve, extra operand" 2 "$tool" shortcut resolve "$work/drv.zrs" more
+check "shortcut --legacy without tag" 2 "$tool" shortcut create "$work/drv.zrs" "$work/plug in.so" --legacy
 
 if [ "$failures" -ne 0 ]; then echo "$failures zrtool check(s) failed"; exit 1; fi
 echo "zrtool checks passed"
