@@ -119,6 +119,13 @@ TEST(CZRObject, TheBaseRecordsAreRegisteredAtAttach) {
   const CZRRuntimeClass* object = CZRObject::GetClassRegisterPtr();
   EXPECT_EQ(CZRRuntimeClass::GetClassPtr(&object->guid, GetHashID("CZRObject")), object);
   EXPECT_EQ(object->pBaseClass, CZRRTObject::GetClassRegisterPtr());
+  const CZRRuntimeClass* root = CZRRTObject::GetClassRegisterPtr();
+  EXPECT_EQ(root->dwFlags & ZRCLASS_DECLARED_MASK, 0x01u);
+  EXPECT_EQ(object->dwFlags & ZRCLASS_DECLARED_MASK, 0x81u);
+  EXPECT_EQ(root->dwVTblVersion, 1u);
+  EXPECT_EQ(object->dwVTblVersion, 9u);
+  EXPECT_EQ(root->dwDisplayNameID, 40002u);
+  EXPECT_EQ(object->dwDisplayNameID, 40001u);
   EXPECT_EQ(TestDoc::classTestDoc.lState, ZRCLASS_STATE_REGISTERED);
 
   CZRRTObject* created = object->pfnCreateObject();

@@ -58,11 +58,13 @@ void PassToAnalysis() { CUnhandledException::AnalyseException(CUnhandledExceptio
 
 // ---- class records ----
 
+// Display name ids and table versions are those the suite's modules check against.
 CZRRuntimeClass CZRRTObject::classCZRRTObject =
     ZRClassRecord("CZRRTObject", sizeof(CZRRTObject), kRTObjectGuid, ZRCLASS_CREATABLE, &CZRRTObject::CreateObject,
-                  nullptr, 0);
+                  nullptr, 1, 40002);
 CZRRuntimeClass CZRObject::classCZRObject =
-    ZRClassRecord("CZRObject", sizeof(CZRObject), kObjectGuid, ZRCLASS_CREATABLE, &CZRObject::CreateObject, nullptr, 0);
+    ZRClassRecord("CZRObject", sizeof(CZRObject), kObjectGuid, ZRCLASS_CREATABLE | ZRCLASS_USER7, &CZRObject::CreateObject,
+                  nullptr, 9, 40001);
 
 CZRRTObject* CZRRTObject::CreateObject() { return new CZRRTObject; }
 CZRRTObject* CZRObject::CreateObject() { return new CZRObject; }
