@@ -208,11 +208,14 @@ unsigned int COSPing::PingPath(const WCHAR* path, unsigned int timeout, unsigned
   if (os::WStrLen(path) >= ZR_MAX_PATH) return 1;
   os::WStrCopy(formatted, ZR_MAX_PATH, path);
   if (!os::FU_FormatPath(formatted, ZR_MAX_PATH, u'/')) return 1;
+  // A path in network form has no local directory behind it: it can be pinged, not created.
   std::u16string server = ServerOf(formatted);
-  if (server.empty()) server = ServerOf(os::Utf8ToUtf16(os::NetworkFormOfPath(os::Utf16ToUtf8(formatted))));
+  const bool local = server.empty();
+  if (local) server = ServerOf(os::Utf8ToUtf16(os::NetworkFormOfPath(os::Utf16ToUtf8(formatted))));
   if (server.empty()) return 1;
   const unsigned int result = Ping(server.c_str(), timeout, roundTrip);
   if (result != 0) return result;
-  if (!os::FU_TestDirExists(formatted) && createPath && !os::FU_CreatePath(formatted)) return ZRPING_NO_PATH;
+  const bool exists = local && os::FU_TestDirExists(formatted);
+  if (!exists && createPath && (!local || !os::FU_CreatePath(formatted))) return ZRPING_NO_PATH;
   return 0;
 }
