@@ -207,9 +207,12 @@ unsigned int COSPing::PingPath(const WCHAR* path, unsigned int timeout, unsigned
   WCHAR formatted[ZR_MAX_PATH];
   if (os::WStrLen(path) >= ZR_MAX_PATH) return 1;
   os::WStrCopy(formatted, ZR_MAX_PATH, path);
+  // Formatting collapses the two leading separators of the network form: put one back.
+  const bool network = (path[0] == u'/' || path[0] == u'\\') && (path[1] == u'/' || path[1] == u'\\');
   if (!os::FU_FormatPath(formatted, ZR_MAX_PATH, u'/')) return 1;
+  const std::u16string normal = network ? u"/" + std::u16string(formatted) : std::u16string(formatted);
   // A path in network form has no local directory behind it: it can be pinged, not created.
-  std::u16string server = ServerOf(formatted);
+  std::u16string server = ServerOf(normal);
   const bool local = server.empty();
   if (local) server = ServerOf(os::Utf8ToUtf16(os::NetworkFormOfPath(os::Utf16ToUtf8(formatted))));
   if (server.empty()) return 1;
