@@ -352,7 +352,8 @@ TEST_F(MailTest, MalformedDatagramsAreDroppedWithALine) {
   EXPECT_EQ(feed(nettest::Header(16, 0xABCD, 1, -8), 16), 1);
   EXPECT_EQ(watch.Count(u"\rMailslot : message type -8 from computer 0000ABCD dropped\r\n"), 1);
   EXPECT_EQ(feed(nettest::Header(16, 0xABCD, 1, 0), 16), 1);
-  EXPECT_EQ(received.items.size(), 1u);
+  EXPECT_EQ(feed(nettest::Header(16, 0xABCD, 2, 0x7FFFFFFF), 16), 1);  // the largest type, no overflow
+  EXPECT_EQ(received.items.size(), 2u);
 
   // HELLOs of the wrong size or interface version are refused, the sender stays unknown.
   const DWORD raw = Id(u"RAWPC");

@@ -444,7 +444,8 @@ class MailboxEngine {
 
   static void Dispatch(COSMailslot& m, const BYTE* bytes, const os::NetAddress& from) {
     const tagMAILHEADER h = LoadHeader(bytes);
-    switch (h.Type + 8) {
+    // Widened: Type + 8 must not overflow for the largest application types.
+    switch (std::int64_t{h.Type} + 8) {
       case 7: OnGoodbye(m, h); break;
       case 6: case 5: OnHello(m, bytes, h, from); break;
       case 4:
