@@ -589,7 +589,9 @@ using zr::net::Target;
 // ---- Construction ----
 
 COSMailslot::COSMailslot(unsigned long /*flags*/)
-    : m_state(new MailboxState), m_stop(nullptr, 1, 0, nullptr), m_address(DefaultAddress()) {
+    : m_state(new MailboxState),
+      m_stop(nullptr, 1, 0, net::PrivateObjectName(u"stop").data()),
+      m_address(DefaultAddress()) {
   const int min = ZROBJ_GetProfileInt("Network", "MinTimeout", 1000, 1);
   const int max = ZROBJ_GetProfileInt("Network", "MaxTimeout", 5000, 1);
   m_minTimeout = static_cast<DWORD>(min);

@@ -43,6 +43,10 @@ std::vector<Registration> ScanWorkgroup(std::u16string_view workgroup, std::u16s
 // The freshest registration of `computer` under `mailslot` in any workgroup.
 bool FindComputer(std::u16string_view computer, std::u16string_view mailslot, os::NetAddress* address);
 
+// A name no other process uses: kernel objects without a name of their own get a default name
+// that is shared between processes, so a mailbox names its own.
+std::u16string PrivateObjectName(const char16_t* role);
+
 // ---- Item queue ----
 // One message with where it comes from or goes to.
 struct MailItem {

@@ -1,5 +1,7 @@
 // The workgroup directory of the mailboxes: registration files, their scan and name look-up.
 #include <algorithm>
+#include <atomic>
+#include <random>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -138,10 +140,18 @@ bool FindComputer(std::u16string_view computer, std::u16string_view mailslot, os
   return best_age != UINT64_MAX;
 }
 
+std::u16string PrivateObjectName(const char16_t* role) {
+  static std::random_device device;
+  static std::atomic<unsigned> counter{0};
+  const std::string unique = std::to_string(device()) + "." + std::to_string(device()) + "." +
+                             std::to_string(++counter) + ".";
+  return u"COSMailslot." + os::Utf8ToUtf16(unique) + role;
+}
+
 // ---- MailQueue ----
 
 MailQueue::MailQueue(DWORD capacity)
-    : capacity_(capacity), available_(0, static_cast<LONG>(capacity), nullptr) {}
+    : capacity_(capacity), available_(0, static_cast<LONG>(capacity), PrivateObjectName(u"queue").data()) {}
 
 bool MailQueue::Push(MailItem item) {
   {
