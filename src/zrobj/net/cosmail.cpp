@@ -522,24 +522,24 @@ class MailboxEngine {
     return 0;
   }
 
-  static DWORD Processor(void* parameter) {
-    COSMailslot& m = *static_cast<COSMailslot*>(parameter);
-    os::wPrintf(kChannel, kInfo, u"\rProcessor started\r\n");
+  // The processor and the writer: take items until the stop event, print their start and end.
+  static DWORD Drain(COSMailslot& m, bool writer) {
+    os::wPrintf(kChannel, kInfo, writer ? u"\rWriter started\r\n" : u"\rProcessor started\r\n");
+    MailQueue& queue = writer ? m.m_state->outgoing : m.m_state->incoming;
     MailItem item;
-    while (m.m_state->incoming.Pop(m.m_stop, &item)) Process(m, item.bytes.data(), item.peer);
-    os::wPrintf(kChannel, kInfo, u"\rProcessor exited\r\n");
+    while (queue.Pop(m.m_stop, &item)) {
+      if (item.bytes.empty()) continue;  // purged after a GOODBYE
+      if (writer) {
+        Transmit(m, item);
+      } else {
+        Process(m, item.bytes.data(), item.peer);
+      }
+    }
+    os::wPrintf(kChannel, kInfo, writer ? u"\rWriter exited\r\n" : u"\rProcessor exited\r\n");
     return 0;
   }
-
-  static DWORD Writer(void* parameter) {
-    COSMailslot& m = *static_cast<COSMailslot*>(parameter);
-    os::wPrintf(kChannel, kInfo, u"\rWriter started\r\n");
-    MailItem item;
-    while (m.m_state->outgoing.Pop(m.m_stop, &item))
-      if (!item.bytes.empty()) Transmit(m, item);
-    os::wPrintf(kChannel, kInfo, u"\rWriter exited\r\n");
-    return 0;
-  }
+  static DWORD Processor(void* parameter) { return Drain(*static_cast<COSMailslot*>(parameter), false); }
+  static DWORD Writer(void* parameter) { return Drain(*static_cast<COSMailslot*>(parameter), true); }
 
   static DWORD Escrow(void* parameter) {
     COSMailslot& m = *static_cast<COSMailslot*>(parameter);
