@@ -47,7 +47,9 @@ class MailTest : public ::testing::Test {
     COSMailslot& box = *boxes_.back();
     EXPECT_EQ(box.SetIdentity(computer, user), 1);
     EXPECT_EQ(box.Open(kSlot), 1);
-    if (attach) EXPECT_EQ(box.AttachWorkgroup(kGroup), 1);
+    if (attach) {
+      EXPECT_EQ(box.AttachWorkgroup(kGroup), 1);
+    }
     return box;
   }
 
