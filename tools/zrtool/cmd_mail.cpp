@@ -1,7 +1,5 @@
 // zrtool mail: joins a workgroup with a mailbox and prints what arrives, pings or messages one
 // computer, and lists the members registered in a workgroup.
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -9,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <random>
 #include <string>
 #include <thread>
 
@@ -162,7 +161,7 @@ int Reach(const Options& o, const std::u16string* sms) {
   Printer printer(false);
   zr::ScopedDiagRedirect redirect(&printer);
   COSMailslot box;
-  if (!Prepare(box, o, "ZRTOOL" + std::to_string(::getpid() % 1000000))) return 1;
+  if (!Prepare(box, o, "ZRTOOL" + std::to_string(std::random_device{}() % 1000000))) return 1;
   const std::u16string wide = ToWide(target);
   if (!box.AttachComputer(wide.c_str())) return Fail(target + ": not registered under mailbox \"" + o.slot + "\"");
   const DWORD id = GetHashIDWi(wide.c_str());
