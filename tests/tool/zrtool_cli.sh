@@ -254,6 +254,32 @@ check "shortcut without action" 2 "$tool" shortcut
 check "shortcut unknown action" 2 "$tool" shortcut delete "$work/drv.zrs"
 check "shortcut resolve, extra operand" 2 "$tool" shortcut resolve "$work/drv.zrs" more
 check "shortcut --legacy without tag" 2 "$tool" shortcut create "$work/drv.zrs" "$work/plug in.so" --legacy
+# mail: a member joins a workgroup, is listed, answers a ping and an SMS, and leaves on SIGINT with
+# GOODBYE (its registration disappears). Unknown computers and bad usage are refused.
+export ZROBJ_WORKGROUP_DIR="$work/workgroups"
+"$tool" mail join CLITEST --name ALPHA --user alice > "$work/join.out" 2>&1 &
+join_pid=$!
+for _ in $(seq 1 100); do grep -q '^joined CLITEST as ALPHA' "$work/join.out" && break; sleep 0.1; done
+check "mail who" 0 "$tool" mail who CLITEST
+grep -q '^ALPHA  *zrobj  *alice  *127\.0\.0\.1:' "$work/out" || { echo "FAIL: mail who lists ALPHA"; failures=$((failures + 1)); }
+check "mail ping" 0 "$tool" mail ping ALPHA --timeout 5000
+grep -q '^PONG from ALPHA in ' "$work/out" || { echo "FAIL: mail ping prints the round trip"; failures=$((failures + 1)); }
+check "mail sms" 0 "$tool" mail sms ALPHA hello from the checks --name BRAVO
+for _ in $(seq 1 100); do grep -q 'SMS: Computer .* (BRAVO): hello from the checks' "$work/join.out" && break; sleep 0.1; done
+grep -q 'SMS: Computer .* (BRAVO): hello from the checks' "$work/join.out" || { echo "FAIL: mail join shows the SMS"; failures=$((failures + 1)); }
+check "mail ping of an unknown computer" 1 "$tool" mail ping NOBODY --timeout 200
+kill -INT "$join_pid"
+wait "$join_pid"; join_status=$?
+[ "$join_status" -eq 0 ] || { echo "FAIL: mail join ends with $join_status on SIGINT"; failures=$((failures + 1)); }
+grep -q '^left CLITEST' "$work/join.out" || { echo "FAIL: mail join leaves"; failures=$((failures + 1)); }
+check "mail who after leaving" 0 "$tool" mail who CLITEST
+grep -q '^workgroup CLITEST: 0 members' "$work/out" || { echo "FAIL: registration removed"; failures=$((failures + 1)); }
+check "mail without subcommand" 2 "$tool" mail
+check "mail bad subcommand" 2 "$tool" mail shout ALPHA
+check "mail bad timeout" 2 "$tool" mail ping ALPHA --timeout zero
+check "mail bad name" 1 "$tool" mail ping ALPHA --name 'A/B'
+check "mail help" 0 "$tool" mail --help
+unset ZROBJ_WORKGROUP_DIR
 
 # Access lists: the first grant makes the list and the marker, a user without the list right is
 # refused, revoke takes rights away and --all removes the list; bad usage gives 2.
