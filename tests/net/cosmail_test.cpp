@@ -30,6 +30,8 @@ using nettest::RawPeer;
 constexpr char16_t kSlot[] = u"zrtest";
 constexpr char16_t kGroup[] = u"TESTGROUP";
 
+struct Received;
+
 class MailTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -81,6 +83,10 @@ class MailTest : public ::testing::Test {
       if (items[i].ComputerID == id) return items[i];
     return tagMAILTARGET{};
   }
+
+  // ALPHA and BRAVO, greeted (seen by `watch`, made before); BRAVO's change notifications go to
+  // `received`. Null when something failed.
+  std::pair<COSMailslot*, COSMailslot*> GreetedPair(LineWatch& watch, Received& received);
 
   zrtest::TempDir dir_;
   std::vector<std::unique_ptr<COSMailslot>> boxes_;
@@ -226,13 +232,21 @@ TEST_F(MailTest, ApplicationMessagesReachTheHandlerOrWaitForGetMessage) {
   EXPECT_EQ(0, std::memcmp(received.items[0].data() + 16, payload, sizeof payload));
 }
 
-TEST_F(MailTest, ChangeNotificationReachesTheOtherMailbox) {
-  LineWatch watch;
+std::pair<COSMailslot*, COSMailslot*> MailTest::GreetedPair(LineWatch& watch, Received& received) {
   COSMailslot& a = Box(u"ALPHA", u"alice");
   COSMailslot& b = Box(u"BRAVO", u"bob");
+  if (b.RegisterChangeNotify(OnNotify, &received) != 1) return {nullptr, nullptr};
+  if (!watch.WaitFor(u"\rComputer " + Hex(Id(u"ALPHA")) + u" (ALPHA) said HELLO ACKNOWLEDGED\r\n")) return {nullptr, nullptr};
+  return {&a, &b};
+}
+
+TEST_F(MailTest, ChangeNotificationReachesTheOtherMailbox) {
+  LineWatch watch;  // before the mailboxes open, so that it sees their greeting
   Received received;
-  ASSERT_EQ(b.RegisterChangeNotify(OnNotify, &received), 1);
-  ASSERT_TRUE(watch.WaitFor(u"\rComputer " + Hex(Id(u"ALPHA")) + u" (ALPHA) said HELLO ACKNOWLEDGED\r\n"));
+  const auto [alpha, bravo] = GreetedPair(watch, received);
+  ASSERT_TRUE(alpha && bravo);
+  COSMailslot& a = *alpha;
+  COSMailslot& b = *bravo;
   struct {
     tagMAILHEADER header;
     DWORD location[5];
@@ -255,14 +269,12 @@ TEST_F(MailTest, ChangeNotificationReachesTheOtherMailbox) {
 
 // An access list created and removed through a locator is announced through the store's mailbox.
 TEST_F(MailTest, AccessListChangesGoOutThroughTheStoreMailbox) {
-  LineWatch watch;
-  COSMailslot& a = Box(u"ALPHA", u"alice");
-  COSMailslot& b = Box(u"BRAVO", u"bob");
+  LineWatch watch;  // before the mailboxes open, so that it sees their greeting
   Received received;
-  ASSERT_EQ(b.RegisterChangeNotify(OnNotify, &received), 1);
-  ASSERT_TRUE(watch.WaitFor(u"\rComputer " + Hex(Id(u"ALPHA")) + u" (ALPHA) said HELLO ACKNOWLEDGED\r\n"));
-  EXPECT_EQ(ZRNET_SetStoreMailslot(&a), nullptr);
-  EXPECT_EQ(ZRNET_GetStoreMailslot(), &a);
+  const auto [alpha, bravo] = GreetedPair(watch, received);
+  ASSERT_TRUE(alpha && bravo);
+  EXPECT_EQ(ZRNET_SetStoreMailslot(alpha), nullptr);
+  EXPECT_EQ(ZRNET_GetStoreMailslot(), alpha);
 
   ::setenv("ZROBJ_USERNAME", "alice", 1);
   zrtest::TempDir projectDir;
@@ -297,9 +309,9 @@ TEST_F(MailTest, AccessListChangesGoOutThroughTheStoreMailbox) {
   // Taking the mailbox away stops the sending; so does destroying it.
   const BYTE item[40] = {40, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2};
   EXPECT_EQ(zr::SendStoreNotification(item, sizeof item), 1);
-  EXPECT_EQ(ZRNET_SetStoreMailslot(nullptr), &a);
+  EXPECT_EQ(ZRNET_SetStoreMailslot(nullptr), alpha);
   EXPECT_EQ(zr::SendStoreNotification(item, sizeof item), 0);
-  ZRNET_SetStoreMailslot(&b);
+  ZRNET_SetStoreMailslot(bravo);
   EXPECT_EQ(zr::SendStoreNotification(item, 39), 0);  // the size word must match
   boxes_.clear();
   EXPECT_EQ(ZRNET_GetStoreMailslot(), nullptr);
