@@ -171,3 +171,9 @@ class ZROBJ_API COSMailslot {
   DWORD m_address;
   DWORD m_helloFlags = 0;
 };
+
+// The store's mailbox: the object store's change notifications (an access list created or removed)
+// go out through its Notify to the attached workgroups. Setting one installs the store's sender;
+// null, or destroying that mailbox, stops the sending. Returns the previous one.
+ZROBJ_API COSMailslot* ZRNET_SetStoreMailslot(COSMailslot* mailslot);
+ZROBJ_API COSMailslot* ZRNET_GetStoreMailslot();

@@ -146,6 +146,8 @@ class ZROBJ_API CZRObject : public CZRRTObject {
   // Creates a new object file for this object in the working project (write access held); the
   // locator's result (Locator::kAccessGranted = 0 on success).
   DWORD CreateDiskImage();
+  // Grants `access` to `user` on this object (null removes its access list): Locator::GrantAccess.
+  int GrantAccess(const WCHAR* user, DWORD access);
 
   // The class-wide free-watch range [min, max) of object ids and the trace-virtual switch.
   static void SetFreeWatchRange(DWORD min, DWORD max, DWORD traceVirtual);

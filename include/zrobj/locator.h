@@ -3,6 +3,7 @@
 #pragma once
 
 #include "zrobj/chunkarc.h"
+#include "zrobj/cpacl.h"
 #include "zrobj/czrfile.h"
 #include "zrobj/export.h"
 #include "zrobj/prjloc.h"
@@ -128,6 +129,31 @@ class ZROBJ_API Locator {
   // Reads the header chunks only. Needs access; 1, or 0 for a file that is not an object file.
   int ReadHeader(ObjectFileHeader* header);
 
+  // ---- access lists (the ".acl" file beside the object file; see cpacl.h) ----
+  // Grants `access` (its bits 0xE0000000) to `user` on the object, or removes the object's list when
+  // `user` is null, as the registry's current user. Needs write access ("Locator::GrantAccess:
+  // Invalid access or rights" otherwise). Marks the object file changed; a created or removed list
+  // is recorded in the active list and announced through the store notification sender. 1 / 0.
+  int GrantAccess(const WCHAR* user, DWORD access);
+  // Calls `callback` once per user of the object's list (name, rights, context); the number of
+  // calls. Nothing for an invalid or virtual locator, an object file without the hidden marker, or
+  // no list file.
+  int EnumRights(zr::ACLENUMPROC callback, void* context);
+  // Whether the object's list is to be consulted: valid, not virtual, and its file's attributes
+  // can be read.
+  int CheckACL();
+  // Sets or clears kFlagUseACL; 1.
+  int SetACLFlag(int on);
+  // A private copy of the active list of the working project.
+  static CPACLList GetActiveACLList();
+
+  // The object file's change stamp (its last-write time) as this locator last saw it, in two
+  // words: taken with the access, after each load and commit, cleared when an access-list change
+  // marks the file changed. Whether the file's stamp now differs from it (0 when it cannot be read).
+  int IsChangedOnDisk() const;
+  DWORD GetSeenStampLow() const { return seen_stamp_[0]; }
+  DWORD GetSeenStampHigh() const { return seen_stamp_[1]; }
+
   // Object ids in [min, max) print a watch line with a short stack when their access is taken or
   // released and when they are committed. Negative values are taken as 0 (written back).
   static void SetRWWatchRange(int& min, int& max);
@@ -137,14 +163,30 @@ class ZROBJ_API Locator {
   DWORD OpenFile(DWORD access, DWORD creation, DWORD timeoutMs);
   bool ReadWhole(CPMemoryFile* content);
   void Watch(const char* member) const;
+  void RememberStamp();
+  void MarkFileChanged();
+  void SendACLNotification(DWORD flag) const;
 
   Location location_;  // the first five words
   DWORD object_id_;    // the object id: the file number, or 0
   DWORD access_;       // ZR_ACCESS_READ / ZR_ACCESS_WRITE held now
   DWORD flags_;
   DWORD commit_count_;  // as read or written last
+  DWORD seen_stamp_[2];  // the object file's last-write time as last seen (low, high); 0 = unknown
   CZRFile file_;
 };
+
+namespace zr {
+
+// Store notifications (the access-list change message, a mail item with its header) go to the other
+// computers through a sender installed by the messaging layer above the store. Until one is
+// installed, nothing is sent. Install null to stop sending; the previous sender is returned.
+using STORENOTIFYSENDER = int (*)(const void* message, DWORD size);
+ZROBJ_API STORENOTIFYSENDER SetStoreNotifySender(STORENOTIFYSENDER sender);
+// Hands a message to the installed sender: its result, 0 when none is installed.
+ZROBJ_API int SendStoreNotification(const void* message, DWORD size);
+
+}  // namespace zr
 
 // The registry of projects: project id -> directory (ending in '/') and name, kept in
 // "PROJECTS.INI" in the settings directory; the current user; each project's administrators (kept

@@ -14,8 +14,10 @@
 #include "net_test_support.h"
 #include "platform/clock.h"
 #include "platform/desktop.h"
+#include "platform/text.h"
 #include "test_support.h"
 #include "zrobj/costhread.h"
+#include "zrobj/locator.h"
 #include "zrobj/zrhash.h"
 #include "zrobj/zrobj.h"
 
@@ -27,6 +29,8 @@ using nettest::RawPeer;
 
 constexpr char16_t kSlot[] = u"zrtest";
 constexpr char16_t kGroup[] = u"TESTGROUP";
+
+struct Received;
 
 class MailTest : public ::testing::Test {
  protected:
@@ -79,6 +83,10 @@ class MailTest : public ::testing::Test {
       if (items[i].ComputerID == id) return items[i];
     return tagMAILTARGET{};
   }
+
+  // ALPHA and BRAVO, greeted (seen by `watch`, made before); BRAVO's change notifications go to
+  // `received`. Null when something failed.
+  std::pair<COSMailslot*, COSMailslot*> GreetedPair(LineWatch& watch, Received& received);
 
   zrtest::TempDir dir_;
   std::vector<std::unique_ptr<COSMailslot>> boxes_;
@@ -224,13 +232,21 @@ TEST_F(MailTest, ApplicationMessagesReachTheHandlerOrWaitForGetMessage) {
   EXPECT_EQ(0, std::memcmp(received.items[0].data() + 16, payload, sizeof payload));
 }
 
-TEST_F(MailTest, ChangeNotificationReachesTheOtherMailbox) {
-  LineWatch watch;
+std::pair<COSMailslot*, COSMailslot*> MailTest::GreetedPair(LineWatch& watch, Received& received) {
   COSMailslot& a = Box(u"ALPHA", u"alice");
   COSMailslot& b = Box(u"BRAVO", u"bob");
+  if (b.RegisterChangeNotify(OnNotify, &received) != 1) return {nullptr, nullptr};
+  if (!watch.WaitFor(u"\rComputer " + Hex(Id(u"ALPHA")) + u" (ALPHA) said HELLO ACKNOWLEDGED\r\n")) return {nullptr, nullptr};
+  return {&a, &b};
+}
+
+TEST_F(MailTest, ChangeNotificationReachesTheOtherMailbox) {
+  LineWatch watch;  // before the mailboxes open, so that it sees their greeting
   Received received;
-  ASSERT_EQ(b.RegisterChangeNotify(OnNotify, &received), 1);
-  ASSERT_TRUE(watch.WaitFor(u"\rComputer " + Hex(Id(u"ALPHA")) + u" (ALPHA) said HELLO ACKNOWLEDGED\r\n"));
+  const auto [alpha, bravo] = GreetedPair(watch, received);
+  ASSERT_TRUE(alpha && bravo);
+  COSMailslot& a = *alpha;
+  COSMailslot& b = *bravo;
   struct {
     tagMAILHEADER header;
     DWORD location[5];
@@ -249,6 +265,57 @@ TEST_F(MailTest, ChangeNotificationReachesTheOtherMailbox) {
   EXPECT_EQ(zr::LoadLE32(got.data() + 36), 1u);
   EXPECT_EQ(b.UnregisterChangeNotify(OnNotify, &received), 1);
   EXPECT_EQ(b.UnregisterChangeNotify(OnNotify, &received), 0);
+}
+
+// An access list created and removed through a locator is announced through the store's mailbox.
+TEST_F(MailTest, AccessListChangesGoOutThroughTheStoreMailbox) {
+  LineWatch watch;  // before the mailboxes open, so that it sees their greeting
+  Received received;
+  const auto [alpha, bravo] = GreetedPair(watch, received);
+  ASSERT_TRUE(alpha && bravo);
+  EXPECT_EQ(ZRNET_SetStoreMailslot(alpha), nullptr);
+  EXPECT_EQ(ZRNET_GetStoreMailslot(), alpha);
+
+  ::setenv("ZROBJ_USERNAME", "alice", 1);
+  zrtest::TempDir projectDir;
+  const DWORD project = PrjRegistry::AddProject(zr::os::Utf8ToUtf16(projectDir.path()).c_str(), nullptr);
+  ASSERT_NE(project, 0u);
+  ASSERT_EQ(PrjRegistry::SetWorkingProject(project), 1);
+  Locator locator;
+  ASSERT_EQ(locator.CreateDiskImage(GetHashID("CTestObject")), Locator::kAccessGranted);
+  ASSERT_EQ(locator.Commit(0, nullptr, nullptr, "CTestObject"), 1);
+  ASSERT_EQ(locator.GrantAccess(u"bob", 0x80000000u), 1);
+  ASSERT_EQ(locator.GrantAccess(nullptr, 0), 1);
+  ASSERT_TRUE(received.Wait(2));
+  {
+    std::lock_guard hold(received.lock);
+    const Location& at = locator.GetLocation();
+    const DWORD words[5] = {at.dwProject, at.dwDir, at.dwFile, at.dwClass, at.dwKind};
+    for (DWORD flag : {1u, 0u}) {
+      const std::vector<BYTE>& got = received.items[1 - flag];
+      ASSERT_EQ(got.size(), 40u);
+      EXPECT_EQ(zr::LoadLE32(got.data()), 40u);
+      EXPECT_EQ(zr::LoadLE32(got.data() + 4), Id(u"ALPHA"));
+      EXPECT_EQ(zr::LoadLE32(got.data() + 12), 2u);
+      for (int i = 0; i < 5; ++i) EXPECT_EQ(zr::LoadLE32(got.data() + 16 + 4 * i), words[i]);
+      EXPECT_EQ(zr::LoadLE32(got.data() + 36), flag);
+    }
+  }
+  locator.Reset();
+  PrjRegistry::SetWorkingProject(0);
+  PrjRegistry::RemoveProject(project);
+  ::unsetenv("ZROBJ_USERNAME");
+
+  // Taking the mailbox away stops the sending; so does destroying it.
+  const BYTE item[40] = {40, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2};
+  EXPECT_EQ(zr::SendStoreNotification(item, sizeof item), 1);
+  EXPECT_EQ(ZRNET_SetStoreMailslot(nullptr), alpha);
+  EXPECT_EQ(zr::SendStoreNotification(item, sizeof item), 0);
+  ZRNET_SetStoreMailslot(bravo);
+  EXPECT_EQ(zr::SendStoreNotification(item, 39), 0);  // the size word must match
+  boxes_.clear();
+  EXPECT_EQ(ZRNET_GetStoreMailslot(), nullptr);
+  EXPECT_EQ(zr::SendStoreNotification(item, sizeof item), 0);
 }
 
 TEST_F(MailTest, WireBytesOfEveryTypeAreExact) {

@@ -356,6 +356,25 @@ TEST(CZRObject, CommitNotifiesTheGradeAndClearsIt) {
   doc->DelObject();
 }
 
+TEST(CZRObject, GrantAccessGoesThroughTheLocator) {
+  WorkingProject project;
+  auto* doc = static_cast<TestDoc*>(TestDoc::Create());
+  EXPECT_EQ(doc->GrantAccess(u"bob", ZR_ACCESS_READ), 0);  // no file, no write access
+  ASSERT_EQ(doc->CreateDiskImage(), Locator::kAccessGranted);
+  ASSERT_EQ(doc->GrantAccess(u"bob", ZR_ACCESS_READ), 1);
+  std::vector<std::string> users;
+  EXPECT_EQ(doc->GetLocator().EnumRights(
+                [](const WCHAR* user, DWORD, void* context) {
+                  static_cast<std::vector<std::string>*>(context)->push_back(N(user));
+                },
+                &users),
+            2);
+  EXPECT_EQ(users.back(), "bob");
+  EXPECT_EQ(doc->GrantAccess(nullptr, 0), 1);
+  EXPECT_EQ(doc->GetLocator().EnumRights([](const WCHAR*, DWORD, void*) {}, nullptr), 0);
+  doc->DelObject();
+}
+
 TEST(CZRObject, AnObjectCommittedByAChildIsReloadedByTheParent) {
   WorkingProject project;
   PrjRegistry::SetWorkingProject(0);  // the child opens the project's ids itself

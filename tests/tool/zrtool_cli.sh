@@ -281,5 +281,46 @@ check "mail bad name" 1 "$tool" mail ping ALPHA --name 'A/B'
 check "mail help" 0 "$tool" mail --help
 unset ZROBJ_WORKGROUP_DIR
 
+# Access lists: the first grant makes the list and the marker, a user without the list right is
+# refused, revoke takes rights away and --all removes the list; bad usage gives 2.
+export ZROBJ_HOME="$work/home"
+mkdir -p "$work/acl/Film/obj/00000004" && printf 'x' > "$work/acl/Film/obj/00000004/00000400.zro"
+obj="$work/acl/Film/obj/00000004/00000400.zro"
+check "acl help" 0 "$tool" acl --help
+check "acl of an unregistered project" 1 "$tool" acl show "$obj"
+grep -q "not a registered project" "$work/err" || { echo "FAIL: acl unregistered message"; failures=$((failures + 1)); }
+check "acl project add" 0 "$tool" project add "$work/acl/Film"
+aclpid=$(cat "$work/out")
+check "acl show, no list" 0 "$tool" acl show "$obj"
+grep -q "no access list, marker not set" "$work/out" || { echo "FAIL: acl show without list"; failures=$((failures + 1)); }
+check "acl grant" 0 env ZROBJ_USERNAME=alice "$tool" acl grant "$obj" bob read write
+[ -f "$work/acl/Film/obj/00000004/00000400.acl" ] || { echo "FAIL: acl file not created"; failures=$((failures + 1)); }
+check "acl show" 0 "$tool" acl show "$obj" --project "$aclpid"
+grep -q "access list, marker set" "$work/out" || { echo "FAIL: acl show marker"; failures=$((failures + 1)); }
+grep -qx "alice	0xE0000000	read,write,admin" "$work/out" || { echo "FAIL: acl creator rights"; failures=$((failures + 1)); }
+grep -qx "bob	0xC0000000	read,write" "$work/out" || { echo "FAIL: acl granted rights"; failures=$((failures + 1)); }
+check "acl grant without the list right" 1 env ZROBJ_USERNAME=bob "$tool" acl grant "$obj" carol
+grep -q "was not changed" "$work/err" || { echo "FAIL: acl refusal message"; failures=$((failures + 1)); }
+check "acl revoke" 0 env ZROBJ_USERNAME=alice "$tool" acl revoke "$obj" bob
+"$tool" acl show "$obj" > "$work/out" 2>&1
+grep -qx "bob	0x00000000	none" "$work/out" || { echo "FAIL: acl revoke"; failures=$((failures + 1)); }
+check "acl revoke --all by a stranger" 1 env ZROBJ_USERNAME=carol "$tool" acl revoke "$obj" --all
+check "acl revoke --all" 0 env ZROBJ_USERNAME=alice "$tool" acl revoke "$obj" --all
+[ ! -e "$work/acl/Film/obj/00000004/00000400.acl" ] || { echo "FAIL: acl file not removed"; failures=$((failures + 1)); }
+check "acl show after removal" 0 "$tool" acl show "$obj"
+grep -q "no access list, marker not set" "$work/out" || { echo "FAIL: acl marker after removal"; failures=$((failures + 1)); }
+printf 'x' > "$work/acl/Film/obj/00000004/notes.txt"
+check "acl of a file that is no object file" 1 "$tool" acl show "$work/acl/Film/obj/00000004/notes.txt"
+check "acl of a missing file" 1 "$tool" acl show "$work/acl/Film/obj/00000004/00000401.zro"
+check "acl with another project" 1 "$tool" acl show "$obj" --project 999
+check "acl without verb" 2 "$tool" acl
+check "acl unknown verb" 2 "$tool" acl drop "$obj"
+check "acl unknown right" 2 "$tool" acl grant "$obj" bob everything
+check "acl bad project id" 2 "$tool" acl show "$obj" --project x
+check "acl --all with grant" 2 "$tool" acl grant "$obj" --all
+check "acl revoke without user" 2 "$tool" acl revoke "$obj"
+"$tool" project remove "$aclpid" >/dev/null 2>&1
+unset ZROBJ_HOME
+
 if [ "$failures" -ne 0 ]; then echo "$failures zrtool check(s) failed"; exit 1; fi
 echo "zrtool checks passed"

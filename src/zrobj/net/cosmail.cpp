@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <mutex>
 #include <unordered_map>
 #include <utility>
 
@@ -21,6 +22,7 @@
 #include "zrobj/byteorder.h"
 #include "zrobj/zrcrash.h"
 #include "zrobj/zrdiag.h"
+#include "zrobj/locator.h"
 #include "zrobj/zrhash.h"
 #include "zrobj/zrobj.h"
 
@@ -599,6 +601,7 @@ COSMailslot::COSMailslot(unsigned long /*flags*/)
 }
 
 COSMailslot::~COSMailslot() {
+  if (ZRNET_GetStoreMailslot() == this) ZRNET_SetStoreMailslot(nullptr);
   Close();
   delete m_state;
 }
@@ -960,4 +963,49 @@ int COSMailslot::HandleDatagram(const void* bytes, DWORD length, DWORD ipv4, DWO
   if (!MailboxEngine::Check(*this, data, length, from)) return 0;
   MailboxEngine::Process(*this, data, from);
   return 1;
+}
+
+// ---- the store's mailbox ----
+
+namespace {
+
+struct StoreMailbox {
+  std::mutex lock;  // held while sending, so that the mailbox cannot go away during a Notify
+  COSMailslot* mailslot = nullptr;
+};
+
+StoreMailbox& Store() {
+  static auto* store = new StoreMailbox;  // never destroyed: a grant may come during unload
+  return *store;
+}
+
+// The store's sender: a whole mail item (little-endian header first) through the mailbox's Notify.
+int SendThroughStoreMailbox(const void* message, DWORD size) {
+  if (message == nullptr || size < MAIL_HEADER_SIZE || size > MAIL_MAX_DATAGRAM) return 0;
+  const auto* bytes = static_cast<const BYTE*>(message);
+  if (zr::LoadLE32(bytes) != size) return 0;
+  std::vector<DWORD> item((size + 3) / 4);  // aligned for the header
+  std::memcpy(item.data(), bytes, size);
+  auto* header = reinterpret_cast<tagMAILHEADER*>(item.data());
+  *header = LoadHeader(bytes);
+  StoreMailbox& store = Store();
+  std::lock_guard hold(store.lock);
+  return store.mailslot ? store.mailslot->Notify(header) : 0;
+}
+
+}  // namespace
+
+COSMailslot* ZRNET_SetStoreMailslot(COSMailslot* mailslot) {
+  StoreMailbox& store = Store();
+  std::lock_guard hold(store.lock);
+  COSMailslot* previous = store.mailslot;
+  store.mailslot = mailslot;
+  zr::SetStoreNotifySender(mailslot ? &SendThroughStoreMailbox : nullptr);
+  return previous;
+}
+
+COSMailslot* ZRNET_GetStoreMailslot() {
+  StoreMailbox& store = Store();
+  std::lock_guard hold(store.lock);
+  return store.mailslot;
 }

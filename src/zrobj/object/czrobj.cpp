@@ -334,6 +334,7 @@ int CZRObject::Unwind() { return Reload(); }
 int CZRObject::SetLocation(const Location& location) { return locator_.SetLocation(location); }
 
 DWORD CZRObject::CreateDiskImage() { return locator_.CreateDiskImage(GetRuntimeClass()->dwHashID); }
+int CZRObject::GrantAccess(const WCHAR* user, DWORD access) { return locator_.GrantAccess(user, access); }
 
 // ---- change tracking ----
 

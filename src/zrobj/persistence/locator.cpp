@@ -150,7 +150,7 @@ bool OpenContent(CMemChunkArchive& archive, CPMemoryFile& content) {
 
 }  // namespace
 
-Locator::Locator() : object_id_(0), access_(0), flags_(0), commit_count_(0) {}
+Locator::Locator() : object_id_(0), access_(0), flags_(0), commit_count_(0), seen_stamp_{0, 0} {}
 
 Locator::~Locator() { ReleaseAccess(); }
 
@@ -170,6 +170,7 @@ void Locator::Reset() {
   object_id_ = 0;
   flags_ = 0;
   commit_count_ = 0;
+  seen_stamp_[0] = seen_stamp_[1] = 0;
 }
 
 int Locator::SetVirtual(DWORD classHash) {
@@ -234,6 +235,7 @@ DWORD Locator::Access(DWORD access, DWORD timeoutMs) {
   access_ = access;
   ObjectFileHeader header;
   commit_count_ = ReadHeader(&header) ? header.commitCount : 0;
+  RememberStamp();
   Watch("Access");
   return kAccessGranted;
 }
@@ -256,6 +258,7 @@ DWORD Locator::CreateDiskImage(DWORD classHash, DWORD kind) {
   }
   access_ = ZR_ACCESS_READ | ZR_ACCESS_WRITE;
   flags_ |= kFlagCreated;
+  RememberStamp();
   Watch("CreateDiskImage");
   return kAccessGranted;
 }
@@ -316,6 +319,7 @@ int Locator::Commit(DWORD flags, PFNOBJECTDATA store, void* object, const char* 
   }
   ++commit_count_;
   flags_ &= ~kFlagCreated;
+  RememberStamp();
   Watch("Commit");
   if (flags & kCommitRelease) ReleaseAccess();
   return 1;
@@ -362,6 +366,7 @@ int Locator::Load(PFNOBJECTDATA load, void* object) {
   commit_count_ = header.commitCount;
   const int loaded = load ? load(object, &archive) : 1;
   archive.Chnk_Close(data);
+  RememberStamp();
   return loaded ? 1 : 0;
 }
 
@@ -378,6 +383,10 @@ void Locator::GetRWWatchRange(int* min, int* max) {
   if (min) *min = g_watch_min.load(std::memory_order_relaxed);
   if (max) *max = g_watch_max.load(std::memory_order_relaxed);
 }
+
+// ---- shared with the other Locator sources ----
+
+void zr::ReportLocatorFailure(const char16_t* text) { Report(text); }
 
 // ---- start-up steps ----
 

@@ -15,6 +15,7 @@
 #include "platform/inifile.h"
 #include "platform/profile.h"
 #include "platform/text.h"
+#include "zrobj/cpacl.h"
 #include "zrobj/locator.h"
 #include "zrobj/zrhash.h"
 
@@ -309,6 +310,9 @@ int PrjRegistry::SetWorkingProject(DWORD projectId) {
         delete ids;
       }
     }
+    // The active access list follows the working project: forgotten now, scanned on next use.
+    const std::optional<Entry> entry = opened ? FindEntry(projectId) : std::nullopt;
+    zr::ResetActiveACLList(entry ? entry->directory.c_str() : nullptr);
   }
   TellListeners(opened ? projectId : 0);
   return opened || projectId == 0 ? 1 : 0;
