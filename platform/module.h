@@ -25,5 +25,15 @@ HMODULE LibraryModule();
 std::string ModuleFileNameFromAddress(std::uintptr_t address);
 // The absolute file name of the main executable, UTF-8.
 std::string MainExecutableFileName();
+// True when `address` lies in a loaded segment of the main executable.
+bool IsInMainExecutable(const void* address);
+
+// Loads a shared object (dlopen, RTLD_NOW | RTLD_LOCAL): a path with a '/' is used as it is, a bare
+// file name goes through the system's search. Returns its module handle (load base), null on
+// failure. Each successful load takes one reference.
+HMODULE LoadModule(const WCHAR* path);
+// Drops one reference of a loaded module (given by its handle); the last one unloads it.
+// FALSE when no loaded module has this handle.
+BOOL FreeModule(HMODULE module);
 
 }  // namespace zr::os

@@ -3,6 +3,9 @@
 
 #include <charconv>
 #include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
 
 #include "platform/inifile.h"
 #include "platform/text.h"
@@ -151,6 +154,34 @@ BOOL CSetFile::ReadSettingBool(const char* section, const char* key, int* value)
 
 BOOL CSetFile::WriteSettingBool(const char* section, const char* key, int value) {
   return WriteRaw(section, key, value ? "1" : "0");
+}
+
+BOOL CSetFile::ReadSettingDWORD(const char* section, const char* key, DWORD* value) const {
+  int read = 0;
+  if (!value || !ReadSettingInt(section, key, &read)) return FALSE;
+  *value = static_cast<DWORD>(read);
+  return TRUE;
+}
+
+BOOL CSetFile::WriteSettingDWORD(const char* section, const char* key, DWORD value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(value));
+  return WriteRaw(section, key, text);
+}
+
+std::vector<std::string> CSetFile::GetSectionNames(std::size_t limit) const {
+  if (path_.empty()) return {};
+  std::vector<std::string> names = IniSections(path_);
+  if (names.size() > limit) names.resize(limit);
+  return names;
+}
+
+BOOL CSetFile::DeleteSettingFile() {
+  if (path_.empty()) return FALSE;
+  std::error_code ec;
+  if (std::filesystem::is_directory(std::filesystem::symlink_status(path_, ec))) return FALSE;
+  std::filesystem::remove(path_, ec);
+  return ec ? FALSE : TRUE;
 }
 
 }  // namespace zr::os

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
@@ -31,6 +32,17 @@ class CSetFile {
   BOOL WriteSettingInt(const char* section, const char* key, int value);
   BOOL ReadSettingBool(const char* section, const char* key, int* value) const;
   BOOL WriteSettingBool(const char* section, const char* key, int value);
+
+  // 32-bit values, written as "0x" and eight hex digits; reads take every integer form of
+  // ReadSettingInt.
+  BOOL ReadSettingDWORD(const char* section, const char* key, DWORD* value) const;
+  BOOL WriteSettingDWORD(const char* section, const char* key, DWORD value);
+
+  // The first `limit` section names, in file order.
+  std::vector<std::string> GetSectionNames(std::size_t limit) const;
+  // Removes the file (never a directory); non-zero when it is gone afterwards (also when there was
+  // none).
+  BOOL DeleteSettingFile();
 
   const std::string& path() const { return path_; }  // UTF-8
 

@@ -1,5 +1,5 @@
 // Projects: the unique ids of a project (the "PRJ.IDS" counter file that every process with the
-// project open shares through byte-range locks on it) and the directories of registered projects.
+// project open shares through byte-range locks on it), directories for this process, project archives.
 #pragma once
 
 #include "zrobj/coslock.h"
@@ -61,10 +61,12 @@ class ZROBJ_API CProjUniID {
   WCHAR name_[ZR_MAX_PATH];  // the file's name, for the messages
 };
 
-// The project registry, as far as the id files need it: the directory (ending in '/') registered
-// for a project id. 1 done; 0 for a null or too long directory. A null directory forgets the id.
+// Registers a directory (kept ending in '/') under a project id for this process only, in front
+// of the projects of the registry file (PrjRegistry, "zrobj/locator.h"). 1 done; 0 for a too long
+// directory. A null directory forgets the id.
 ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_SetProjectDirectory(DWORD projectId, const WCHAR* directory);
-// Copies the directory of `projectId` into `buffer` (ZR_MAX_PATH characters); 0 when unregistered.
+// Copies the directory of `projectId` (PrjRegistry::GetProjectDirectory) into `buffer`
+// (ZR_MAX_PATH characters); 0 when unregistered.
 ZROBJ_EXTERN_C ZROBJ_API int ZROBJ_GetProjectDirectory(DWORD projectId, WCHAR* buffer);
 
 // A project packed into one archive file ("jPvo", a 532-byte header, then one entry per file and

@@ -51,6 +51,14 @@ std::string Absolute(const std::string& path) {
   return ::realpath(path.c_str(), resolved) ? std::string(resolved) : path;
 }
 
+// The file name the loader knows an object by, as it was given to it ("" for the executable).
+std::string LoaderName(HMODULE module) {
+  PhdrSearch search;
+  search.base = reinterpret_cast<std::uintptr_t>(module);
+  dl_iterate_phdr(FindByBase, &search);
+  return search.found && !search.is_main ? search.name : std::string();
+}
+
 std::string ModuleFileName(HMODULE module) {
   if (!module) return MainExecutableFileName();
   PhdrSearch search;
@@ -82,6 +90,40 @@ std::string MainExecutableFileName() {
   char path[PATH_MAX];
   const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
   return n > 0 ? std::string(path, static_cast<std::size_t>(n)) : std::string();
+}
+
+bool IsInMainExecutable(const void* address) {
+  Dl_info info{};
+  if (!address || !dladdr(address, &info)) return false;
+  PhdrSearch search;
+  search.base = reinterpret_cast<std::uintptr_t>(info.dli_fbase);
+  dl_iterate_phdr(FindByBase, &search);
+  return search.found && search.is_main;
+}
+
+HMODULE LoadModule(const WCHAR* path) {
+  if (!path || !*path) return nullptr;
+  void* handle = ::dlopen(Utf16ToUtf8(path).c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!handle) return nullptr;
+  link_map* map = nullptr;
+  Dl_info info{};
+  if (::dlinfo(handle, RTLD_DI_LINKMAP, &map) != 0 || !map || !dladdr(map->l_ld, &info)) {
+    ::dlclose(handle);
+    return nullptr;
+  }
+  return info.dli_fbase;
+}
+
+// A handle for a module that is already loaded comes from dlopen with RTLD_NOLOAD under the name the
+// loader knows it by; it takes a reference of its own, so the module's reference goes with it.
+BOOL FreeModule(HMODULE module) {
+  if (!module) return FALSE;
+  const std::string name = LoaderName(module);
+  if (name.empty()) return FALSE;
+  void* handle = ::dlopen(name.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+  if (!handle) return FALSE;
+  ::dlclose(handle);
+  return ::dlclose(handle) == 0;
 }
 
 void GetSystemInfo(SYSTEM_INFO* info) {

@@ -25,6 +25,8 @@
 #include "test_support.h"
 #include "frame/frame_internal.h"
 #include "frame/startup/lifecycle_internal.h"
+#include "object/czrobj_internal.h"
+#include "persistence/locator_internal.h"
 #include "os/threads/costhread_internal.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrobj.h"

@@ -14,8 +14,10 @@
 #include "platform/diag_capture.h"
 #include "platform/files.h"
 #include "platform/text.h"
+#include "frame_home.h"
 #include "test_support.h"
 #include "zrobj/byteorder.h"
+#include "zrobj/locator.h"
 #include "zrobj/prjloc.h"
 #include "zrobj/zrdiag.h"
 
@@ -121,6 +123,31 @@ TEST(PrjLocator, PackAndUnpackKeepContentsTimesAndAttributes) {
                 (os::kFileAttributeReadOnly | os::kFileAttributeHidden),
             os::kFileAttributeReadOnly | os::kFileAttributeHidden);
   EXPECT_FALSE(fs::exists(out.File(".Film.unpacking")));
+}
+
+// A project registered under a name of its own is packed under that name; a name that is more
+// than one path component could not be unpacked, so the directory's name stands in for it.
+TEST(PrjLocator, PackUsesTheRegisteredName) {
+  zrtest::ScopedHome home;
+  zrtest::TempDir root;
+  const std::string dir = root.File("take7");
+  fs::create_directories(dir);
+  zrtest::WriteFile(dir + "/cut.txt", "cut");
+  for (const auto& [given, packed] : {std::pair{u"Cutting Room", "Cutting Room"}, std::pair{u"a/b", "take7"}}) {
+    const DWORD id = PrjRegistry::AddProject(W(dir).c_str(), given);
+    ASSERT_NE(id, 0u);
+    CProjUniID ids;
+    ids.Create(id, 0);
+    const std::string archive = root.File("cut.zpk");
+    ASSERT_EQ(PrjLocator::PackProject(W(archive).c_str(), id), 1);
+    std::string name;
+    List(archive, &name);
+    EXPECT_EQ(name, packed);
+    zrtest::TempDir out;
+    ASSERT_EQ(PrjLocator::UnpackProject(W(archive).c_str(), W(out.path()).c_str()), 1);
+    EXPECT_EQ(zrtest::ReadFile(out.File(std::string(packed) + "/cut.txt")), "cut");
+    PrjRegistry::RemoveProject(id);
+  }
 }
 
 // A pack killed half-way leaves nothing: the archive has no name until it is whole.

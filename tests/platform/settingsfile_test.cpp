@@ -138,6 +138,42 @@ TEST(SetFile, ValuesAndRefusals) {
   EXPECT_TRUE(std::filesystem::is_directory(blocked));
 }
 
+TEST(SetFile, WordsSectionsAndDeletion) {
+  ScopedHome home;
+  const std::string file8 = home.File("words.acl");
+  const std::u16string path = os::Utf8ToUtf16(file8);
+  os::CSetFile file(path.c_str());
+  DWORD word = 5;
+  EXPECT_FALSE(file.ReadSettingDWORD("A", "W", &word));
+  EXPECT_EQ(word, 5u);
+  EXPECT_TRUE(file.WriteSettingDWORD("A", "W", 0xE0000000u));
+  EXPECT_NE(zrtest::ReadFile(file8).find("W=0xE0000000"), std::string::npos) << zrtest::ReadFile(file8);
+  EXPECT_TRUE(file.ReadSettingDWORD("a", "w", &word));
+  EXPECT_EQ(word, 0xE0000000u);
+  EXPECT_TRUE(file.WriteSettingInt("B", "W", -1));  // any integer form reads as a word
+  EXPECT_TRUE(file.ReadSettingDWORD("B", "W", &word));
+  EXPECT_EQ(word, 0xFFFFFFFFu);
+  EXPECT_TRUE(file.WriteSettingString("C", "W", u"text"));
+  EXPECT_FALSE(file.ReadSettingDWORD("C", "W", &word));
+  EXPECT_FALSE(file.ReadSettingDWORD("A", "W", nullptr));
+
+  EXPECT_EQ(file.GetSectionNames(10), (std::vector<std::string>{"A", "B", "C"}));
+  EXPECT_EQ(file.GetSectionNames(2), (std::vector<std::string>{"A", "B"}));
+  EXPECT_TRUE(file.GetSectionNames(0).empty());
+
+  EXPECT_TRUE(file.DeleteSettingFile());
+  EXPECT_FALSE(std::filesystem::exists(file8));
+  EXPECT_TRUE(file.GetSectionNames(10).empty());
+  EXPECT_FALSE(file.ReadSettingDWORD("A", "W", &word));
+  EXPECT_TRUE(file.DeleteSettingFile());  // nothing left to delete
+  const std::string dir = home.File("full.acl");
+  std::filesystem::create_directories(dir);
+  const std::u16string dir16 = os::Utf8ToUtf16(dir);
+  os::CSetFile directory(dir16.c_str());
+  EXPECT_FALSE(directory.DeleteSettingFile());  // a directory is not a settings file
+  EXPECT_TRUE(std::filesystem::is_directory(dir));
+}
+
 TEST(IniFile, HostileContentNeverCrashes) {
   ScopedHome home;
   const std::string path = home.File("fuzz.ini");

@@ -204,6 +204,124 @@ check "wav info of a missing file" 1 "$tool" wav info "$work/none.wav"
 check "wav without mode" 2 "$tool" wav
 check "wav spectrum (not offered)" 2 "$tool" wav spectrum "$work/ok.wav"
 
+# The class registry: a driver from the folder beside the library, refused drivers, the shutdown.
+check "classes with the demo driver" 0 "$tool" classes --load zrdrv_demo.so --dump --shutdown
+grep -q '^3 .*CZRDemoCircle .* CZRDemoShape .*zrdrv_demo.so$' "$work/out" || { echo "FAIL: classes list"; failures=$((failures + 1)); }
+grep -q 'DLL   : .*/driver/zrdrv_demo.so$' "$work/out" || { echo "FAIL: classes dump"; failures=$((failures + 1)); }
+grep -q 'Shutdown \[3\] CZRDemoCircle' "$work/out" && tail -n 1 "$work/out" | grep -q '^2 registered$' \
+  || { echo "FAIL: classes shutdown"; failures=$((failures + 1)); }
+check "classes with a driver without classes" 1 "$tool" classes --load zrdrv_empty.so
+check "classes with a missing driver twice" 1 "$tool" classes --load zrdrv_missing.so --load zrdrv_missing.so
+[ "$(grep -c 'Failure to load' "$work/out")" -eq 1 ] || { echo "FAIL: second load of a missing driver not silent"; failures=$((failures + 1)); }
+check "classes with a bad option" 2 "$tool" classes --bogus
+
+# Projects: registration kept in the settings directory, object files listed with their headers.
+export ZROBJ_HOME="$work/home"
+check "project add" 0 "$tool" project add "$work/store/Film" Film
+pid=$(cat "$work/out")
+check "project list" 0 "$tool" project list
+grep -q "^$pid	Film	$work/store/Film/$" "$work/out" || { echo "FAIL: project list"; failures=$((failures + 1)); }
+check "project objects (none)" 0 "$tool" project objects "$pid"
+grep -q "^no objects$" "$work/out" || { echo "FAIL: project objects empty"; failures=$((failures + 1)); }
+mkdir -p "$work/store/Film/obj/00000004" && printf 'junk' > "$work/store/Film/obj/00000004/00000400.zro"
+check "project objects (damaged file)" 0 "$tool" project objects "$pid"
+grep -q "not an object file" "$work/out" || { echo "FAIL: project objects damaged"; failures=$((failures + 1)); }
+check "project remove" 0 "$tool" project remove "$pid"
+check "project remove again" 1 "$tool" project remove "$pid"
+check "project objects of no project" 1 "$tool" project objects "$pid"
+check "project bad verb" 2 "$tool" project frob
+unset ZROBJ_HOME
+# Shortcuts: create, resolve and legacy round trip; refusals with status 1, bad usage with 2.
+printf 'driver' > "$work/plug in.so"
+check "shortcut help" 0 "$tool" shortcut --help
+check "shortcut create" 0 "$tool" shortcut create --legacy EDIT "$work/drv.zrs" "$work/plug in.so"
+check "shortcut resolve" 0 "$tool" shortcut resolve "$work/drv.zrs"
+grep -qx "$work/plug in.so" "$work/out" || { echo "FAIL: shortcut target not read back"; failures=$((failures + 1)); }
+check "shortcut legacy" 0 "$tool" shortcut legacy "$work/drv.zrs"
+grep -qx "EDIT" "$work/out" || { echo "FAIL: shortcut legacy tag not read back"; failures=$((failures + 1)); }
+check "shortcut create, default tag" 0 "$tool" shortcut create "$work/DEF.ZRS" "$work/plug in.so"
+check "shortcut legacy, default tag" 0 "$tool" shortcut legacy "$work/DEF.ZRS"
+grep -qx "ZROBJ" "$work/out" || { echo "FAIL: shortcut default tag"; failures=$((failures + 1)); }
+check "shortcut to a missing target" 1 "$tool" shortcut create "$work/none.zrs" "$work/missing.so"
+grep -q "does not exist" "$work/err" || { echo "FAIL: shortcut missing target message"; failures=$((failures + 1)); }
+[ ! -e "$work/none.zrs" ] || { echo "FAIL: shortcut written for a missing target"; failures=$((failures + 1)); }
+check "shortcut without extension" 1 "$tool" shortcut create "$work/noext" "$work/plug in.so"
+printf '[Driver]\nLegacy=X\n' > "$work/empty.zrs"
+check "shortcut without a path" 1 "$tool" shortcut resolve "$work/empty.zrs"
+grep -q "names no target" "$work/err" || { echo "FAIL: empty shortcut message"; failures=$((failures + 1)); }
+check "shortcut of another extension" 1 "$tool" shortcut resolve "$work/plug in.so"
+check "shortcut without action" 2 "$tool" shortcut
+check "shortcut unknown action" 2 "$tool" shortcut delete "$work/drv.zrs"
+check "shortcut resolve, extra operand" 2 "$tool" shortcut resolve "$work/drv.zrs" more
+check "shortcut --legacy without tag" 2 "$tool" shortcut create "$work/drv.zrs" "$work/plug in.so" --legacy
+# mail: a member joins a workgroup, is listed, answers a ping and an SMS, and leaves on SIGINT with
+# GOODBYE (its registration disappears). Unknown computers and bad usage are refused.
+export ZROBJ_WORKGROUP_DIR="$work/workgroups"
+"$tool" mail join CLITEST --name ALPHA --user alice > "$work/join.out" 2>&1 &
+join_pid=$!
+for _ in $(seq 1 100); do grep -q '^joined CLITEST as ALPHA' "$work/join.out" && break; sleep 0.1; done
+check "mail who" 0 "$tool" mail who CLITEST
+grep -q '^ALPHA  *zrobj  *alice  *127\.0\.0\.1:' "$work/out" || { echo "FAIL: mail who lists ALPHA"; failures=$((failures + 1)); }
+check "mail ping" 0 "$tool" mail ping ALPHA --timeout 5000
+grep -q '^PONG from ALPHA in ' "$work/out" || { echo "FAIL: mail ping prints the round trip"; failures=$((failures + 1)); }
+check "mail sms" 0 "$tool" mail sms ALPHA hello from the checks --name BRAVO
+for _ in $(seq 1 100); do grep -q 'SMS: Computer .* (BRAVO): hello from the checks' "$work/join.out" && break; sleep 0.1; done
+grep -q 'SMS: Computer .* (BRAVO): hello from the checks' "$work/join.out" || { echo "FAIL: mail join shows the SMS"; failures=$((failures + 1)); }
+check "mail ping of an unknown computer" 1 "$tool" mail ping NOBODY --timeout 200
+kill -INT "$join_pid"
+wait "$join_pid"; join_status=$?
+[ "$join_status" -eq 0 ] || { echo "FAIL: mail join ends with $join_status on SIGINT"; failures=$((failures + 1)); }
+grep -q '^left CLITEST' "$work/join.out" || { echo "FAIL: mail join leaves"; failures=$((failures + 1)); }
+check "mail who after leaving" 0 "$tool" mail who CLITEST
+grep -q '^workgroup CLITEST: 0 members' "$work/out" || { echo "FAIL: registration removed"; failures=$((failures + 1)); }
+check "mail without subcommand" 2 "$tool" mail
+check "mail bad subcommand" 2 "$tool" mail shout ALPHA
+check "mail bad timeout" 2 "$tool" mail ping ALPHA --timeout zero
+check "mail bad name" 1 "$tool" mail ping ALPHA --name 'A/B'
+check "mail help" 0 "$tool" mail --help
+unset ZROBJ_WORKGROUP_DIR
+
+# Access lists: the first grant makes the list and the marker, a user without the list right is
+# refused, revoke takes rights away and --all removes the list; bad usage gives 2.
+export ZROBJ_HOME="$work/home"
+mkdir -p "$work/acl/Film/obj/00000004" && printf 'x' > "$work/acl/Film/obj/00000004/00000400.zro"
+obj="$work/acl/Film/obj/00000004/00000400.zro"
+check "acl help" 0 "$tool" acl --help
+check "acl of an unregistered project" 1 "$tool" acl show "$obj"
+grep -q "not a registered project" "$work/err" || { echo "FAIL: acl unregistered message"; failures=$((failures + 1)); }
+check "acl project add" 0 "$tool" project add "$work/acl/Film"
+aclpid=$(cat "$work/out")
+check "acl show, no list" 0 "$tool" acl show "$obj"
+grep -q "no access list, marker not set" "$work/out" || { echo "FAIL: acl show without list"; failures=$((failures + 1)); }
+check "acl grant" 0 env ZROBJ_USERNAME=alice "$tool" acl grant "$obj" bob read write
+[ -f "$work/acl/Film/obj/00000004/00000400.acl" ] || { echo "FAIL: acl file not created"; failures=$((failures + 1)); }
+check "acl show" 0 "$tool" acl show "$obj" --project "$aclpid"
+grep -q "access list, marker set" "$work/out" || { echo "FAIL: acl show marker"; failures=$((failures + 1)); }
+grep -qx "alice	0xE0000000	read,write,admin" "$work/out" || { echo "FAIL: acl creator rights"; failures=$((failures + 1)); }
+grep -qx "bob	0xC0000000	read,write" "$work/out" || { echo "FAIL: acl granted rights"; failures=$((failures + 1)); }
+check "acl grant without the list right" 1 env ZROBJ_USERNAME=bob "$tool" acl grant "$obj" carol
+grep -q "was not changed" "$work/err" || { echo "FAIL: acl refusal message"; failures=$((failures + 1)); }
+check "acl revoke" 0 env ZROBJ_USERNAME=alice "$tool" acl revoke "$obj" bob
+"$tool" acl show "$obj" > "$work/out" 2>&1
+grep -qx "bob	0x00000000	none" "$work/out" || { echo "FAIL: acl revoke"; failures=$((failures + 1)); }
+check "acl revoke --all by a stranger" 1 env ZROBJ_USERNAME=carol "$tool" acl revoke "$obj" --all
+check "acl revoke --all" 0 env ZROBJ_USERNAME=alice "$tool" acl revoke "$obj" --all
+[ ! -e "$work/acl/Film/obj/00000004/00000400.acl" ] || { echo "FAIL: acl file not removed"; failures=$((failures + 1)); }
+check "acl show after removal" 0 "$tool" acl show "$obj"
+grep -q "no access list, marker not set" "$work/out" || { echo "FAIL: acl marker after removal"; failures=$((failures + 1)); }
+printf 'x' > "$work/acl/Film/obj/00000004/notes.txt"
+check "acl of a file that is no object file" 1 "$tool" acl show "$work/acl/Film/obj/00000004/notes.txt"
+check "acl of a missing file" 1 "$tool" acl show "$work/acl/Film/obj/00000004/00000401.zro"
+check "acl with another project" 1 "$tool" acl show "$obj" --project 999
+check "acl without verb" 2 "$tool" acl
+check "acl unknown verb" 2 "$tool" acl drop "$obj"
+check "acl unknown right" 2 "$tool" acl grant "$obj" bob everything
+check "acl bad project id" 2 "$tool" acl show "$obj" --project x
+check "acl --all with grant" 2 "$tool" acl grant "$obj" --all
+check "acl revoke without user" 2 "$tool" acl revoke "$obj"
+"$tool" project remove "$aclpid" >/dev/null 2>&1
+unset ZROBJ_HOME
+
 # image: a 3x2 24-bit bitmap (rows padded to 12 bytes); info, both scalers, bitmap -> .bsi -> bitmap
 # byte for byte, and refusals.
 { printf 'BM\x4e\x00\x00\x00\x00\x00\x00\x00\x36\x00\x00\x00\x28\x00\x00\x00\x03\x00\x00\x00\x02\x00\x00\x00\x01\x00\x18\x00'

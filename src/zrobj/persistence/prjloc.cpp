@@ -1,10 +1,8 @@
 // Project unique ids: "PRJ.IDS" holds the next free id; byte-range locks on the file serialise
 // allocation (bytes 0-3), register each user (byte 4 + k) and lock the whole project (bytes 4-259).
-// Also the registry of project directories that opening by project id looks in.
+// Directories come from the project registry (locator_registry.cpp).
 #include "zrobj/prjloc.h"
 
-#include <map>
-#include <mutex>
 #include <string>
 
 #include "platform/clock.h"
@@ -32,17 +30,6 @@ os::FileHandle AsFile(HANDLE handle) { return static_cast<os::FileHandle>(handle
 template <class... Args>
 void Report(const char16_t* format, const Args&... args) {
   if (IsDebugOn()) os::wPrintf(3, 4, format, args...);
-}
-
-// The directories of registered projects.
-struct Registry {
-  std::mutex mutex;
-  std::map<DWORD, std::u16string> directories;
-};
-
-Registry& Projects() {
-  static Registry* registry = new Registry();  // never destroyed: ids may be asked for at unload
-  return *registry;
 }
 
 // "DIRECTORY" + name for a registered project; empty when the id is unknown.
@@ -277,32 +264,4 @@ int CProjUniID::Touch() {
   const UINT64 now = os::GetSystemTimeAsFileTime();
   if (now == 0) return 0;
   return os::SetFileTime(AsFile(file_), nullptr, &now, &now) ? 1 : 0;
-}
-
-// ---- the registry of project directories ----
-
-int ZROBJ_SetProjectDirectory(DWORD projectId, const WCHAR* directory) {
-  Registry& r = Projects();
-  std::lock_guard lock(r.mutex);
-  if (!directory) {
-    r.directories.erase(projectId);
-    return 1;
-  }
-  WCHAR path[ZR_MAX_PATH] = {};
-  if (os::WStrLen(directory) + 2 > ZR_MAX_PATH) return 0;
-  os::WStrCopy(path, ZR_MAX_PATH, directory);
-  os::FU_FormatPath(path, ZR_MAX_PATH, u'/');  // '/' separators, one at the end
-  r.directories[projectId] = path;
-  return 1;
-}
-
-int ZROBJ_GetProjectDirectory(DWORD projectId, WCHAR* buffer) {
-  if (!buffer) return 0;
-  buffer[0] = 0;
-  Registry& r = Projects();
-  std::lock_guard lock(r.mutex);
-  const auto it = r.directories.find(projectId);
-  if (it == r.directories.end()) return 0;
-  os::WStrCopy(buffer, ZR_MAX_PATH, it->second);
-  return 1;
 }

@@ -13,6 +13,7 @@
 #include "platform/fileutil.h"
 #include "platform/text.h"
 #include "zrobj/byteorder.h"
+#include "zrobj/locator.h"
 #include "zrobj/prjloc.h"
 #include "zrobj/zrdiag.h"
 
@@ -250,9 +251,17 @@ BOOL PackPrjEnum(const WCHAR* path, const os::FileInfo& info, void* context) {
   return TRUE;
 }
 
-// The project's name as the registry would give it (its directory's name and a separator), less
-// its last character.
-std::u16string ProjectName(const std::u16string& directory) {
+// The project's name as the registry gives it (in its directory form, ending in a separator), less
+// its last character. A name that is not one plain component could not be unpacked; the
+// directory's own name stands in for it then.
+std::u16string ProjectName(DWORD project_id, const std::u16string& directory) {
+  WCHAR registered[ZR_MAX_PATH];
+  if (PrjRegistry::GetProjectName(project_id, registered)) {
+    const std::u16string name(registered);
+    const std::u16string trimmed = name.empty() ? name : name.substr(0, name.size() - 1);
+    if (!trimmed.empty() && trimmed.find(u'/') == std::u16string::npos && trimmed != u"." && trimmed != u"..")
+      return trimmed;
+  }
   const std::u16string trimmed = directory.substr(0, directory.size() - 1);
   const std::size_t slash = trimmed.rfind(u'/');
   return slash == std::u16string::npos ? trimmed : trimmed.substr(slash + 1);
@@ -277,7 +286,7 @@ bool WriteArchive(const std::u16string& archive_path, const std::u16string& arch
     return false;
   }
   PackContext context{&archive, {}, directory.size(), {}};
-  const bool ok = WriteHeader(archive, project_id, ProjectName(directory)) &&
+  const bool ok = WriteHeader(archive, project_id, ProjectName(project_id, directory)) &&
                   os::FU_EnumDirectory(PackPrjEnum, directory.c_str(), &context) &&
                   os::NameUnnamedFileW(archive.handle(), archive_path.c_str());
   if (!ok) Report(u"\rPrjLocator::PackProject: Archive creation failed\r\n");

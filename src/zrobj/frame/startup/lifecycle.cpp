@@ -15,7 +15,10 @@
 #include "frame/services/zrevent_internal.h"
 #include "frame/startup/lifecycle_internal.h"
 #include "memory/tlsmgr_internal.h"
+#include "object/czrobj_internal.h"
+#include "object/zrclass_internal.h"
 #include "os/threads/costhread_internal.h"
+#include "persistence/locator_internal.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrobj.h"
 
