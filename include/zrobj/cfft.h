@@ -45,6 +45,11 @@ class ZROBJ_API Engine {
   T* sin_n_ = nullptr;     // -sin, the cosine table shifted by a quarter turn
   T* cos_m_ = nullptr;
   T* sin_m_ = nullptr;
+  // The row twiddles in the order the stages use them: stage s (half = 2^s) reads entries
+  // half - 1 .. 2 half - 2, copies of cos_n_/sin_n_ at j n / (2 half); n - 1 entries each.
+  T* stage_cos_ = nullptr;
+  T* stage_sin_ = nullptr;
+  T* scratch_ = nullptr;   // one dimension: n elements for reordering
   T* re_ = nullptr;
   T* im_ = nullptr;
 
@@ -54,6 +59,8 @@ class ZROBJ_API Engine {
   void Carve(Carver& carver);
   void FillTables();
   UINT Mirror(UINT k) const;  // the bin of frequency -k
+  template <bool kForward>
+  void GridStages();  // the butterflies of every row, then of every column
 };
 
 extern template class Engine<float>;
