@@ -10,6 +10,9 @@ namespace zr::os {
 
 // Copies n bytes from `address` into `out`; false when any of it cannot be read (no signal raised).
 bool ProbeRead(const void* address, void* out, std::size_t n);
+// Copies bytes from `address` into `out` up to n or up to the first page that cannot be read, and
+// returns how many it copied (the readable part of the region, as a region query would give it).
+std::size_t ReadUntilFault(const void* address, void* out, std::size_t n);
 // True when n bytes at `address` can be written (probed with process_vm_writev of the same bytes).
 bool ProbeWritable(void* address, std::size_t n);
 

@@ -242,6 +242,34 @@ bool ProbeRead(const void* address, void* out, std::size_t n) {
   return process_vm_readv(getpid(), &local, 1, &remote, 1, 0) == static_cast<ssize_t>(n);
 }
 
+std::size_t ReadUntilFault(const void* address, void* out, std::size_t n) {
+  if (n == 0 || !address) return 0;
+  // One vector element per page: the kernel stops at the first element it cannot read whole.
+  constexpr std::size_t kPage = 4096;
+  constexpr int kBatch = 256;
+  std::size_t done = 0;
+  while (done < n) {
+    iovec local[kBatch];
+    iovec remote[kBatch];
+    int count = 0;
+    std::size_t batch = 0;
+    for (std::size_t at = done; at < n && count < kBatch; ++count) {
+      const auto address_at = reinterpret_cast<std::uintptr_t>(address) + at;
+      const std::size_t to_page_end = kPage - address_at % kPage;
+      const std::size_t chunk = n - at < to_page_end ? n - at : to_page_end;
+      local[count] = {static_cast<unsigned char*>(out) + at, chunk};
+      remote[count] = {reinterpret_cast<void*>(address_at), chunk};
+      at += chunk;
+      batch += chunk;
+    }
+    const ssize_t read = process_vm_readv(getpid(), local, count, remote, count, 0);
+    if (read <= 0) break;
+    done += static_cast<std::size_t>(read);
+    if (static_cast<std::size_t>(read) < batch) break;
+  }
+  return done;
+}
+
 bool ProbeWritable(void* address, std::size_t n) {
   if (n == 0) return true;
   if (!address) return false;
