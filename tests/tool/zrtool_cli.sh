@@ -204,5 +204,32 @@ check "wav info of a missing file" 1 "$tool" wav info "$work/none.wav"
 check "wav without mode" 2 "$tool" wav
 check "wav spectrum (not offered)" 2 "$tool" wav spectrum "$work/ok.wav"
 
+# image: a 3x2 24-bit bitmap (rows padded to 12 bytes); info, both scalers, bitmap -> .bsi -> bitmap
+# byte for byte, and refusals.
+{ printf 'BM\x4e\x00\x00\x00\x00\x00\x00\x00\x36\x00\x00\x00\x28\x00\x00\x00\x03\x00\x00\x00\x02\x00\x00\x00\x01\x00\x18\x00'
+  printf '\x00\x00\x00\x00\x18\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00'
+  printf '\x01\x02\x03\x04\x05\x06\x07\x08\x09\x00\x00\x00\x0a\x0b\x0c\x0d\x0e\x0f\x10\x11\x12\x00\x00\x00'; } > "$work/small.bmp"
+check "image info" 0 "$tool" image info "$work/small.bmp"
+grep -q '^size: *3 x 2$' "$work/out" || { echo "FAIL: image info size"; failures=$((failures + 1)); }
+grep -q '^magic: *"VORN"$' "$work/out" || { echo "FAIL: image info magic"; failures=$((failures + 1)); }
+check "image scale fast" 0 "$tool" image scale "$work/small.bmp" "$work/big.bmp" --fast 7x5
+check "image scale bilinear" 0 "$tool" image scale "$work/small.bmp" "$work/big.bsi" --bilinear 7x5
+check "image info of the scaled .bsi" 0 "$tool" image info "$work/big.bsi"
+grep -q '^size: *7 x 5$' "$work/out" || { echo "FAIL: image scale size"; failures=$((failures + 1)); }
+# The fast scaler's corners are the source's corners: bottom-left pixel first, top-right pixel last.
+[ "$(od -An -tx1 -j54 -N3 "$work/big.bmp" | tr -d ' ')" = "010203" ] || { echo "FAIL: image scale first pixel"; failures=$((failures + 1)); }
+[ "$(od -An -tx1 -j$((54 + 4 * 24 + 6 * 3)) -N3 "$work/big.bmp" | tr -d ' ')" = "101112" ] || { echo "FAIL: image scale last pixel"; failures=$((failures + 1)); }
+check "image convert to .bsi" 0 "$tool" image convert "$work/small.bmp" "$work/small.BSI"
+[ "$(stat -c %s "$work/small.BSI")" = 184 ] || { echo "FAIL: image .bsi size"; failures=$((failures + 1)); }
+check "image convert back" 0 "$tool" image convert "$work/small.BSI" "$work/again.bmp"
+cmp -s "$work/small.bmp" "$work/again.bmp" || { echo "FAIL: image bitmap -> .bsi -> bitmap differs"; failures=$((failures + 1)); }
+head -c 60 "$work/small.bmp" > "$work/cut.bmp"
+check "image info of a cut bitmap" 1 "$tool" image info "$work/cut.bmp"
+check "image info of a missing file" 1 "$tool" image info "$work/none.bmp"
+check "image scale with a bad size" 2 "$tool" image scale "$work/small.bmp" "$work/x.bmp" --fast 7by5
+check "image scale without a scaler" 2 "$tool" image scale "$work/small.bmp" "$work/x.bmp" 7x5 7x5
+check "image without mode" 2 "$tool" image
+check "image unknown mode" 2 "$tool" image rotate "$work/small.bmp"
+
 if [ "$failures" -ne 0 ]; then echo "$failures zrtool check(s) failed"; exit 1; fi
 echo "zrtool checks passed"
