@@ -94,11 +94,35 @@ struct TreeState {
     return slot;
   }
 
-  // The first node that is not inner along the colour's path, or 0 where the path ends.
-  DWORD Find(const BYTE* channels) const {
-    DWORD n = root;
-    while (n != 0 && nodes[n].count == Tree::kInner) n = nodes[n].child[Slot(channels, nodes[n].level)];
+  // The first node that is not inner along the colour's path from `n`, or 0 where the path ends;
+  // `below` stops the walk at the first node standing for that level or deeper.
+  DWORD FindFrom(DWORD n, const BYTE* channels, unsigned below = Tree::kLevels) const {
+    while (n != 0 && nodes[n].count == Tree::kInner && nodes[n].level < below) {
+      n = nodes[n].child[Slot(channels, nodes[n].level)];
+    }
     return n;
+  }
+  DWORD Find(const BYTE* channels) const { return FindFrom(root, channels); }
+
+  // A table of where each colour's walk stands after the levels its top kShortcutBits bits of every
+  // channel decide, so that mapping a whole image descends only the rest.
+  static constexpr unsigned kShortcutBits = kChannels == 3 ? 5 : 4;
+  static unsigned ShortcutKey(const BYTE* channels) {
+    unsigned key = 0;
+    for (unsigned k = 0; k < kChannels; ++k) key = key << kShortcutBits | channels[k] >> (8 - kShortcutBits);
+    return key;
+  }
+  std::vector<DWORD> Shortcuts() const {
+    std::vector<DWORD> table(1u << (kShortcutBits * kChannels));
+    for (unsigned key = 0; key < table.size(); ++key) {
+      BYTE channels[kChannels];
+      for (unsigned k = 0; k < kChannels; ++k) {
+        const unsigned shift = kShortcutBits * (kChannels - 1 - k);
+        channels[k] = static_cast<BYTE>(((key >> shift) & ((1u << kShortcutBits) - 1)) << (8 - kShortcutBits));
+      }
+      table[key] = FindFrom(root, channels, kShortcutBits);
+    }
+    return table;
   }
 
   void AddColor(const BYTE* channels) {
@@ -429,8 +453,15 @@ int ColourTree<kChannels>::SetDIB(const CPTCDib& source, unsigned long colours) 
   std::memcpy(out.GetPalette(), s.palette.data(), 4 * entries);
   BYTE* bits = out.GetBits();
   const unsigned index_bytes = out.GetIndexBytes();
+  std::vector<DWORD> shortcuts;
+  try {
+    shortcuts = s.Shortcuts();
+  } catch (const std::bad_alloc&) {
+    Free();
+    return 0;
+  }
   ForEachPixel<kChannels>(source, [&](const BYTE* channels, std::uint64_t at) {
-    const DWORD n = s.Find(channels);
+    const DWORD n = s.FindFrom(shortcuts[s.ShortcutKey(channels)], channels);
     StoreIndex(bits, index_bytes, at, n == 0 ? kNoIndex : s.nodes[n].index);
     return true;
   });
