@@ -272,6 +272,15 @@ TEST(COctTree, LookupAfterCollapseFollowsTheLevelEachNodeStandsFor) {
   EXPECT_EQ(tree.Lookup(far_even), e);
   EXPECT_EQ(tree.Lookup(far_odd), o);
 
+  // The same image quantised as a whole maps each pixel to its own colour.
+  const Colour c30{10, 20, 30}, c31{10, 20, 31};
+  const CPTCDib pair = MakeImage(5, 3, 24, {c30, c31, c31});
+  COctTree whole;
+  ASSERT_EQ(whole.SetDIB(pair, 4), 1);
+  const auto indices = IndexOfColours(pair, whole.GetDIB());
+  EXPECT_TRUE(EntryOf(whole.GetDIB(), indices.at(c30)) == c30);
+  EXPECT_TRUE(EntryOf(whole.GetDIB(), indices.at(c31)) == c31);
+
   // A single colour collapses to a root leaf that every colour reaches.
   COctTree single;
   ASSERT_EQ(single.SetDIB(MakeImage(3, 3, 24, {{7, 8, 9}}), 4), 1);
