@@ -32,7 +32,7 @@ struct TreeState {
   using Tree = ColourTree<kChannels>;
   static constexpr unsigned kChildren = 1u << kChannels;
 
-  std::vector<Node<kChannels>> nodes{1};  // position 0 unused
+  std::vector<Node<kChannels>> nodes = std::vector<Node<kChannels>>(1);  // position 0 unused
   DWORD free_head = 0;
   DWORD root = 0;
   std::array<DWORD, Tree::kLevels> reducible{};  // inner nodes of levels 0..7, newest first
