@@ -219,6 +219,31 @@ TEST(CPTCDibHeader, AllocatorIsTheDibPool) {
   EXPECT_EQ(items_after, items_before);
 }
 
+#if defined(__SANITIZE_ADDRESS__)
+// Blocks carry a poisoned zone behind them under AddressSanitizer: a write one byte past the block
+// (its allocated size) is reported and the child dies; a write to its last byte is not. So the scaler
+// tests below also prove that no store leaves the block.
+int WriteAt(long offsetFromEnd) {
+  CPTCDib dib;
+  if (!dib.Alloc(8, 3, 24)) return 3;
+  volatile BYTE* block = static_cast<BYTE*>(dib.GetDataPtr());
+  block[static_cast<long>(dib.GetAllocSize()) + offsetFromEnd] = 1;
+  return 0;
+}
+
+TEST(CPTCDibHeader, WritesPastTheBlockAreCaught) {
+  const zrtest::ChildResult inside = zrtest::RunChild([] { return WriteAt(-1); });
+  EXPECT_TRUE(inside.exited && inside.exit_code == 0);
+  const zrtest::ChildResult past = zrtest::RunChild([] { return WriteAt(0); });
+  EXPECT_FALSE(past.exited && past.exit_code == 0);
+  CPTCDib grown;  // the zone moves with an in-place growth
+  ASSERT_EQ(grown.Alloc(2, 2, 24), 1);
+  ASSERT_EQ(grown.Realloc(8, 3, 24), 1);
+  volatile BYTE* block = static_cast<BYTE*>(grown.GetDataPtr());
+  block[grown.GetAllocSize() - 1] = 1;
+}
+#endif
+
 // ---- fast scaler ----
 
 // Which source index target k of n reads, from the closed form of the stepping (rounding halves down).

@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include "platform/fault.h"
 #include "platform/platdiag.h"
@@ -31,6 +34,25 @@ volatile int g_zero = 0;
 int* volatile g_wild = reinterpret_cast<int*>(0x10);  // unmapped, and not null so UBSan lets it fault
 
 __attribute__((no_sanitize("undefined"))) void DivideByZero() { g_zero = 10 / g_zero; }
+
+// Copies stop at the first page that cannot be read, across page boundaries and batches.
+TEST(Fault, ReadUntilFaultStopsAtTheFirstUnreadablePage) {
+  const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  const std::size_t pages = 300;  // more pages than one batch of vectors
+  auto* area = static_cast<unsigned char*>(
+      mmap(nullptr, (pages + 1) * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(area, MAP_FAILED);
+  for (std::size_t i = 0; i < pages * page; ++i) area[i] = static_cast<unsigned char>(i * 7);
+  ASSERT_EQ(mprotect(area + pages * page, page, PROT_NONE), 0);
+  std::vector<unsigned char> out(pages * page + page, 0);
+  const unsigned char* start = area + 100;
+  EXPECT_EQ(os::ReadUntilFault(start, out.data(), out.size()), pages * page - 100);
+  EXPECT_EQ(std::memcmp(out.data(), start, pages * page - 100), 0);
+  EXPECT_EQ(os::ReadUntilFault(start, out.data(), 50), 50u);
+  EXPECT_EQ(os::ReadUntilFault(area + pages * page, out.data(), 10), 0u);
+  EXPECT_EQ(os::ReadUntilFault(nullptr, out.data(), 10), 0u);
+  munmap(area, (pages + 1) * page);
+}
 
 TEST(Fault, GuardedCallTurnsSignalsIntoCodes) {
   EXPECT_EQ(os::Guarded([] {}), 0u);
