@@ -2,8 +2,18 @@
 // precision, with two-real-signal unpacking and circular cross-correlation.
 #pragma once
 
+#include "zrobj/cptcdib.h"
 #include "zrobj/export.h"
 #include "zrobj/zrtypes.h"
+
+// What GetShowData draws from each element (its first argument) and where (its second).
+inline constexpr int FFTSHOW_MAGNITUDE = 0;
+inline constexpr int FFTSHOW_LOG_MAGNITUDE = 1;
+inline constexpr int FFTSHOW_REAL = 2;
+inline constexpr int FFTSHOW_IMAGINARY = 3;
+inline constexpr int FFTSHOW_AS_STORED = 0;
+inline constexpr int FFTSHOW_CENTRED = 1;         // quadrants swapped: element (0, 0) at the centre
+inline constexpr double FFTSHOW_LOG_RANGE_DB = 96;  // below the largest magnitude: black
 
 namespace zr::fft_detail {
 
@@ -29,6 +39,10 @@ class ZROBJ_API Engine {
   BOOL Unpack(bool imag, T* re, T* im, UINT count) const;
   // The real array becomes the circular cross-correlation of a with b.
   BOOL Correlate(Norm norm);
+  // A 24-bit grey image of n x m pixels of the arrays in natural order (see FFT2D::GetShowData);
+  // empty when closed, for an unknown quantity or when the image cannot be allocated. Defined
+  // above the imaging target, which the transforms themselves do not use.
+  CPTCDib ShowData(int quantity, int arrangement) const;
 
  protected:
   // Close first; sizes are powers of two, 2 <= size < 65536; 0 on an invalid size or when the
@@ -45,6 +59,11 @@ class ZROBJ_API Engine {
   T* sin_n_ = nullptr;     // -sin, the cosine table shifted by a quarter turn
   T* cos_m_ = nullptr;
   T* sin_m_ = nullptr;
+  // The row twiddles in the order the stages use them: stage s (half = 2^s) reads entries
+  // half - 1 .. 2 half - 2, copies of cos_n_/sin_n_ at j n / (2 half); n - 1 entries each.
+  T* stage_cos_ = nullptr;
+  T* stage_sin_ = nullptr;
+  T* scratch_ = nullptr;   // one dimension: n elements for reordering
   T* re_ = nullptr;
   T* im_ = nullptr;
 
@@ -54,6 +73,8 @@ class ZROBJ_API Engine {
   void Carve(Carver& carver);
   void FillTables();
   UINT Mirror(UINT k) const;  // the bin of frequency -k
+  template <bool kForward>
+  void GridStages();  // the butterflies of every row, then of every column
 };
 
 extern template class Engine<float>;
@@ -97,6 +118,14 @@ class FFT2D : public Engine<T> {
   BOOL Correlate() { return Engine<T>::Correlate(Norm::kNone); }
   BOOL PhaseCorrelate() { return Engine<T>::Correlate(Norm::kPhase); }
   BOOL NormCorrelate() { return Engine<T>::Correlate(Norm::kMagnitude); }
+  // The grid as a picture: pixel (x, y) of the bitmap (rows bottom-up, so y = 0 is the bottom row)
+  // shows element (x, y). quantity FFTSHOW_MAGNITUDE: the magnitude scaled so the largest is 255;
+  // FFTSHOW_LOG_MAGNITUDE: its level in dB from FFTSHOW_LOG_RANGE_DB below the largest (0) to the
+  // largest (255); FFTSHOW_REAL / FFTSHOW_IMAGINARY: the part with 0 at 128 and the largest absolute
+  // value at 1 or 255. arrangement FFTSHOW_CENTRED swaps the quadrants so the zero frequency lies at
+  // (n/2, m/2); FFTSHOW_AS_STORED draws the grid as it is. A zero grid is black (128 grey
+  // for the parts).
+  CPTCDib GetShowData(int quantity, int arrangement) const { return this->ShowData(quantity, arrangement); }
 
  private:
   T* At(T* array, UINT x, UINT y, bool permuted) const {

@@ -202,7 +202,31 @@ head -c 50 "$work/ok.wav" > "$work/cut.wav"
 check "wav info of a cut file" 1 "$tool" wav info "$work/cut.wav"
 check "wav info of a missing file" 1 "$tool" wav info "$work/none.wav"
 check "wav without mode" 2 "$tool" wav
-check "wav spectrum (not offered)" 2 "$tool" wav spectrum "$work/ok.wav"
+check "wav spectrum without OUT" 2 "$tool" wav spectrum "$work/ok.wav"
+check "wav spectrum with a bad window" 2 "$tool" wav spectrum "$work/ok.wav" "$work/s.bmp" --window 1000
+check "wav spectrum of a file with LIST" 1 "$tool" wav spectrum "$work/list.wav" "$work/s.bmp"
+# A rising sweep made by sox: a bitmap ImageMagick reads at the asked size, whose loudest row
+# (frequency, counted from the bottom) climbs from left to right; a steady tone stays on its row.
+if command -v sox >/dev/null && command -v identify >/dev/null; then
+  sox -n -r 8000 -c 2 -b 16 "$work/sweep.wav" synth 2 sine 300-3500 2>/dev/null
+  check "wav spectrum of a sweep" 0 "$tool" wav spectrum "$work/sweep.wav" "$work/sweep.bmp" --window 256 --width 64
+  [ "$(identify -format '%w %h' "$work/sweep.bmp")" = "64 128" ] || { echo "FAIL: wav spectrum size"; failures=$((failures + 1)); }
+  sox -n -r 8000 -c 1 -b 8 "$work/tone.wav" synth 1 sine 1000 2>/dev/null
+  check "wav spectrum of a tone" 0 "$tool" wav spectrum "$work/tone.wav" "$work/tone.bmp" --window 256 --width 16
+  python3 - "$work/sweep.bmp" "$work/tone.bmp" <<'PY' || { echo "FAIL: wav spectrum content"; failures=$((failures + 1)); }
+import struct, sys
+def loudest_rows(path):
+    data = open(path, "rb").read()
+    offset, w, h = struct.unpack_from("<I", data, 10)[0], *struct.unpack_from("<ii", data, 18)
+    stride = (w * 3 + 3) // 4 * 4
+    grey = lambda x, y: data[offset + y * stride + 3 * x]
+    return [max(range(h), key=lambda y: grey(x, y)) for x in range(w)]
+sweep, tone = loudest_rows(sys.argv[1]), loudest_rows(sys.argv[2])
+assert all(b >= a for a, b in zip(sweep[2:-2], sweep[3:-2])), sweep
+assert sweep[2] < 20 and sweep[-3] > 100, sweep
+assert all(r == 32 for r in tone), tone  # 1000 Hz in 31.25 Hz rows
+PY
+fi
 
 # The class registry: a driver from the folder beside the library, refused drivers, the shutdown.
 check "classes with the demo driver" 0 "$tool" classes --load zrdrv_demo.so --dump --shutdown
@@ -346,6 +370,22 @@ check "image info of a cut bitmap" 1 "$tool" image info "$work/cut.bmp"
 check "image info of a missing file" 1 "$tool" image info "$work/none.bmp"
 check "image scale with a bad size" 2 "$tool" image scale "$work/small.bmp" "$work/x.bmp" --fast 7by5
 check "image scale without a scaler" 2 "$tool" image scale "$work/small.bmp" "$work/x.bmp" 7x5 7x5
+# quantize: an ImageMagick gradient with noise (thousands of colours) keeps its size and ends with
+# at most the asked colours; bad counts are usage errors.
+if command -v convert >/dev/null; then
+  convert -size 64x48 gradient:red-blue -attenuate 0.3 +noise Gaussian -type TrueColor BMP3:"$work/noisy.bmp"
+  check "image quantize to 16" 0 "$tool" image quantize "$work/noisy.bmp" "$work/q16.bmp" 16
+  grep -q '^colours: *16 of 16 asked (1-byte indices)$' "$work/out" || { echo "FAIL: image quantize colours"; failures=$((failures + 1)); }
+  read -r qw qh qk <<<"$(identify -format '%w %h %k' "$work/q16.bmp")"
+  [ "$qw $qh" = "64 48" ] && [ "$qk" -le 16 ] && [ "$qk" -ge 2 ] || { echo "FAIL: image quantize result $qw $qh $qk"; failures=$((failures + 1)); }
+  check "image quantize to 300 with alpha" 0 "$tool" image quantize "$work/noisy.bmp" "$work/q300.bsi" 300 --alpha
+  grep -q '(2-byte indices)$' "$work/out" || { echo "FAIL: image quantize 16-bit indices"; failures=$((failures + 1)); }
+fi
+check "image quantize of the small bitmap" 0 "$tool" image quantize "$work/small.bmp" "$work/q.bmp" 8
+cmp -s "$work/small.bmp" "$work/q.bmp" || { echo "FAIL: image quantize of 6 colours to 8 changed a colour"; failures=$((failures + 1)); }
+check "image quantize to 1 colour" 2 "$tool" image quantize "$work/small.bmp" "$work/q.bmp" 1
+check "image quantize to 65536 colours" 2 "$tool" image quantize "$work/small.bmp" "$work/q.bmp" 65536
+check "image quantize of a cut bitmap" 1 "$tool" image quantize "$work/cut.bmp" "$work/q.bmp" 8
 check "image without mode" 2 "$tool" image
 check "image unknown mode" 2 "$tool" image rotate "$work/small.bmp"
 

@@ -1,5 +1,6 @@
 // zrtool image: the library's true-colour images: header fields, scaling, and the bitmap <-> ".bsi"
 // conversion. Each mode is one entry of kModes.
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -7,6 +8,7 @@
 
 #include "tools/zrtool/command.h"
 #include "tools/zrtool/text.h"
+#include "zrobj/cppaldib.h"
 #include "zrobj/cptcdib.h"
 
 namespace zrtool {
@@ -18,7 +20,8 @@ const Command kImage = {
     "image", "show, scale and convert 24/32-bit bitmaps as the library's images",
     "usage: zrtool image info FILE\n"
     "       zrtool image scale IN OUT --fast|--bilinear WxH\n"
-    "       zrtool image convert IN OUT\n\n"
+    "       zrtool image convert IN OUT\n"
+    "       zrtool image quantize IN OUT N [--alpha]\n\n"
     "FILE, IN and OUT are standard bitmap files (24 or 32 bits, uncompressed), or with the\n"
     "extension \".bsi\" (any case) the library's extended form; the output's extension picks\n"
     "the form written.\n\n"
@@ -26,6 +29,9 @@ const Command kImage = {
     "scale    loads IN, scales it to W x H with the nearest-sample (--fast) or the bilinear\n"
     "         scaler, keeping its depth, and writes OUT.\n"
     "convert  loads IN and writes it to OUT unchanged (bitmap <-> \".bsi\").\n"
+    "quantize reduces IN to at most N colours (2..65535) with the library's colour tree (with\n"
+    "         --alpha the tree that also separates by the fourth byte), writes the result drawn\n"
+    "         in its palette colours to OUT at IN's depth and prints the colours and the PSNR.\n"
     "Exit status 1 when the library refuses a file.\n",
     RunImage};
 
@@ -113,6 +119,64 @@ int Convert(const Args& args) {
   return Save(image, args[1]);
 }
 
+// The palette image drawn back in true colour at the source's depth, and the peak signal-to-noise
+// ratio of its colour channels against the source (infinite when they are equal).
+double Expand(const CPTCDib& source, const CPPalDib& palette, CPTCDib* out) {
+  const unsigned long bits = source.GetBitCount();
+  const long w = std::labs(source.GetWidth()), h = std::labs(source.GetHeight());
+  if (!out->Alloc(source.GetWidth(), source.GetHeight(), bits)) return -1;
+  const unsigned long stride = CPTCDib::GetStride(w, bits);
+  const unsigned bytes = bits / 8;
+  std::memset(out->GetBits(), 0, out->GetDIBSize());  // row padding included
+  double squared = 0;
+  for (long y = 0; y < h; ++y) {
+    const BYTE* from = source.GetBits() + y * stride;
+    BYTE* to = out->GetBits() + y * stride;
+    for (long x = 0; x < w; ++x, from += bytes, to += bytes) {
+      const DWORD index = palette.GetIndex(x, y);
+      const RGBQUAD& q = palette.GetPalette()[index < palette.GetColours() ? index : 0];
+      const BYTE colour[4] = {q.rgbBlue, q.rgbGreen, q.rgbRed, q.rgbReserved};
+      std::memcpy(to, colour, bytes);
+      for (int c = 0; c < 3; ++c) squared += (from[c] - to[c]) * double(from[c] - to[c]);
+    }
+  }
+  const double mse = squared / (3.0 * w * h);
+  return mse == 0 ? INFINITY : 10 * std::log10(255.0 * 255.0 / mse);
+}
+
+int Quantize(const Args& args) {
+  if (args.size() != 3 && !(args.size() == 4 && args[3] == "--alpha")) {
+    return UsageError(kImage, "expected: image quantize IN OUT N [--alpha]");
+  }
+  char* end = nullptr;
+  const unsigned long colours = std::strtoul(args[2].c_str(), &end, 10);
+  if (*end != 0 || args[2].empty() || colours < 2 || colours > PALDIB_MAX_COLOURS) {
+    return UsageError(kImage, "N must be a number of colours from 2 to 65535");
+  }
+  Progress progress("quantize", 4);
+  CPTCDib source;
+  if (const int status = Load(args[0], &source)) return status;
+  progress.Update(1);
+  COctTree octree;
+  CHexTree hextree;
+  const bool alpha = args.size() == 4;
+  if (!(alpha ? hextree.SetDIB(source, colours) : octree.SetDIB(source, colours))) {
+    return Fail("quantizing " + args[0] + " failed (out of memory?)");
+  }
+  const CPPalDib palette = alpha ? hextree.GetDIB() : octree.GetDIB();
+  progress.Update(2);
+  CPTCDib result;
+  const double psnr = Expand(source, palette, &result);
+  if (psnr < 0) return Fail("out of memory for the " + args[1] + " image");
+  progress.Update(3);
+  if (const int status = Save(result, args[1])) return status;
+  progress.Finish();
+  std::printf("colours:        %lu of %lu asked (%lu-byte indices)\n", palette.GetColours(), colours,
+              palette.GetIndexBytes());
+  std::printf("psnr:           %.2f dB\n", psnr);
+  return 0;
+}
+
 // The modes of `zrtool image`; a new mode is one more row (and a line of the usage text).
 struct Mode {
   const char* name;
@@ -122,10 +186,11 @@ const Mode kModes[] = {
     {"info", Info},
     {"scale", Scale},
     {"convert", Convert},
+    {"quantize", Quantize},
 };
 
 int RunImage(const Args& args) {
-  if (args.empty()) return UsageError(kImage, "expected a mode: info, scale or convert");
+  if (args.empty()) return UsageError(kImage, "expected a mode: info, scale, convert or quantize");
   const Args rest(args.begin() + 1, args.end());
   for (const Mode& mode : kModes) {
     if (args[0] == mode.name) return mode.run(rest);

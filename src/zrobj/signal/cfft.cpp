@@ -5,8 +5,10 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <utility>
 
+#include "base/compiler.h"
 #include "platform/fileutil.h"
 
 namespace zr::fft_detail {
@@ -14,6 +16,15 @@ namespace {
 
 // Products and sums are formed in double for both element types and rounded on store.
 using Wide = double;
+
+// With GCC the stage loops are built twice, for the base instruction set and for AVX2 (four
+// doubles a vector, no fused multiply-add), and the loader picks the one the processor runs.
+// Clang cannot clone templates; its build (the fuzz targets) keeps the base set.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__)
+#define ZR_FFT_CLONES __attribute__((target_clones("avx2", "default")))
+#else
+#define ZR_FFT_CLONES
+#endif
 
 struct Complex {
   Wide re, im;
@@ -79,29 +90,87 @@ void Permute(const Index* table, UINT count, T* re, T* im) {
   }
 }
 
-// Decimation-in-time stages over `size` elements `stride` apart; input in bit-reversed order.
-template <class T>
-void Butterflies(T* re, T* im, UINT stride, UINT size, UINT log2, const T* c_table, const T* s_table,
-                 int sign) {
+// The same permutation for a table that is its own inverse (bit reversal), as a gather through a
+// scratch row: out[i] = in[table[i]] reads at random but writes in sequence, with no branch.
+template <class T, class Index>
+void Gather(const Index* table, UINT count, T* scratch, T* array) {
+  for (UINT i = 0; i < count; ++i) scratch[i] = array[table[i]];
+  std::memcpy(array, scratch, sizeof(T) * count);
+}
+// One butterfly as written: the twiddled lower element t, then upper - t and upper + t, formed in
+// double and rounded to the element type on store.
+template <bool kForward, class T>
+ZR_ALWAYS_INLINE void Butterfly(T& ri, T& ii, T& rk, T& ik, Wide c, Wide d) {
+  const Wide tr = kForward ? c * rk - d * ik : c * rk + d * ik;
+  const Wide ti = kForward ? c * ik + d * rk : c * ik - d * rk;
+  const Wide r = ri, i = ii;
+  rk = static_cast<T>(r - tr);
+  ri = static_cast<T>(r + tr);
+  ik = static_cast<T>(i - ti);
+  ii = static_cast<T>(i + ti);
+}
+
+// The butterflies of one stage between two runs of `count` elements: element l of the first run
+// pairs with element l of the second, with twiddle l of the tables (kUniform: twiddle 0 for the
+// whole run). The runs never overlap, so the loop has no dependence between elements.
+template <bool kForward, bool kUniform, class T>
+ZR_ALWAYS_INLINE void ButterflyRun(T* __restrict ri, T* __restrict ii, T* __restrict rk, T* __restrict ik, const T* c_table,
+                  const T* s_table, UINT count) {
+  for (UINT l = 0; l < count; ++l) {
+    Butterfly<kForward>(ri[l], ii[l], rk[l], ik[l], c_table[kUniform ? 0 : l], s_table[kUniform ? 0 : l]);
+  }
+}
+
+// Stages 0 and 1 (half 1 and 2) in one pass: each group of four elements gets its two stage-0
+// butterflies, then its two stage-1 butterflies, while it is in registers.
+template <bool kForward, class T>
+ZR_ALWAYS_INLINE void FirstTwoStages(T* re, T* im, UINT size, const T* c_table, const T* s_table) {
+  const Wide c0 = c_table[0], d0 = s_table[0], c1 = c_table[size / 4], d1 = s_table[size / 4];
+  for (UINT b = 0; b < size; b += 4) {
+    Butterfly<kForward>(re[b], im[b], re[b + 1], im[b + 1], c0, d0);
+    Butterfly<kForward>(re[b + 2], im[b + 2], re[b + 3], im[b + 3], c0, d0);
+    Butterfly<kForward>(re[b], im[b], re[b + 2], im[b + 2], c0, d0);
+    Butterfly<kForward>(re[b + 1], im[b + 1], re[b + 3], im[b + 3], c1, d1);
+  }
+}
+
+// Decimation-in-time stages over `size` contiguous elements; input in bit-reversed order. Each
+// butterfly is the written one; only the order in which the independent butterflies of a stage run
+// differs: the first two stages go group by group, the others block by block through memory with
+// the stage's twiddles read in sequence.
+template <bool kForward, class T>
+ZR_FFT_CLONES void RowStages(T* re, T* im, UINT size, UINT log2, const T* c_table, const T* s_table, const T* stage_cos,
+               const T* stage_sin) {
+  if (size == 2) {
+    Butterfly<kForward>(re[0], im[0], re[1], im[1], c_table[0], s_table[0]);
+    return;
+  }
+  FirstTwoStages<kForward>(re, im, size, c_table, s_table);
+  for (UINT stage = 2; stage < log2; ++stage) {
+    const UINT half = UINT{1} << stage, span = 2 * half;
+    for (UINT block = 0; block < size; block += span) {
+      ButterflyRun<kForward, false>(re + block, im + block, re + block + half, im + block + half,
+                                    stage_cos + half - 1, stage_sin + half - 1, half);
+    }
+  }
+}
+
+// The same stages down the columns of a grid of `rows` rows of `width` elements: every butterfly
+// pairs two whole rows, so the inner loop runs along memory with one twiddle.
+template <bool kForward, class T>
+ZR_FFT_CLONES void ColumnStages(T* re, T* im, UINT width, UINT rows, UINT log2, const T* c_table, const T* s_table) {
   for (UINT stage = 0; stage < log2; ++stage) {
-    const UINT half = UINT{1} << stage, span = 2 * half, step = size / span;
+    const UINT half = UINT{1} << stage, span = 2 * half, step = rows / span;
     for (UINT j = 0; j < half; ++j) {
-      const Wide c = c_table[j * step], d = s_table[j * step];
-      for (UINT i = j; i < size; i += span) {
-        T& ri = re[i * stride];
-        T& ii = im[i * stride];
-        T& rk = re[(i + half) * stride];
-        T& ik = im[(i + half) * stride];
-        const Wide tr = sign >= 0 ? c * rk - d * ik : c * rk + d * ik;
-        const Wide ti = sign >= 0 ? c * ik + d * rk : c * ik - d * rk;
-        rk = static_cast<T>(ri - tr);
-        ri = static_cast<T>(ri + tr);
-        ik = static_cast<T>(ii - ti);
-        ii = static_cast<T>(ii + ti);
+      for (UINT i = j; i < rows; i += span) {
+        const std::size_t top = std::size_t{i} * width, bottom = std::size_t{i + half} * width;
+        ButterflyRun<kForward, true>(re + top, im + top, re + bottom, im + bottom, c_table + j * step,
+                                     s_table + j * step, width);
       }
     }
   }
 }
+
 
 // Bin k of signal a (in the real array) or b (in the imaginary one) from the joint spectrum X,
 // with `mirror` the bin of frequency -k.
@@ -131,7 +200,7 @@ BOOL Engine<T>::Close() {
   block_ = nullptr;
   rev_ = nullptr;
   perm_ = nullptr;
-  cos_n_ = sin_n_ = cos_m_ = sin_m_ = re_ = im_ = nullptr;
+  cos_n_ = sin_n_ = cos_m_ = sin_m_ = stage_cos_ = stage_sin_ = scratch_ = re_ = im_ = nullptr;
   return 1;
 }
 
@@ -145,6 +214,9 @@ void Engine<T>::Carve(C& carver) {
   }
   CarveTables(carver, n_, cos_n_, sin_n_);
   if (m_ > 1) CarveTables(carver, m_, cos_m_, sin_m_);
+  if (m_ == 1) scratch_ = carver.template Take<T>(n_);
+  stage_cos_ = carver.template Take<T>(n_);
+  stage_sin_ = carver.template Take<T>(n_);
   re_ = carver.template Take<T>(std::size_t{n_} * m_);
   im_ = carver.template Take<T>(std::size_t{n_} * m_);
 }
@@ -180,6 +252,13 @@ void Engine<T>::FillTables() {
   }
   fft_detail::FillTables(n_, cos_n_, sin_n_);
   if (m_ > 1) fft_detail::FillTables(m_, cos_m_, sin_m_);
+  for (UINT half = 1; half < n_; half *= 2) {
+    const UINT step = n_ / (2 * half);
+    for (UINT j = 0; j < half; ++j) {
+      stage_cos_[half - 1 + j] = cos_n_[j * step];
+      stage_sin_[half - 1 + j] = sin_n_[j * step];
+    }
+  }
 }
 
 template <class T>
@@ -187,25 +266,37 @@ BOOL Engine<T>::FFT(int sign, BOOL reorder) {
   if (!block_) return 0;
   if (reorder) {
     if (rev_) {
-      Permute(rev_, n_, re_, im_);
+      Gather(rev_, n_, scratch_, re_);
+      Gather(rev_, n_, scratch_, im_);
     } else {
       Permute(perm_, Count(), re_, im_);
     }
   }
-  for (UINT y = 0; y < m_; ++y) {
-    Butterflies(re_ + (y << log2n_), im_ + (y << log2n_), 1, n_, log2n_, cos_n_, sin_n_, sign);
-  }
-  if (m_ > 1) {
-    for (UINT x = 0; x < n_; ++x) Butterflies(re_ + x, im_ + x, n_, m_, log2m_, cos_m_, sin_m_, sign);
+  if (sign >= 0) {
+    GridStages<true>();
+  } else {
+    GridStages<false>();
   }
   if (sign == -1) {
-    const T scale = static_cast<T>(Count());
+    // The count is a power of two, so its reciprocal is exact and multiplying by it gives the
+    // quotient bit for bit (subnormal results included).
+    const T scale = T{1} / static_cast<T>(Count());
     for (UINT i = 0; i < Count(); ++i) {
-      re_[i] /= scale;
-      im_[i] /= scale;
+      re_[i] *= scale;
+      im_[i] *= scale;
     }
   }
   return 1;
+}
+
+template <class T>
+template <bool kForward>
+void Engine<T>::GridStages() {
+  for (UINT y = 0; y < m_; ++y) {
+    const std::size_t row = std::size_t{y} << log2n_;
+    RowStages<kForward>(re_ + row, im_ + row, n_, log2n_, cos_n_, sin_n_, stage_cos_, stage_sin_);
+  }
+  if (m_ > 1) ColumnStages<kForward>(re_, im_, n_, m_, log2m_, cos_m_, sin_m_);
 }
 
 template <class T>
