@@ -19,8 +19,10 @@ using Wide = double;
 
 // With GCC the stage loops are built twice, for the base instruction set and for AVX2 (four
 // doubles a vector, no fused multiply-add), and the loader picks the one the processor runs.
-// Clang cannot clone templates; its build (the fuzz targets) keeps the base set.
-#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__)
+// Clang cannot clone templates; its build (the fuzz targets) keeps the base set. The thread
+// sanitizer's build does too: the loader runs the choosing function while relocating, before that
+// sanitizer's runtime is up, and its instrumentation would fault there.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && !defined(__SANITIZE_THREAD__)
 #define ZR_FFT_CLONES __attribute__((target_clones("avx2", "default")))
 #else
 #define ZR_FFT_CLONES
