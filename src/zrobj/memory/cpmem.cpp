@@ -222,7 +222,7 @@ void CPMemory::CopyCPMemory(const CPMemory& source) {
 int CPMemory::TakeBlock(tagMEMHEADER* fresh, unsigned long size) {
   if (fresh == nullptr) return 0;
   if (fresh != pMH) {
-    RelocateMemory(DataOf(pMH), pMH->dwAllocSize, DataOf(fresh), size, pMH->iRef);
+    RelocateMemory(DataOf(pMH), pMH->dwAllocSize, DataOf(fresh), size, RefOf(pMH).load(std::memory_order_acquire));
     Free();
     pMH = fresh;
   }
