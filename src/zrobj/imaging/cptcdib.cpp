@@ -33,8 +33,9 @@ CHeap* DibPool() {
 
 unsigned long RoundUp32(unsigned long size) { return (size + 31ul) & ~31ul; }
 
-void Say(unsigned level, const char16_t* text) {
-  if (IsDebugOn()) os::wPrintf(3, level, text);
+// Messages print on a channel (category) and a level, only while debugging.
+void Say(unsigned channel, unsigned level, const char16_t* text) {
+  if (IsDebugOn()) os::wPrintf(channel, level, text);
 }
 
 // Under AddressSanitizer every block carries 32 poisoned bytes behind what the allocator grants, so
@@ -92,7 +93,7 @@ class DibMallocator final : public IMallocator {
   }
   int Verify(void* block) override {
     const int ok = DibPool()->Verify(block);
-    if (!ok) Say(0, u"\rCPDibMallocator::Verify failed\r\n");
+    if (!ok) Say(3, 0, u"\rCPDibMallocator::Verify failed\r\n");
     return ok;
   }
 };
@@ -409,15 +410,15 @@ IMallocator* CPTCDib::GetMallocator() { return &g_dib_mallocator; }
 
 int CPTCDib::SetDIB(const tagDIBINFO* src, long w, long h, unsigned long bits, unsigned long flags) {
   if (bits != 0 && !ValidDepth(bits)) {
-    Say(3, u"\rCPTCDib::SetDib: Only 24/32 bitmaps\r\n");
+    Say(3, 3, u"\rCPTCDib::SetDib: Only 24/32 bitmaps\r\n");
     return 0;
   }
   if (src == nullptr || src->bmf.bfType != DIB_SIGNATURE) {
-    Say(3, u"\rCPTCDib::SetDib: No BM signature\r\n");
+    Say(3, 3, u"\rCPTCDib::SetDib: No BM signature\r\n");
     return 0;
   }
   if (src->bmi.bmi.biCompression == DIB_COMPRESSION_YUV && src->bmi.dwChromaCode != DIB_CHROMA_444) {
-    Say(3, u"\rCPTCDib::SetDib: No YUV444 image\r\n");
+    Say(3, 3, u"\rCPTCDib::SetDib: No YUV444 image\r\n");
     return 0;
   }
   if (src == GetCDataPtr() && GetRefCnt() < 2) return 1;
@@ -427,11 +428,11 @@ int CPTCDib::SetDIB(const tagDIBINFO* src, long w, long h, unsigned long bits, u
 int CPTCDib::SetDIB(const BITMAPINFOHEADER* src, const void* pixels, long w, long h, unsigned long bits,
                     unsigned long flags) {
   if (bits != 0 && !ValidDepth(bits)) {
-    Say(3, u"\rCPTCDib::SetDib: Only 24/32 bitmaps\r\n");
+    Say(3, 3, u"\rCPTCDib::SetDib: Only 24/32 bitmaps\r\n");
     return 0;
   }
   if (src == nullptr || pixels == nullptr || !dib::IsTrueColourFormat(*src)) {
-    Say(3, u"\rCPTCDib::SetDib: Invalid bitcount or no RGB\r\n");
+    Say(3, 3, u"\rCPTCDib::SetDib: Invalid bitcount or no RGB\r\n");
     return 0;
   }
   if (w == 0) w = src->biWidth;
@@ -444,7 +445,7 @@ int CPTCDib::SetDIB(const BITMAPINFOHEADER* src, const void* pixels, long w, lon
   // The source may lie in this image's own block: a second handle keeps it alive meanwhile.
   const CPTCDib keep(*this);
   if (!Realloc(w, h, bits, flags)) {
-    Say(4, u"\rCPTCDib::SetDib: Could not allocate memory\r\n");
+    Say(4, 3, u"\rCPTCDib::SetDib: Could not allocate memory\r\n");
     return 0;
   }
   std::memmove(&GetInfoHeader()->bmi, src, sizeof(BITMAPINFOHEADER));
@@ -479,7 +480,7 @@ int LoadImage(CPTCDib& image, DibInput& in, bool bsi, const LoadMessages& say, l
               unsigned long flags) {
   LoadedHeader header;
   if (!(bsi ? ReadBsiHeader(in, &header) : ReadStandardHeader(in, &header))) {
-    Say(3, say.format);
+    Say(3, 3, say.format);
     return 0;
   }
   const dib::InfoFields& info = header.info;
@@ -487,7 +488,7 @@ int LoadImage(CPTCDib& image, DibInput& in, bool bsi, const LoadMessages& say, l
   const std::uint64_t needed = used == 0 ? ~std::uint64_t{0} : used - DIB_HEADER_SIZE;
   const std::uint64_t size = in.Size();
   if (size < header.headerBytes || size - header.headerBytes < needed) {
-    Say(5, say.size);
+    Say(5, 3, say.size);
     return 0;
   }
   const bool direct = w == 0 && h == 0 && (bits == 0 || bits == info.bits);
