@@ -728,6 +728,21 @@ TEST(CPTCDibFiles, BsiRoundTripKeepsTheExtension) {
   }
 }
 
+// A standard bitmap loads whatever its name: only a file that does not start with "BM" is read in the
+// extended form.
+TEST(CPTCDibFiles, StandardBitmapNamedBsiLoads) {
+  TempDir dir;
+  const CPTCDib src = Pattern(5, 4, 24, 22);
+  const std::string standard = dir.File("s.bmp");
+  ASSERT_EQ(src.SaveToFile(Wide(standard).c_str()), 1);
+  const std::string renamed = dir.File("s.BSI");
+  ASSERT_TRUE(zrtest::WriteFile(renamed, zrtest::ReadFile(standard)));
+  CPTCDib back;
+  ASSERT_EQ(back.LoadFromFile(Wide(renamed).c_str()), 1);
+  ExpectHeader(back, ExpectedHeader(5, 4, 24));
+  EXPECT_EQ(PixelBytesOf(back), PixelBytesOf(src));
+}
+
 TEST(CPTCDibFiles, SaveRefusalsAndFolderCreation) {
   TempDir dir;
   CPTCDib empty;

@@ -195,23 +195,36 @@ class MemoryInput final : public DibInput {
 struct LoadedHeader {
   dib::InfoFields info;
   std::uint64_t headerBytes = 0;  // bytes in front of the pixels, as the header states them
+  bool extendedForm = false;
   BYTE extended[DIB_INFO_SIZE] = {};
 };
 
-bool ReadStandardHeader(DibInput& in, LoadedHeader* out) {
-  BYTE bytes[dib::kStandardHeaderSize];
-  if (!in.Read(bytes, sizeof bytes) || bytes[0] != 'B' || bytes[1] != 'M') return false;
+// Both forms start with the two bytes already read into `bytes`.
+bool ReadStandardHeader(DibInput& in, BYTE bytes[dib::kStandardHeaderSize], LoadedHeader* out) {
+  if (!in.Read(bytes + 2, dib::kStandardHeaderSize - 2)) return false;
   out->info = dib::ReadInfoFields(bytes + dib::kFileHeaderSize);
   out->headerBytes = std::uint64_t{out->info.size} + dib::kFileHeaderSize;
   return dib::IsTrueColourFormat(out->info);
 }
 
 bool ReadBsiHeader(DibInput& in, LoadedHeader* out) {
-  if (!in.Read(out->extended, sizeof out->extended)) return false;
+  if (!in.Read(out->extended + 2, DIB_INFO_SIZE - 2)) return false;
   out->info = dib::ReadInfoFields(out->extended);
   out->headerBytes = DIB_INFO_SIZE;
+  out->extendedForm = true;
   return out->info.size == DIB_INFO_SIZE && std::memcmp(out->extended + 44, "VORN", 4) == 0 &&
          dib::IsTrueColourFormat(out->info);
+}
+
+// A file that starts with "BM" is a standard bitmap whatever its name; a ".bsi" name admits the
+// extended form otherwise.
+bool ReadHeader(DibInput& in, bool bsiName, LoadedHeader* out) {
+  BYTE bytes[dib::kStandardHeaderSize];
+  if (!in.Read(bytes, 2)) return false;
+  if (bytes[0] == 'B' && bytes[1] == 'M') return ReadStandardHeader(in, bytes, out);
+  if (!bsiName) return false;
+  std::memcpy(out->extended, bytes, 2);
+  return ReadBsiHeader(in, out);
 }
 
 }  // namespace
@@ -475,11 +488,11 @@ constexpr LoadMessages kResourceMessages = {
     u"\rCPTCDib::LoadFromResource: Invalid format (24/32 bit RGB required)\r\n",
     u"\rCPTCDib::LoadFromResource: Inconsistent indirect size definition\r\n"};
 
-// Steps shared by the file and the resource load. `bsi` selects the extended form.
+// Steps shared by the file and the resource load. `bsi`: the name admits the extended form.
 int LoadImage(CPTCDib& image, DibInput& in, bool bsi, const LoadMessages& say, long w, long h, unsigned long bits,
               unsigned long flags) {
   LoadedHeader header;
-  if (!(bsi ? ReadBsiHeader(in, &header) : ReadStandardHeader(in, &header))) {
+  if (!ReadHeader(in, bsi, &header)) {
     Say(3, 3, say.format);
     return 0;
   }
@@ -496,7 +509,7 @@ int LoadImage(CPTCDib& image, DibInput& in, bool bsi, const LoadMessages& say, l
   CPTCDib& target = direct ? image : temporary;
   if (!target.Alloc(info.width, info.height, info.bits, 0)) return 0;
   tagZRBMINFOHEADER* targetInfo = target.GetInfoHeader();
-  if (bsi) {
+  if (header.extendedForm) {
     // The extension (video system, chroma) travels with the ".bsi" form.
     std::memcpy(reinterpret_cast<BYTE*>(targetInfo) + dib::kStandardInfoSize,
                 header.extended + dib::kStandardInfoSize, DIB_INFO_SIZE - dib::kStandardInfoSize);
