@@ -570,6 +570,41 @@ TEST(CPTCDibSetDIB, RefusalsWithTheirMessages) {
   }
 }
 
+// Allocation failures print on channel (category) 4 at level 3. A size that cannot be allocated
+// makes them happen: a source header stating it (its pixels are never read), or a scaler's target.
+TEST(CPTCDibSetDIB, AllocationFailuresWithTheirMessages) {
+  DebugMode debug(1);
+  const CPTCDib small = Pattern(2, 2, 32);
+  // [0] states the huge size, [1] is the small image's own header.
+  BITMAPINFOHEADER headers[2] = {small.GetInfoHeader()->bmi, small.GetInfoHeader()->bmi};
+  headers[0].biWidth = 100000;
+  headers[0].biHeight = 100000;
+  struct Case {
+    const char* what;
+    int (*run)(CPTCDib&, const BITMAPINFOHEADER*, const void*);
+    const char* message;
+  };
+  const Case cases[] = {
+      {"same size", [](CPTCDib& d, const BITMAPINFOHEADER* h, const void* p) { return d.SetDIB(h, p); },
+       "\rCPTCDib::SetDib: Could not allocate memory\r\n"},
+      {"fast", [](CPTCDib& d, const BITMAPINFOHEADER* h, const void* p) { return d.ScaleDIBFast(h + 1, p, 100000, 100000, 24); },
+       "\rCPTCDib::ScaleDIBFast: Unable to alloc resized DIB memory\r\n"},
+      {"bilinear",
+       [](CPTCDib& d, const BITMAPINFOHEADER* h, const void* p) { return d.ScaleDIBBilinear(h + 1, p, 100000, 100000, 24); },
+       "\rCPTCDib::ScaleDIBBilinear: Unable to alloc resized DIB memory\r\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    CPTCDib dst;
+    zr::os::ScopedDiagCapture capture;
+    EXPECT_EQ(c.run(dst, headers, small.GetBits()), 0);
+    EXPECT_EQ(capture.Text(), c.message);
+    ASSERT_EQ(capture.Entries().size(), 1u);
+    EXPECT_EQ(capture.Entries()[0].channel, 4u);
+    EXPECT_EQ(capture.Entries()[0].level, 3u);
+  }
+}
+
 TEST(CPTCDibSetDIB, SameFormatCopiesInfoHeaderAndPixels) {
   CPTCDib src = Pattern(5, 4, 32, 5);
   src.SetVideoSystem(2);
@@ -693,6 +728,21 @@ TEST(CPTCDibFiles, BsiRoundTripKeepsTheExtension) {
   }
 }
 
+// A standard bitmap loads whatever its name: only a file that does not start with "BM" is read in the
+// extended form.
+TEST(CPTCDibFiles, StandardBitmapNamedBsiLoads) {
+  TempDir dir;
+  const CPTCDib src = Pattern(5, 4, 24, 22);
+  const std::string standard = dir.File("s.bmp");
+  ASSERT_EQ(src.SaveToFile(Wide(standard).c_str()), 1);
+  const std::string renamed = dir.File("s.BSI");
+  ASSERT_TRUE(zrtest::WriteFile(renamed, zrtest::ReadFile(standard)));
+  CPTCDib back;
+  ASSERT_EQ(back.LoadFromFile(Wide(renamed).c_str()), 1);
+  ExpectHeader(back, ExpectedHeader(5, 4, 24));
+  EXPECT_EQ(PixelBytesOf(back), PixelBytesOf(src));
+}
+
 TEST(CPTCDibFiles, SaveRefusalsAndFolderCreation) {
   TempDir dir;
   CPTCDib empty;
@@ -786,9 +836,10 @@ TEST(CPTCDibFiles, HostileFilesAreRefusedWithTheirMessages) {
     EXPECT_EQ(dib.LoadFromFile(Wide(path).c_str()), 0);
     EXPECT_EQ(capture.Text(), c.message);
     EXPECT_EQ(dib.GetSize(), 0u) << "a failed load leaves the image empty";
-    if (!capture.Entries().empty()) {
-      EXPECT_EQ(capture.Entries()[0].channel, 3u);
-    }
+    // Channel (category) 3 for the format, 5 for the size; level 3 both.
+    ASSERT_EQ(capture.Entries().size(), 1u);
+    EXPECT_EQ(capture.Entries()[0].channel, c.message == format ? 3u : 5u);
+    EXPECT_EQ(capture.Entries()[0].level, 3u);
   }
   CPTCDib dib;
   EXPECT_EQ(dib.LoadFromFile(Wide(dir.File("missing.bmp")).c_str()), 0);

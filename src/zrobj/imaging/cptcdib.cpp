@@ -33,8 +33,9 @@ CHeap* DibPool() {
 
 unsigned long RoundUp32(unsigned long size) { return (size + 31ul) & ~31ul; }
 
-void Say(unsigned level, const char16_t* text) {
-  if (IsDebugOn()) os::wPrintf(3, level, text);
+// Messages print on a channel (category) and a level, only while debugging.
+void Say(unsigned channel, unsigned level, const char16_t* text) {
+  if (IsDebugOn()) os::wPrintf(channel, level, text);
 }
 
 // Under AddressSanitizer every block carries 32 poisoned bytes behind what the allocator grants, so
@@ -92,7 +93,7 @@ class DibMallocator final : public IMallocator {
   }
   int Verify(void* block) override {
     const int ok = DibPool()->Verify(block);
-    if (!ok) Say(0, u"\rCPDibMallocator::Verify failed\r\n");
+    if (!ok) Say(3, 0, u"\rCPDibMallocator::Verify failed\r\n");
     return ok;
   }
 };
@@ -194,23 +195,36 @@ class MemoryInput final : public DibInput {
 struct LoadedHeader {
   dib::InfoFields info;
   std::uint64_t headerBytes = 0;  // bytes in front of the pixels, as the header states them
+  bool extendedForm = false;
   BYTE extended[DIB_INFO_SIZE] = {};
 };
 
-bool ReadStandardHeader(DibInput& in, LoadedHeader* out) {
-  BYTE bytes[dib::kStandardHeaderSize];
-  if (!in.Read(bytes, sizeof bytes) || bytes[0] != 'B' || bytes[1] != 'M') return false;
+// Both forms start with the two bytes already read into `bytes`.
+bool ReadStandardHeader(DibInput& in, BYTE bytes[dib::kStandardHeaderSize], LoadedHeader* out) {
+  if (!in.Read(bytes + 2, dib::kStandardHeaderSize - 2)) return false;
   out->info = dib::ReadInfoFields(bytes + dib::kFileHeaderSize);
   out->headerBytes = std::uint64_t{out->info.size} + dib::kFileHeaderSize;
   return dib::IsTrueColourFormat(out->info);
 }
 
 bool ReadBsiHeader(DibInput& in, LoadedHeader* out) {
-  if (!in.Read(out->extended, sizeof out->extended)) return false;
+  if (!in.Read(out->extended + 2, DIB_INFO_SIZE - 2)) return false;
   out->info = dib::ReadInfoFields(out->extended);
   out->headerBytes = DIB_INFO_SIZE;
+  out->extendedForm = true;
   return out->info.size == DIB_INFO_SIZE && std::memcmp(out->extended + 44, "VORN", 4) == 0 &&
          dib::IsTrueColourFormat(out->info);
+}
+
+// A file that starts with "BM" is a standard bitmap whatever its name; a ".bsi" name admits the
+// extended form otherwise.
+bool ReadHeader(DibInput& in, bool bsiName, LoadedHeader* out) {
+  BYTE bytes[dib::kStandardHeaderSize];
+  if (!in.Read(bytes, 2)) return false;
+  if (bytes[0] == 'B' && bytes[1] == 'M') return ReadStandardHeader(in, bytes, out);
+  if (!bsiName) return false;
+  std::memcpy(out->extended, bytes, 2);
+  return ReadBsiHeader(in, out);
 }
 
 }  // namespace
@@ -409,15 +423,15 @@ IMallocator* CPTCDib::GetMallocator() { return &g_dib_mallocator; }
 
 int CPTCDib::SetDIB(const tagDIBINFO* src, long w, long h, unsigned long bits, unsigned long flags) {
   if (bits != 0 && !ValidDepth(bits)) {
-    Say(3, u"\rCPTCDib::SetDib: Only 24/32 bitmaps\r\n");
+    Say(3, 3, u"\rCPTCDib::SetDib: Only 24/32 bitmaps\r\n");
     return 0;
   }
   if (src == nullptr || src->bmf.bfType != DIB_SIGNATURE) {
-    Say(3, u"\rCPTCDib::SetDib: No BM signature\r\n");
+    Say(3, 3, u"\rCPTCDib::SetDib: No BM signature\r\n");
     return 0;
   }
   if (src->bmi.bmi.biCompression == DIB_COMPRESSION_YUV && src->bmi.dwChromaCode != DIB_CHROMA_444) {
-    Say(3, u"\rCPTCDib::SetDib: No YUV444 image\r\n");
+    Say(3, 3, u"\rCPTCDib::SetDib: No YUV444 image\r\n");
     return 0;
   }
   if (src == GetCDataPtr() && GetRefCnt() < 2) return 1;
@@ -427,11 +441,11 @@ int CPTCDib::SetDIB(const tagDIBINFO* src, long w, long h, unsigned long bits, u
 int CPTCDib::SetDIB(const BITMAPINFOHEADER* src, const void* pixels, long w, long h, unsigned long bits,
                     unsigned long flags) {
   if (bits != 0 && !ValidDepth(bits)) {
-    Say(3, u"\rCPTCDib::SetDib: Only 24/32 bitmaps\r\n");
+    Say(3, 3, u"\rCPTCDib::SetDib: Only 24/32 bitmaps\r\n");
     return 0;
   }
   if (src == nullptr || pixels == nullptr || !dib::IsTrueColourFormat(*src)) {
-    Say(3, u"\rCPTCDib::SetDib: Invalid bitcount or no RGB\r\n");
+    Say(3, 3, u"\rCPTCDib::SetDib: Invalid bitcount or no RGB\r\n");
     return 0;
   }
   if (w == 0) w = src->biWidth;
@@ -444,7 +458,7 @@ int CPTCDib::SetDIB(const BITMAPINFOHEADER* src, const void* pixels, long w, lon
   // The source may lie in this image's own block: a second handle keeps it alive meanwhile.
   const CPTCDib keep(*this);
   if (!Realloc(w, h, bits, flags)) {
-    Say(4, u"\rCPTCDib::SetDib: Could not allocate memory\r\n");
+    Say(4, 3, u"\rCPTCDib::SetDib: Could not allocate memory\r\n");
     return 0;
   }
   std::memmove(&GetInfoHeader()->bmi, src, sizeof(BITMAPINFOHEADER));
@@ -474,12 +488,12 @@ constexpr LoadMessages kResourceMessages = {
     u"\rCPTCDib::LoadFromResource: Invalid format (24/32 bit RGB required)\r\n",
     u"\rCPTCDib::LoadFromResource: Inconsistent indirect size definition\r\n"};
 
-// Steps shared by the file and the resource load. `bsi` selects the extended form.
+// Steps shared by the file and the resource load. `bsi`: the name admits the extended form.
 int LoadImage(CPTCDib& image, DibInput& in, bool bsi, const LoadMessages& say, long w, long h, unsigned long bits,
               unsigned long flags) {
   LoadedHeader header;
-  if (!(bsi ? ReadBsiHeader(in, &header) : ReadStandardHeader(in, &header))) {
-    Say(3, say.format);
+  if (!ReadHeader(in, bsi, &header)) {
+    Say(3, 3, say.format);
     return 0;
   }
   const dib::InfoFields& info = header.info;
@@ -487,7 +501,7 @@ int LoadImage(CPTCDib& image, DibInput& in, bool bsi, const LoadMessages& say, l
   const std::uint64_t needed = used == 0 ? ~std::uint64_t{0} : used - DIB_HEADER_SIZE;
   const std::uint64_t size = in.Size();
   if (size < header.headerBytes || size - header.headerBytes < needed) {
-    Say(5, say.size);
+    Say(5, 3, say.size);
     return 0;
   }
   const bool direct = w == 0 && h == 0 && (bits == 0 || bits == info.bits);
@@ -495,7 +509,7 @@ int LoadImage(CPTCDib& image, DibInput& in, bool bsi, const LoadMessages& say, l
   CPTCDib& target = direct ? image : temporary;
   if (!target.Alloc(info.width, info.height, info.bits, 0)) return 0;
   tagZRBMINFOHEADER* targetInfo = target.GetInfoHeader();
-  if (bsi) {
+  if (header.extendedForm) {
     // The extension (video system, chroma) travels with the ".bsi" form.
     std::memcpy(reinterpret_cast<BYTE*>(targetInfo) + dib::kStandardInfoSize,
                 header.extended + dib::kStandardInfoSize, DIB_INFO_SIZE - dib::kStandardInfoSize);

@@ -14,8 +14,9 @@ namespace os = zr::os;
 
 namespace {
 
-void Say(unsigned level, const char16_t* text) {
-  if (IsDebugOn()) os::wPrintf(3, level, text);
+// The scalers' failures print on channel (category) 4 at level 3, only while debugging.
+void Say(const char16_t* text) {
+  if (IsDebugOn()) os::wPrintf(4, 3, text);
 }
 
 struct FreeDeleter {
@@ -63,7 +64,7 @@ bool Prepare(CPTCDib& image, CPTCDib& keep, const BITMAPINFOHEADER* src, const v
     image.Free();
   }
   if (!image.Realloc(w, h, bits, 0)) {
-    Say(4, allocFailure);
+    Say(allocFailure);
     return false;
   }
   image.GetInfoHeader()->bmi.biCompression = header.biCompression;
@@ -239,7 +240,7 @@ int CPTCDib::ScaleDIBFast(const BITMAPINFOHEADER* src, const void* pixels, long 
   const std::size_t tableBytes = (static_cast<std::size_t>(w) + static_cast<std::size_t>(h)) * 4 + 8;
   std::unique_ptr<std::uint32_t, FreeDeleter> tables(static_cast<std::uint32_t*>(std::malloc(tableBytes)));
   if (!tables) {
-    Say(4, u"\rCPTCDib::ScaleDIBFast: Unable to alloc scaler memory\r\n");
+    Say(u"\rCPTCDib::ScaleDIBFast: Unable to alloc scaler memory\r\n");
     return 0;
   }
   std::uint32_t* cols = tables.get();
@@ -262,7 +263,7 @@ int CPTCDib::ScaleDIBBilinear(const BITMAPINFOHEADER* src, const void* pixels, l
   const std::size_t tableBytes = (static_cast<std::size_t>(w) + static_cast<std::size_t>(h)) * 8 + 16;
   std::unique_ptr<BilinearEntry, FreeDeleter> tables(static_cast<BilinearEntry*>(std::malloc(tableBytes)));
   if (!tables) {
-    Say(4, u"\rCPTCDib::ScalDIBBilinear: Unable to alloc scaler memory\r\n");
+    Say(u"\rCPTCDib::ScalDIBBilinear: Unable to alloc scaler memory\r\n");
     return 0;
   }
   BilinearEntry* cols = tables.get();
