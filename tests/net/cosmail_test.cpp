@@ -499,6 +499,26 @@ TEST_F(MailTest, ASilentComputerGoesIntoEscrowAndComesBack) {
   EXPECT_EQ(nettest::TextAt(pending, 16, 8), u"later");
 }
 
+// A reply that cannot be sent (port 0 is refused by the kernel) puts its destination into escrow
+// under the destination's own id, so that messages for it wait there and its GOODBYE clears it.
+TEST_F(MailTest, AFailedSendEscrowsTheDestinationUnderItsId) {
+  LineWatch watch;
+  COSMailslot& a = Box(u"ALPHA", u"alice", false);
+  const DWORD id = Id(u"NOPORT");
+  const std::vector<BYTE> hello = nettest::Hello(id, 1, u"NOPORT");
+  ASSERT_EQ(a.HandleDatagram(hello.data(), static_cast<DWORD>(hello.size()), 0x7F000001, 0), 1);
+  ASSERT_TRUE(watch.WaitFor(u"\rCOSMail::Putting NOPORT into escrow\r\n"));
+  EXPECT_EQ(watch.CountContaining(u"\rNetwork: Computer NOPORT unreachable (timeout) Result="), 1);
+  CPvList escrow = a.GetEscrowList();
+  ASSERT_EQ(escrow.GetNItems(), 1u);
+  EXPECT_EQ(static_cast<const tagMAILTARGET*>(escrow.GetCList())->ComputerID, id);
+  EXPECT_FALSE(HasTarget(a, u"NOPORT"));
+  EXPECT_EQ(a.SendMessage(id, u"later"), 1);  // kept as its pending message
+  const std::vector<BYTE> goodbye = nettest::Header(16, id, 2, MAIL_GOODBYE);
+  ASSERT_EQ(a.HandleDatagram(goodbye.data(), 16, 0x7F000001, 0), 1);
+  EXPECT_EQ(a.GetEscrowList().GetNItems(), 0u);
+}
+
 TEST_F(MailTest, UnknownComputersAndUnusableNames) {
   LineWatch watch;
   COSMailslot& a = Box(u"ALPHA", u"alice", false);

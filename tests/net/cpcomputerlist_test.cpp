@@ -35,6 +35,14 @@ TEST(CPComputerList, KeepsNamesSortedCaseInsensitively) {
   EXPECT_EQ(list.Find(u"yankee"), ZR_INVALID_INDEX);
 }
 
+// Letters compare as lower case, so the signs between 'Z' and 'a' sort before every letter.
+TEST(CPComputerList, SignsBetweenTheCasesSortBeforeLetters) {
+  CPComputerList list;
+  for (const char16_t* name : {u"AAB", u"A_B", u"A^B", u"ab", u"A[B"}) EXPECT_NE(list.Add(name), ZR_INVALID_INDEX);
+  EXPECT_EQ(Names(list), (std::vector<std::u16string>{u"A[B", u"A^B", u"A_B", u"AAB", u"ab"}));
+  EXPECT_EQ(list.Find(u"a_b"), 2u);
+}
+
 TEST(CPComputerList, RefusesLongAndNullNames) {
   CPComputerList list;
   ASSERT_NE(list.Add(u"FIFTEENCHARSXXX"), ZR_INVALID_INDEX);

@@ -368,6 +368,18 @@ TEST_F(GrantTest, RefusalsAndCutNames) {
   EXPECT_EQ(zr::ACLGetUserRights(object_.c_str(), longName.substr(0, 64).c_str()), ACL_READ);
 }
 
+// A creator whose name is longer than the list keeps is still the holder of the list it created.
+TEST_F(GrantTest, ALongCreatorNameKeepsItsRights) {
+  const std::u16string creator(80, u'c');
+  ASSERT_EQ(Grant(creator.c_str(), false, u"bob", ACL_READ).result, 1);
+  EXPECT_EQ(zr::ACLGetUserRights(object_.c_str(), creator.c_str()), ACL_ALL_RIGHTS);
+  EXPECT_EQ(Grant(creator.c_str(), false, u"bob", ACL_READ | ACL_WRITE).result, 1);
+  EXPECT_EQ(zr::ACLGetUserRights(object_.c_str(), u"bob"), ACL_READ | ACL_WRITE);
+  EXPECT_EQ(Grant(creator.c_str(), false, creator.substr(0, 64).c_str(), ACL_READ).result, 0);  // itself
+  EXPECT_EQ(Grant(creator.c_str(), false, nullptr, 0).result, 1);
+  EXPECT_FALSE(ListExists());
+}
+
 TEST_F(GrantTest, EnumerationNeedsTheMarkerAndSurvivesHostileFiles) {
   ASSERT_EQ(Grant(u"alice", false, u"bob", ACL_READ).result, 1);
   ASSERT_TRUE(CZRFile::SetAttributes(object_.c_str(), 0));

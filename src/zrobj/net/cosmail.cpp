@@ -189,6 +189,7 @@ class MailboxEngine {
   static void Transmit(COSMailslot& m, MailItem& item) {
     MailboxState& s = *m.m_state;
     if (item.bytes.size() < MAIL_HEADER_SIZE) return;
+    const DWORD destinationId = LoadHeader(item.bytes.data()).ComputerID;  // before the own id replaces it
     DWORD tag;
     {
       COSAutoLock hold(&m.m_lock);
@@ -205,7 +206,7 @@ class MailboxEngine {
       os::wPrintf(kChannel, kWarning, u"\rNetwork: Computer %ls unreachable (timeout) Result=%u\r\n", name,
                   static_cast<DWORD>(error));
     }
-    if (!item.name.empty()) PutIntoEscrow(m, item.name, LoadHeader(item.bytes.data()).ComputerID);
+    if (!item.name.empty()) PutIntoEscrow(m, item.name, destinationId);
   }
 
   // The members of the attached workgroups under this mailbox's name, without this mailbox.

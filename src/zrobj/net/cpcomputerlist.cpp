@@ -17,9 +17,10 @@ namespace net = zr::net;
 
 namespace {
 
-char16_t Fold(char16_t c) { return c >= u'a' && c <= u'z' ? static_cast<char16_t>(c - u'a' + u'A') : c; }
+char16_t Fold(char16_t c) { return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c - u'A' + u'a') : c; }
 
-// Case-insensitive comparison of two names (ASCII letters fold), like _wcsicmp.
+// Case-insensitive comparison of two names (ASCII letters fold to lower case), like _wcsicmp: the
+// signs between 'Z' and 'a' ("[\\]^_`") sort before the letters.
 int CompareNames(const WCHAR* a, const WCHAR* b) {
   for (;; ++a, ++b) {
     const char16_t x = Fold(*a);

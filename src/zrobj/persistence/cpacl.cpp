@@ -284,7 +284,10 @@ class ListFile {
   os::CSetFile file_;
 };
 
-std::string SectionOf(const WCHAR* user) { return os::Utf16ToUtf8(UserSection(GetUserHashIDW(user))); }
+// The section of a user as the list names it: the hash id of the name cut to the kept length.
+std::string SectionOf(const WCHAR* user) {
+  return os::Utf16ToUtf8(UserSection(GetUserHashIDW(ListedName(user).c_str())));
+}
 
 bool SetHidden(const WCHAR* objectPath, DWORD attributes, bool hidden) {
   const bool isHidden = (attributes & CZRFile::kAttributeHidden) != 0;
@@ -310,7 +313,7 @@ ACLGrantOutcome ChangeList(const WCHAR* objectPath, DWORD attributes, const std:
   }
   const std::u16string target = ListedName(targetUser);
   const DWORD targetId = GetUserHashIDW(target.c_str());
-  if (targetId == GetUserHashIDW(currentUser)) return {rights == ACL_ALL_RIGHTS ? 1 : 0, false, ACLChange::kNone};
+  if (targetId == GetUserHashIDW(ListedName(currentUser).c_str())) return {rights == ACL_ALL_RIGHTS ? 1 : 0, false, ACLChange::kNone};
   if (!list.WriteUser(targetId, rights, target)) return {};
   return {1, true, ACLChange::kNone};
 }
