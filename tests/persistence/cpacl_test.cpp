@@ -123,6 +123,10 @@ TEST(ACLFiles, PathsAndLocations) {
   ASSERT_TRUE(zr::ACLLocationFromPath(u"/p/obj/ff/12xyz.acl", &first, &second));  // "%x" stops at 'x'
   EXPECT_EQ(first, 0xFFu);
   EXPECT_EQ(second, 0x12u);
+  // Names longer than eight digits keep their low 32 bits; far too long ones saturate.
+  ASSERT_TRUE(zr::ACLLocationFromPath(u"/p/obj/123456789/FFFFFFFFFFFFFFFFFFFFFFFF.acl", &first, &second));
+  EXPECT_EQ(first, 0x23456789u);
+  EXPECT_EQ(second, 0xFFFFFFFFu);
   EXPECT_FALSE(zr::ACLLocationFromPath(u"/p/obj/notes/1.acl", &first, &second));
   EXPECT_FALSE(zr::ACLLocationFromPath(u"/p/obj/1/readme.acl", &first, &second));
   EXPECT_FALSE(zr::ACLLocationFromPath(u"1.acl", &first, &second));

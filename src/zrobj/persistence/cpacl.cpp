@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -108,9 +109,13 @@ namespace {
 // rest of the name is ignored.
 bool ParseHexName(std::u16string_view name, DWORD* value) {
   const std::string narrow = os::Utf16ToUtf8(name);
-  unsigned int parsed = 0;
-  if (std::sscanf(narrow.c_str(), "%x", &parsed) != 1) return false;
-  *value = parsed;
+  // Read as "%x" reads, but a number too large for the conversion stays defined: strtoul
+  // saturates where the formatted read's result would be undefined; the low 32 bits are kept.
+  const char* start = narrow.c_str();
+  char* end = nullptr;
+  const unsigned long parsed = std::strtoul(start, &end, 16);
+  if (end == start) return false;
+  *value = static_cast<DWORD>(parsed);
   return true;
 }
 
