@@ -475,6 +475,34 @@ TEST_F(MailTest, AFloodOfMalformedDatagramsLeavesThePingsAnswered) {
   EXPECT_EQ(a.IsOpen(), 1);
 }
 
+// PINGs are answered to whatever address they come from; thousands of such addresses must not
+// disturb the tag counting towards a known computer (its tags keep rising, never restart).
+TEST_F(MailTest, RepliesToManyAddressesKeepAKnownComputersTags) {
+  RawPeer raw;
+  COSMailslot& a = Box(u"ALPHA", u"alice", false);
+  const auto port = static_cast<std::uint16_t>(a.GetLocalPort());
+  const DWORD raw_id = Id(u"RAWPC");
+  ASSERT_TRUE(raw.SendTo(port, nettest::Hello(raw_id, 1, u"RAWPC")));
+  const std::vector<BYTE> ack = raw.ReceiveType(MAIL_HELLO_ACK, nettest::kWaitMs);
+  ASSERT_FALSE(ack.empty());
+  DWORD last = zr::LoadLE32(ack.data() + 8);
+  DWORD raw_tag = 2;
+  LineWatch quiet;
+  for (DWORD batch = 0; batch < 30; ++batch) {
+    for (DWORD i = 0; i < 200; ++i) {
+      const DWORD n = batch * 200 + i;
+      const std::vector<BYTE> ping = nettest::Header(16, 0x10000 + n, 1, MAIL_PING);
+      a.HandleDatagram(ping.data(), 16, 0x7F000001, 20000 + n);
+    }
+    ASSERT_TRUE(raw.SendTo(port, nettest::Header(16, raw_id, raw_tag++, MAIL_PING)));
+    const std::vector<BYTE> pong = raw.ReceiveType(MAIL_PONG, nettest::kWaitMs);
+    ASSERT_EQ(pong.size(), 16u);
+    const DWORD tag = zr::LoadLE32(pong.data() + 8);
+    EXPECT_GT(tag, last) << "batch " << batch;
+    last = tag;
+  }
+}
+
 TEST_F(MailTest, ASilentComputerGoesIntoEscrowAndComesBack) {
   LineWatch watch;
   RawPeer raw;

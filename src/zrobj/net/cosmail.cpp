@@ -9,6 +9,7 @@
 #include <deque>
 #include <mutex>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "net/cosmail_internal.h"
@@ -88,6 +89,8 @@ bool SameName(std::u16string_view a, std::u16string_view b) {
   }
   return true;
 }
+
+constexpr std::size_t kMaxTagPeers = 4096;  // tag counters kept before strangers are forgotten
 
 std::uint64_t PeerKey(const os::NetAddress& a) { return std::uint64_t{a.ipv4} << 16 | a.port; }
 
@@ -185,6 +188,17 @@ class MailboxEngine {
                  t.rec.Computer);
   }
 
+  // Replies go to whatever address a datagram came from, so a flood from many addresses would grow
+  // the tag counters without end: past the limit, counters of addresses that are no known or
+  // escrowed computer's (and not the current one) are forgotten; such a peer starts again at 1.
+  static void ForgetStrangerTags(MailboxState& s, std::uint64_t current) {
+    std::unordered_set<std::uint64_t> keep{current};
+    for (const auto* list : {&s.targets, &s.escrow})
+      for (const Target& t : *list)
+        keep.insert(PeerKey(os::NetAddress{t.rec.Address, static_cast<std::uint16_t>(t.rec.Port)}));
+    std::erase_if(s.tags, [&](const auto& entry) { return !keep.contains(entry.first); });
+  }
+
   // Stamps the own id and the next tag towards the peer, then sends.
   static void Transmit(COSMailslot& m, MailItem& item) {
     MailboxState& s = *m.m_state;
@@ -194,6 +208,7 @@ class MailboxEngine {
     {
       COSAutoLock hold(&m.m_lock);
       tag = ++s.tags[PeerKey(item.peer)];
+      if (s.tags.size() > kMaxTagPeers) ForgetStrangerTags(s, PeerKey(item.peer));
     }
     zr::StoreLE32(item.bytes.data() + 4, m.m_computerId);
     zr::StoreLE32(item.bytes.data() + 8, tag);
