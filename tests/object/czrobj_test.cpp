@@ -118,6 +118,11 @@ TEST(CZRObject, TheBaseRecordsAreRegisteredAtAttach) {
   EXPECT_EQ(CZRObject::GetClassRegisterPtr()->lState, ZRCLASS_STATE_REGISTERED);
   const CZRRuntimeClass* object = CZRObject::GetClassRegisterPtr();
   EXPECT_EQ(CZRRuntimeClass::GetClassPtr(&object->guid, GetHashID("CZRObject")), object);
+  // The base classes are found by their fixed identities.
+  const GUID rtObjectGuid = {0x35D48101, 0x67BE, 0x11CF, {0x90, 0xC2, 0x00, 0x00, 0xE8, 0xCE, 0x82, 0x46}};
+  const GUID objectGuid = {0x35D48100, 0x67BE, 0x11CF, {0x90, 0xC2, 0x00, 0x00, 0xE8, 0xCE, 0x82, 0x46}};
+  EXPECT_EQ(CZRRuntimeClass::GetClassPtr(&rtObjectGuid, GetHashID("CZRRTObject")), CZRRTObject::GetClassRegisterPtr());
+  EXPECT_EQ(CZRRuntimeClass::GetClassPtr(&objectGuid, GetHashID("CZRObject")), object);
   EXPECT_EQ(object->pBaseClass, CZRRTObject::GetClassRegisterPtr());
   const CZRRuntimeClass* root = CZRRTObject::GetClassRegisterPtr();
   EXPECT_EQ(root->dwFlags & ZRCLASS_DECLARED_MASK, 0x01u);
