@@ -109,7 +109,7 @@ void CZRRTObject::FreeObject() {
   CZRRTObject* self = this;
   if (os::Guarded([self] { delete self; }) == 0) return;
   PassToAnalysis();
-  if (IsDebugOn()) os::wPrintf(3, 0, u"\rCZRRTObject::FreeObject: this pointer is INVALID\r\n");
+  if (IsDebugOn()) os::wPrintf(3, 0, u"CZRRTObject::FreeObject: this pointer is INVALID");
 }
 
 int CZRRTObject::StoreData(CZRArchive*) { return 1; }
