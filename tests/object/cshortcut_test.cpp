@@ -144,6 +144,9 @@ TEST_F(CShortCutTest, ValuesAreCutToTheBuffer) {
   EXPECT_EQ(legacy.Utf8(), "ABC");
   EXPECT_EQ(CShortCut::ResolvePath(link.c_str(), path.text, 6), 1);
   EXPECT_EQ(path.Utf8(), target_.substr(0, 5));
+  // A buffer of one character holds nothing of the path: that reads as an empty shortcut.
+  EXPECT_EQ(CShortCut::ResolvePath(link.c_str(), path.text, 1), 0);
+  EXPECT_EQ(path.text[0], 0);
 }
 
 TEST_F(CShortCutTest, DamagedFilesReadAsMissingKeys) {

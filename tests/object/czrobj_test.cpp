@@ -3,6 +3,7 @@
 #include "zrobj/czrobj.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -118,6 +119,11 @@ TEST(CZRObject, TheBaseRecordsAreRegisteredAtAttach) {
   EXPECT_EQ(CZRObject::GetClassRegisterPtr()->lState, ZRCLASS_STATE_REGISTERED);
   const CZRRuntimeClass* object = CZRObject::GetClassRegisterPtr();
   EXPECT_EQ(CZRRuntimeClass::GetClassPtr(&object->guid, GetHashID("CZRObject")), object);
+  // The base classes are found by their fixed identities.
+  const GUID rtObjectGuid = {0x35D48101, 0x67BE, 0x11CF, {0x90, 0xC2, 0x00, 0x00, 0xE8, 0xCE, 0x82, 0x46}};
+  const GUID objectGuid = {0x35D48100, 0x67BE, 0x11CF, {0x90, 0xC2, 0x00, 0x00, 0xE8, 0xCE, 0x82, 0x46}};
+  EXPECT_EQ(CZRRuntimeClass::GetClassPtr(&rtObjectGuid, GetHashID("CZRRTObject")), CZRRTObject::GetClassRegisterPtr());
+  EXPECT_EQ(CZRRuntimeClass::GetClassPtr(&objectGuid, GetHashID("CZRObject")), object);
   EXPECT_EQ(object->pBaseClass, CZRRTObject::GetClassRegisterPtr());
   const CZRRuntimeClass* root = CZRRTObject::GetClassRegisterPtr();
   EXPECT_EQ(root->dwFlags & ZRCLASS_DECLARED_MASK, 0x01u);
@@ -206,6 +212,34 @@ TEST(CZRObject, InvalidObjectsAreReportedAndLeaked) {
   CZRRTObject::operator delete(reinterpret_cast<void*>(block));
   EXPECT_EQ(capture.Text(), "CZRRTObject: Delete bad signature\r\n");
   EXPECT_EQ(HeapItems(), items);
+}
+
+// A run-time object whose destructor faults: FreeObject catches the fault and reports it.
+class FaultingObject : public CZRRTObject {
+ public:
+  explicit FaultingObject(const volatile int* unreadable) : unreadable_(unreadable) {}
+  ~FaultingObject() override { sink_ = *unreadable_; }
+
+ private:
+  const volatile int* unreadable_;
+  static inline volatile int sink_ = 0;
+};
+
+TEST(CZRObject, FreeObjectReportsAFaultingDestructor) {
+  const zrtest::ChildResult result = zrtest::RunChild([] {
+    zrtest::DebugMode debug(1);
+    void* page = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED) return 2;
+    auto* object = new FaultingObject(static_cast<const volatile int*>(page));
+    os::ScopedDiagCapture capture;
+    object->FreeObject();
+    bool reported = false;
+    for (const auto& entry : capture.Entries())
+      reported = reported || entry.text == u"CZRRTObject::FreeObject: this pointer is INVALID";
+    return reported ? 0 : 1;
+  });
+  ASSERT_TRUE(result.exited) << "signal " << result.signal;
+  EXPECT_EQ(result.exit_code, 0);
 }
 
 TEST(CZRObject, DeletionWatchLines) {

@@ -527,4 +527,19 @@ TEST(ZrClass, LoadFailureListIsBoundedByItsRegion) {
   });
 }
 
+// A file name too long for an entry's 16-bit length is not listed, and the list stays readable.
+TEST(ZrClass, LoadFailureListSkipsNamesTooLongForAnEntry) {
+  ExpectChildPasses([] {
+    const std::u16string longName = std::u16string(32800, u'x') + u".so";
+    REQUIRE(CZRRuntimeClass::LoadClassLibrary(longName.c_str(), 0) == 0);
+    REQUIRE(CZRRuntimeClass::LoadClassLibrary(u"zrdrv_after_long.so", 0) == 0);
+    os::ScopedDiagCapture capture;
+    REQUIRE(CZRRuntimeClass::LoadClassLibrary(u"zrdrv_after_long.so", 0) == 0);
+    REQUIRE(capture.Entries().empty());
+    REQUIRE(CZRRuntimeClass::LoadClassLibrary(longName.c_str(), 0) == 0);
+    REQUIRE(capture.Entries().size() == 1);
+    return 0;
+  });
+}
+
 }  // namespace

@@ -78,10 +78,8 @@ int CShortCut::GetLegacy(const WCHAR* shortcutPath, WCHAR* buffer, int length) {
 int CShortCut::ResolvePath(const WCHAR* shortcutPath, WCHAR* buffer, int length) {
   if (!ClearBuffer(buffer, length) || !IsShortcutName(shortcutPath)) return 0;
   const std::optional<std::string> path = ReadValue(shortcutPath, kPathKey);
-  if (path && !path->empty()) {
-    os::WStrCopy(buffer, static_cast<std::size_t>(length), os::Utf8ToUtf16(*path));
-    return 1;
-  }
+  if (path) os::WStrCopy(buffer, static_cast<std::size_t>(length), os::Utf8ToUtf16(*path));
+  if (buffer[0] != 0) return 1;  // what was read into the buffer decides, as cut to its length
   if (IsDebugOn()) os::wPrintf(3, 4, u"\rCShortCut::ResolvePath: Shortcut empty\r\n");
   return 0;
 }

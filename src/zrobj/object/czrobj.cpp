@@ -22,8 +22,10 @@ namespace os = zr::os;
 
 namespace {
 
-constexpr GUID kRTObjectGuid = {0x5A520001, 0x0B1E, 0x4C7A, {0x9E, 0x11, 0x52, 0x54, 0x4F, 0x42, 0x4A, 0x01}};
-constexpr GUID kObjectGuid = {0x5A520002, 0x0B1E, 0x4C7A, {0x9E, 0x11, 0x52, 0x54, 0x4F, 0x42, 0x4A, 0x02}};
+// The two classes' identities, {35D48101-67BE-11CF-90C2-0000E8CE8246} and {35D48100-...}: modules and
+// object files name the base classes by them.
+constexpr GUID kRTObjectGuid = {0x35D48101, 0x67BE, 0x11CF, {0x90, 0xC2, 0x00, 0x00, 0xE8, 0xCE, 0x82, 0x46}};
+constexpr GUID kObjectGuid = {0x35D48100, 0x67BE, 0x11CF, {0x90, 0xC2, 0x00, 0x00, 0xE8, 0xCE, 0x82, 0x46}};
 constexpr char kSourceFile[] = "src/zrobj/czrobj";
 constexpr std::size_t kSignatureOffset = sizeof(void*);  // after the table pointer
 char kParentChunk[] = "ParentLocation";
@@ -107,7 +109,7 @@ void CZRRTObject::FreeObject() {
   CZRRTObject* self = this;
   if (os::Guarded([self] { delete self; }) == 0) return;
   PassToAnalysis();
-  if (IsDebugOn()) os::wPrintf(3, 0, u"\rCZRRTObject::FreeObject: this pointer is INVALID\r\n");
+  if (IsDebugOn()) os::wPrintf(3, 0, u"CZRRTObject::FreeObject: this pointer is INVALID");
 }
 
 int CZRRTObject::StoreData(CZRArchive*) { return 1; }

@@ -153,6 +153,7 @@ void CZRRuntimeClass::LoadFail_Add(const WCHAR* fileName) {
   const std::size_t chars = os::WStrLen(fileName);
   if (!g_registry.load_fail_list || chars == 0) return;
   const std::size_t entry = 2 * chars + 4;
+  if (entry > 0xFFFF) return;  // its length would not fit the entry's 16-bit field
   const std::size_t needed = g_registry.tail + entry + 2;
   if (needed > g_registry.size_commit) {
     const std::size_t commit = (needed + kPage - 1) / kPage * kPage;
