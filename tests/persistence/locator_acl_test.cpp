@@ -220,6 +220,9 @@ TEST(LocatorACL, OnlyHoldersOfTheListRightOrAdministratorsChangeAList) {
     AsUser erin("erin");  // not on the list at all
     EXPECT_EQ(project.writer.GrantAccess(u"erin", ACL_ALL_RIGHTS), 0);
     ASSERT_EQ(PrjRegistry::AddAdministrator(project.id, u"erin"), 1);
+    ASSERT_EQ(PrjRegistry::SetWorkingProject(0), 1);  // administrators of the working project only
+    EXPECT_EQ(project.writer.GrantAccess(u"carol", ACL_READ | ACL_WRITE), 0);
+    ASSERT_EQ(PrjRegistry::SetWorkingProject(project.id), 1);
     EXPECT_EQ(project.writer.GrantAccess(u"carol", ACL_READ | ACL_WRITE), 1);
     EXPECT_EQ(zr::ACLGetUserRights(project.objectPath.c_str(), u"carol"), ACL_READ | ACL_WRITE);
     EXPECT_EQ(project.writer.GrantAccess(nullptr, 0), 1);  // an administrator removes the list

@@ -66,7 +66,7 @@ int Locator::GrantAccess(const WCHAR* user, DWORD access) {
   }
   WCHAR current[PrjRegistry::kMaxUserName + 1];
   if (!PrjRegistry::GetCurrentUser(current, PrjRegistry::kMaxUserName + 1)) return 0;
-  const bool admin = PrjRegistry::IsAdministrator(location_.dwProject, current) != 0;
+  const bool admin = PrjRegistry::IsAdministrator(PrjRegistry::GetWorkingProject(), current) != 0;
   const zr::ACLGrantOutcome outcome = zr::ACLGrantAccess(path, current, admin, user, access);
   if (outcome.stampChanged) MarkFileChanged();
   if (outcome.list == zr::ACLChange::kCreated) {
