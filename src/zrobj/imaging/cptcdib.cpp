@@ -569,10 +569,9 @@ int CPTCDib::SaveToFile(const WCHAR* path) const {
   const tagDIBINFO* header = GetDIBInfo();
   const unsigned long used = GetDIBSize();
   if (header == nullptr || used == 0 || path == nullptr || path[0] == 0) return 0;
-  // The stated image size, unless it is 0 or more than the block holds.
+  // The stated image size; never more than the block holds, which is all there is to write.
   const unsigned long room = GetSize() - DIB_HEADER_SIZE;
-  const DWORD stated = header->bmi.bmi.biSizeImage;
-  const DWORD imageBytes = stated != 0 && stated <= room ? stated : static_cast<DWORD>(std::min(used, room));
+  const DWORD imageBytes = static_cast<DWORD>(std::min<unsigned long>(header->bmi.bmi.biSizeImage, room));
   const os::FileHandle file = CreateForSave(path);
   if (file == os::kInvalidFile) return 0;
   bool ok;
@@ -580,7 +579,7 @@ int CPTCDib::SaveToFile(const WCHAR* path) const {
     ok = WriteAll(file, &header->bmi, DIB_INFO_SIZE);
   } else {
     BYTE standard[dib::kStandardHeaderSize];
-    dib::MakeStandardHeader(header, imageBytes, standard);
+    dib::MakeStandardHeader(header, standard);
     ok = WriteAll(file, standard, sizeof standard);
   }
   ok = ok && WriteAll(file, GetBits(), imageBytes);

@@ -55,12 +55,10 @@ bool IsTrueColourFormat(const BITMAPINFOHEADER& info) {
   return IsTrueColour(info.biCompression, info.biBitCount, info.biWidth, info.biHeight);
 }
 
-void MakeStandardHeader(const tagDIBINFO* header, DWORD imageBytes, BYTE out[kStandardHeaderSize]) {
+void MakeStandardHeader(const tagDIBINFO* header, BYTE out[kStandardHeaderSize]) {
   std::memcpy(out, header, kStandardHeaderSize);
-  StoreLE32(out + 2, kStandardHeaderSize + imageBytes);
   StoreLE32(out + 10, kStandardHeaderSize);
   StoreLE32(out + kFileHeaderSize, kStandardInfoSize);
-  StoreLE32(out + kFileHeaderSize + 20, imageBytes);
 }
 
 std::uint64_t PixelBytes(long width, long height, unsigned bits) {

@@ -33,9 +33,9 @@ InfoFields ReadInfoFields(const BYTE* info);
 bool IsTrueColourFormat(const InfoFields& info);
 bool IsTrueColourFormat(const BITMAPINFOHEADER& info);
 
-// The standard file header of an image: the block's first 54 bytes with the data offset 54, the info
-// size 40, the image size `imageBytes` and the file size 54 + `imageBytes`.
-void MakeStandardHeader(const tagDIBINFO* header, DWORD imageBytes, BYTE out[kStandardHeaderSize]);
+// The standard file header of an image: the block's first 54 bytes with the data offset 54 and the
+// info size 40; every other field, the file size and image size included, as the block holds it.
+void MakeStandardHeader(const tagDIBINFO* header, BYTE out[kStandardHeaderSize]);
 
 // The pixel bytes an image of the header's size and depth holds: stride x |height|; 0 when that does
 // not fit 32 bits.
