@@ -15,12 +15,12 @@ namespace zr::palette_detail {
 
 // A node: pixel count (or kInner / kMerged), channel sums, palette index, children, the next node
 // of its level's reducible list (or of the free list), and the level it stands for. Nodes live in
-// one pool and name each other by position; position 0 is "none". The sums are 64-bit so that any
-// image size fits.
+// one pool and name each other by position; position 0 is "none". Counts and sums are 32-bit words
+// as the node record has them: past 4 G they wrap, as that record's do.
 template <unsigned kChannels>
 struct Node {
   DWORD count;
-  std::uint64_t sum[kChannels];
+  DWORD sum[kChannels];
   DWORD index;
   DWORD child[1u << kChannels];
   DWORD next;
@@ -217,7 +217,7 @@ struct TreeState {
   }
 
   RGBQUAD Average(const Node<kChannels>& leaf) const {
-    const std::uint64_t count = leaf.count ? leaf.count : 1;
+    const DWORD count = leaf.count ? leaf.count : 1;
     RGBQUAD q;
     q.rgbRed = static_cast<BYTE>(leaf.sum[0] / count);
     q.rgbGreen = static_cast<BYTE>(leaf.sum[1] / count);
