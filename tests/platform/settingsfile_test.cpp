@@ -117,13 +117,10 @@ TEST(SetFile, ValuesAndRefusals) {
   EXPECT_FALSE(file.WriteSettingString("S", "", u"x"));
   EXPECT_FALSE(file.WriteSettingString("S", "K", nullptr));
 
-  EXPECT_EQ(os::ParseSettingInt(" 42 "), 42);
-  EXPECT_EQ(os::ParseSettingInt("+7"), 7);
-  EXPECT_EQ(os::ParseSettingInt("0xFFFFFFFF"), -1);
-  EXPECT_EQ(os::ParseSettingInt("0x100000000"), std::nullopt);
-  EXPECT_EQ(os::ParseSettingInt("2147483648"), std::nullopt);
-  EXPECT_EQ(os::ParseSettingInt("1 2"), std::nullopt);
-  EXPECT_EQ(os::ParseSettingInt(""), std::nullopt);
+  const std::pair<const char*, std::optional<int>> ints[] = {{" 42 ", 42},       {"+7", 7},   {"0xFFFFFFFF", -1},
+                                                             {"0x100000000", {}}, {"2147483648", {}},
+                                                             {"1 2", {}},        {"", {}}};
+  for (const auto& [text, value] : ints) EXPECT_EQ(os::ParseSettingInt(text), value) << text;
   EXPECT_EQ(os::EscapeSettingValue("\"a\\b\tc\""), "\\x22a\\\\b\\x09c\\x22");
   EXPECT_EQ(os::UnescapeSettingValue("\\x22a\\\\b\\x09c\\x22"), "\"a\\b\tc\"");
   EXPECT_EQ(os::UnescapeSettingValue("C:\\dir\\x"), "C:\\dir\\x");  // lone backslashes stay
