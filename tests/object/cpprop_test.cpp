@@ -133,16 +133,6 @@ TEST(CPProperty, ResetDiffersFromConstruction) {
   EXPECT_FALSE(p.GetPUID().IsAssigned());
 }
 
-TEST(CPProperty, PUIDSetters) {
-  CPProperty p;
-  p.SetPUID(1, 2, 3);
-  p.SetPUIDprj(10);
-  p.SetPUIDcustom(30);
-  EXPECT_EQ(p.GetPUID(), (tagPUID{10, 2, 30}));
-  p.SetPUIDobj(20);
-  EXPECT_EQ(p.GetPUID(), (tagPUID{10, 20, 30}));
-}
-
 TEST(CPProperty, CopiesShareTheBlockAndEveryField) {
   CPProperty a = Filled(2, kIdA, "shared");
   a.SetPUID(1, 2, 3);

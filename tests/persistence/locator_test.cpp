@@ -405,10 +405,6 @@ TEST(Locator, WatchRangeLines) {
   min = 1025;
   max = 1026;
   Locator::SetRWWatchRange(min, max);
-  int gotMin = 0, gotMax = 0;
-  Locator::GetRWWatchRange(&gotMin, &gotMax);
-  EXPECT_EQ(gotMin, 1025);
-  EXPECT_EQ(gotMax, 1026);
   zrtest::DebugMode debug(1);
   os::ScopedDiagCapture capture;
   const auto watchLines = [&] {

@@ -166,22 +166,6 @@ TYPED_TEST(FftTest, TwoDimensionalSizes) {
   EXPECT_EQ(fft.Re(1, 3), fft.ARe() + 7);
 }
 
-TYPED_TEST(FftTest, SizeTwoIsSumAndDifference) {
-  OneD<TypeParam> fft;
-  ASSERT_EQ(fft.Open(2), 1);
-  Load(fft.ARe(), fft.AIm(), Signal{Cx(3, 1), Cx(5, -2)});
-  fft.FFT(1, 1);
-  EXPECT_EQ(fft.ARe()[0], 8);
-  EXPECT_EQ(fft.AIm()[0], -1);
-  EXPECT_EQ(fft.ARe()[1], -2);
-  EXPECT_EQ(fft.AIm()[1], 3);
-  fft.FFT(-1, 1);
-  EXPECT_EQ(fft.ARe()[0], 3);
-  EXPECT_EQ(fft.AIm()[0], 1);
-  EXPECT_EQ(fft.ARe()[1], 5);
-  EXPECT_EQ(fft.AIm()[1], -2);
-}
-
 TYPED_TEST(FftTest, ImpulseGivesFlatSpectrumAndBack) {
   for (unsigned n = 2; n <= 1024; n *= 2) {
     OneD<TypeParam> fft;

@@ -93,7 +93,7 @@ class WavFileTest : public ::testing::Test {
   CPWavMemory wav_;
 };
 
-TEST(CPWavMemory, AllocWritesTheHeader) {
+TEST(CPWavMemory, AllocWritesTheHeaderAndSizes) {
   CPWavMemory wav;
   ASSERT_EQ(wav.Alloc(100, 48000, 16, 2, 1), 1);
   EXPECT_EQ(wav.GetSize(), 476u);
@@ -118,13 +118,10 @@ TEST(CPWavMemory, AllocWritesTheHeader) {
   EXPECT_EQ(reinterpret_cast<const BYTE*>(samples), reinterpret_cast<const BYTE*>(h) + 76);
   short* writable = wav;
   EXPECT_EQ(static_cast<const short*>(writable), samples);
-}
 
-TEST(CPWavMemory, AllocSizesAndStreams) {
   EXPECT_EQ(CPWavMemory::GetMemSizeWav(100, 16, 2, 1), 476u);
   EXPECT_EQ(CPWavMemory::GetMemSizeWav(10, 8, 1, 3), 106u);
   EXPECT_EQ(CPWavMemory::GetMemSizeWav(0xFFFFFFFFul, 16, 2, 2), 0u);  // does not fit 32 bits
-  CPWavMemory wav;
   ASSERT_EQ(wav.Alloc(10, 8000, 8, 1, 3), 1);
   EXPECT_EQ(wav.GetWavSize(), 30u);
   EXPECT_EQ(static_cast<const tagZRWAVFORMAT*>(std::as_const(wav))->dwStreams, 3u);
@@ -219,13 +216,11 @@ TEST_F(WavFileTest, LongFormatChunkIsSkipped) {
   EXPECT_EQ(wav_.GetWavSize(), 5u);
 }
 
-TEST_F(WavFileTest, ChunkBetweenFormatAndDataFails) {
+// A failed load frees the block held before.
+TEST_F(WavFileTest, ChunkBetweenFormatAndDataOrMissingFileFails) {
   ASSERT_EQ(wav_.Alloc(4, 8000, 8, 1, 1), 1);
   EXPECT_EQ(Load(WaveFile(Format{}, Pattern(16), Chunk("LIST", "INFOabcd"))), 0);
   ExpectEmpty();
-}
-
-TEST_F(WavFileTest, MissingFileFailsAndFreesTheBlock) {
   ASSERT_EQ(wav_.Alloc(4, 8000, 8, 1, 1), 1);
   EXPECT_EQ(wav_.LoadFromFile(Wide(dir_.File("none.wav")).c_str()), 0);
   ExpectEmpty();
@@ -315,27 +310,24 @@ class ScopedWriteRecorder {
 
 constexpr char kRefusal[] = "\rCPWavMemory::SaveToFile: Empty wav or uStreams>1\r\n";
 
+// A short wave still writes eighteen sample bytes.
 TEST_F(WavFileTest, SaveWritesEverythingThenFailsItsLastCheckAndDeletes) {
-  ASSERT_EQ(wav_.Alloc(20, 8000, 16, 1, 1), 1);
-  ASSERT_TRUE(zrtest::WriteFile(path_, "old contents"));
-  DebugMode debug(1);
-  zr::os::ScopedDiagCapture capture;
-  {
-    ScopedWriteRecorder recorder;
-    EXPECT_EQ(wav_.SaveToFile(Wide(path_).c_str()), 0);
-    EXPECT_EQ(g_writes, (std::vector<DWORD>{20, 18, 8, 18}));
+  for (const unsigned bits : {16u, 8u}) {
+    SCOPED_TRACE(bits);
+    const DWORD frames = bits == 16 ? 20 : 1;
+    ASSERT_EQ(wav_.Alloc(frames, 8000, bits, 1, 1), 1);
+    ASSERT_TRUE(zrtest::WriteFile(path_, "old contents"));
+    DebugMode debug(1);
+    zr::os::ScopedDiagCapture capture;
+    {
+      ScopedWriteRecorder recorder;
+      EXPECT_EQ(wav_.SaveToFile(Wide(path_).c_str()), 0);
+      EXPECT_EQ(g_writes, (std::vector<DWORD>{20, 18, 8, 18}));
+    }
+    EXPECT_EQ(zr::os::GetFileAttributesW(Wide(path_).c_str()), zr::os::kInvalidFileAttributes);
+    EXPECT_TRUE(capture.Entries().empty());
+    EXPECT_EQ(wav_.GetWavSize(), frames * bits / 8);  // the block is untouched
   }
-  EXPECT_EQ(zr::os::GetFileAttributesW(Wide(path_).c_str()), zr::os::kInvalidFileAttributes);
-  EXPECT_TRUE(capture.Entries().empty());
-  EXPECT_EQ(wav_.GetWavSize(), 40u);  // the block is untouched
-}
-
-TEST_F(WavFileTest, SaveOfAShortWaveStillWritesEighteenSampleBytes) {
-  ASSERT_EQ(wav_.Alloc(1, 8000, 8, 1, 1), 1);
-  ScopedWriteRecorder recorder;
-  EXPECT_EQ(wav_.SaveToFile(Wide(path_).c_str()), 0);
-  EXPECT_EQ(g_writes, (std::vector<DWORD>{20, 18, 8, 18}));
-  EXPECT_EQ(zr::os::GetFileAttributesW(Wide(path_).c_str()), zr::os::kInvalidFileAttributes);
 }
 
 TEST_F(WavFileTest, SaveRefusesSeveralStreamsAndEmptyBlocks) {
