@@ -24,14 +24,12 @@
 
 namespace {
 
-TEST(DFInit, RefusesBuffersOfFewerThanThreeBytes) {
-  unsigned char buffer[2] = {0xAA, 0xBB};
-  EXPECT_EQ(DF_Init(buffer, 2), 0);
-  EXPECT_EQ(buffer[0], 0xAA);
-  EXPECT_EQ(buffer[1], 0xBB);
-}
-
+// Buffers of fewer than three bytes are refused; otherwise the first and last whole unit are cleared.
 TEST(DFInit, ClearsTheFirstAndLastWholeUnit) {
+  unsigned char tiny[2] = {0xAA, 0xBB};
+  EXPECT_EQ(DF_Init(tiny, 2), 0);
+  EXPECT_EQ(tiny[0], 0xAA);
+  EXPECT_EQ(tiny[1], 0xBB);
   WCHAR buffer[3] = {u'a', u'b', u'c'};
   EXPECT_EQ(DF_Init(buffer, 5), 1);  // two whole units: 0 and 1
   EXPECT_EQ(buffer[0], 0);
@@ -57,37 +55,21 @@ TEST(DFSizes, NullEmptyAndMultiByteText) {
   EXPECT_EQ(DF_ANSILen(u"\U0001F600"), 4u);
 }
 
-TEST(DFToWideBuffer, ZeroOrNullArgumentsConvertNothing) {
-  WCHAR dest[4] = {u'x', u'x', u'x', u'x'};
+// Whole text counts its terminator; cut text is terminated, counts zero and never splits a pair.
+TEST(DFToWideBuffer, WholeCutAndMalformedText) {
+  WCHAR dest[8] = {u'x', u'x', u'x', u'x'};
   EXPECT_EQ(DF_ToWideBuffer(nullptr, "a", 4), 0u);
   EXPECT_EQ(DF_ToWideBuffer(dest, nullptr, 4), 0u);
   EXPECT_EQ(DF_ToWideBuffer(dest, "a", 0), 0u);
   EXPECT_EQ(dest[0], u'x');
-}
-
-TEST(DFToWideBuffer, WholeTextCountsItsTerminator) {
-  WCHAR dest[8];
   EXPECT_EQ(DF_ToWideBuffer(dest, "caf\xC3\xA9", 8), 5u);
   EXPECT_EQ(std::u16string(dest), u"caf\u00e9");
   EXPECT_EQ(DF_ToWideBuffer(dest, "", 8), 1u);
   EXPECT_EQ(dest[0], 0);
-}
-
-TEST(DFToWideBuffer, CutTextIsTerminatedAndCountsZero) {
-  WCHAR dest[4] = {u'x', u'x', u'x', u'x'};
   EXPECT_EQ(DF_ToWideBuffer(dest, "abcdef", 4), 0u);
   EXPECT_EQ(std::u16string(dest), u"abc");
-  EXPECT_EQ(dest[3], 0);
-}
-
-TEST(DFToWideBuffer, CutNeverSplitsASurrogatePair) {
-  WCHAR dest[3];
   EXPECT_EQ(DF_ToWideBuffer(dest, "a\xF0\x9F\x98\x80", 3), 0u);
   EXPECT_EQ(std::u16string(dest), u"a");
-}
-
-TEST(DFToWideBuffer, MalformedInputBecomesReplacementCharacter) {
-  WCHAR dest[4];
   EXPECT_EQ(DF_ToWideBuffer(dest, "a\xFF", 4), 3u);
   EXPECT_EQ(std::u16string(dest), u"a\uFFFD");
 }
@@ -266,6 +248,7 @@ TYPED_TEST(StringTest, CheckMemoryCutsTextThatOverrunsItsAllocation) {
   EXPECT_EQ(Text(shared), std::u16string(cut, u'x'));
 }
 
+// CheckMemory sizes the block to its text; GetLen looks only inside the data.
 TYPED_TEST(StringTest, CheckMemorySizesTheBlockToItsText) {
   TypeParam s;
   ASSERT_TRUE(s.Alloc(10));
@@ -274,16 +257,13 @@ TYPED_TEST(StringTest, CheckMemorySizesTheBlockToItsText) {
   s.CheckMemory();
   EXPECT_EQ(s.GetSize(), 6ul);
   EXPECT_EQ(s.GetLen(), 2ul);
-}
-
-TYPED_TEST(StringTest, GetLenLooksOnlyInsideTheData) {
-  TypeParam s;
-  ASSERT_TRUE(s.Alloc(4));
-  std::memcpy(static_cast<WCHAR*>(s), u"abcd", 8);  // no terminator among the four units
-  EXPECT_EQ(s.GetLen(), 4ul);
-  s.CheckMemory();  // a terminator behind the data, inside the allocation
-  EXPECT_EQ(s.GetSize(), 10ul);
-  EXPECT_EQ(Text(s), u"abcd");
+  TypeParam t;
+  ASSERT_TRUE(t.Alloc(4));
+  std::memcpy(static_cast<WCHAR*>(t), u"abcd", 8);  // no terminator among the four units
+  EXPECT_EQ(t.GetLen(), 4ul);
+  t.CheckMemory();  // a terminator behind the data, inside the allocation
+  EXPECT_EQ(t.GetSize(), 10ul);
+  EXPECT_EQ(Text(t), u"abcd");
 }
 
 TYPED_TEST(StringTest, PlusOfStringsMeasuresGetLen) {
@@ -298,13 +278,16 @@ TYPED_TEST(StringTest, PlusOfStringsMeasuresGetLen) {
 }
 
 TEST(StringPlus, OtherTypeOperand) {
-  const CPTStr t(u"t");
-  const CPWStr w(u"w");
+  CPTStr t(u"t");
+  CPWStr w(u"w");
   const CPTStr tw = t + w;
-  const CPWStr wt = w + t;
   EXPECT_EQ(Text(tw), u"tw");
   EXPECT_EQ(tw.GetSize(), 6ul);
-  EXPECT_EQ(Text(wt), u"wt");
+  EXPECT_EQ(Text(w + t), u"wt");
+  t += w;
+  EXPECT_EQ(Text(t), u"tw");
+  w += CPTStr(u"t");
+  EXPECT_EQ(Text(w), u"wt");
 }
 
 TYPED_TEST(StringTest, PlusNarrowMeasuresTheWideLength) {
@@ -374,15 +357,6 @@ TYPED_TEST(StringTest, AppendGrowsToTheJoinedText) {
   s += TypeParam();
   EXPECT_EQ(s.GetHeader(), header);
   EXPECT_EQ(Text(s), u"ab\u00e9cd");
-}
-
-TEST(StringAppend, OtherTypeOperand) {
-  CPTStr t(u"t");
-  t += CPWStr(u"w");
-  EXPECT_EQ(Text(t), u"tw");
-  CPWStr w(u"w");
-  w += CPTStr(u"t");
-  EXPECT_EQ(Text(w), u"wt");
 }
 
 TYPED_TEST(StringTest, AppendLeavesSharersAlone) {
@@ -472,25 +446,15 @@ CPTStr Loaded(const std::string& content, int* result) {
   return s;
 }
 
-TEST(CPTStrChunk, SavesFormTwoAndTheUnitsWithTheirTerminator) {
+// Form two and the units with their terminator; an empty string saves an empty chunk.
+TEST(CPTStrChunk, SavesFormTwoOrAnEmptyChunk) {
   CPTStr s(u"h\u00e9");
   int result = 0;
   EXPECT_EQ(Saved(s, &result), Chunk("text", std::string(1, '\2') + Bytes(std::u16string(u"h\u00e9", 3))));
   EXPECT_EQ(result, 1);
-}
-
-TEST(CPTStrChunk, EmptyStringSavesAnEmptyChunk) {
-  CPTStr s;
-  int result = 0;
-  EXPECT_EQ(Saved(s, &result), Chunk("text", ""));
+  CPTStr empty;
+  EXPECT_EQ(Saved(empty, &result), Chunk("text", ""));
   EXPECT_EQ(result, 1);
-  CPTStr loaded = Loaded(Chunk("text", ""), &result);
-  EXPECT_EQ(result, 1);
-  EXPECT_EQ(loaded.GetHeader(), nullptr);
-}
-
-TEST(CPTStrChunk, SaveRefusedByTheArchive) {
-  CPTStr s(u"x");
   CMemChunkArchive closed;
   EXPECT_EQ(s.DynaSave(N("text"), closed), 0);
 }

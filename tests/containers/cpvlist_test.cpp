@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "zrobj/byteorder.h"
@@ -39,6 +40,12 @@ DWORD IdAt(const CPvList& list, DWORD index) {
 std::vector<DWORD> Values(const CPvList& list) {
   std::vector<DWORD> out;
   for (DWORD i = 0; i < list.GetNItems(); ++i) out.push_back(ValueAt(list, i));
+  return out;
+}
+
+std::vector<DWORD> Ids(const CPvList& list) {
+  std::vector<DWORD> out;
+  for (DWORD i = 0; i < list.GetNItems(); ++i) out.push_back(IdAt(list, i));
   return out;
 }
 
@@ -158,10 +165,7 @@ TEST(CPvList, IdentitiesFollowInsertionNotPosition) {
   EXPECT_EQ(list.Insert(&c, 1), 2u);
   EXPECT_EQ(list.Insert(&d, 1000), 3u);  // past the end appends
   EXPECT_EQ(Values(list), (std::vector<DWORD>{2, 3, 1, 4}));
-  EXPECT_EQ(IdAt(list, 0), 1u);
-  EXPECT_EQ(IdAt(list, 1), 2u);
-  EXPECT_EQ(IdAt(list, 2), 0u);
-  EXPECT_EQ(IdAt(list, 3), 3u);
+  EXPECT_EQ(Ids(list), (std::vector<DWORD>{1, 2, 0, 3}));
   EXPECT_EQ(list.GetNextID(), 4u);
   Item found;
   std::memcpy(&found, list.GetCItem(2, 0), sizeof found);  // by identity
@@ -310,7 +314,7 @@ TEST(CPvList, RelocationMovesOrInstantiates) {
   EXPECT_EQ(list.calls, "INSINSINS");
   EXPECT_NE(list.GetCList(), other.GetCList());
   EXPECT_EQ(Values(list), Values(other));
-  EXPECT_EQ(IdAt(list, 2), IdAt(other, 2));
+  EXPECT_EQ(Ids(list), Ids(other));
   list.calls.clear();
   ASSERT_EQ(list.Realloc(), 1);  // unshared now: kept
   EXPECT_EQ(list.calls, "");
@@ -357,7 +361,7 @@ TEST(CPvList, SaveAndLoadRenumbersIdentities) {
   EXPECT_EQ(loaded.DynaLoad(N("L"), archive, 0, 0), 1);
   EXPECT_EQ(loaded.calls, "RRLLL");  // the old items released, the loaded ones initialised
   EXPECT_EQ(Values(loaded), (std::vector<DWORD>{10, 20, 40}));
-  for (DWORD i = 0; i < 3; ++i) EXPECT_EQ(IdAt(loaded, i), i);
+  EXPECT_EQ(Ids(loaded), (std::vector<DWORD>{0, 1, 2}));
   EXPECT_EQ(loaded.GetNextID(), 3u);
   const Item next = Make(1);
   EXPECT_EQ(loaded.Add(&next), 3u);
@@ -477,14 +481,13 @@ TEST(CPvListS, LocateAndSortedInsertion) {
     list.Add(&item, 0);
   }
   EXPECT_EQ(Values(list), (std::vector<DWORD>{10, 20, 30}));
-  const Item k5 = Make(5), k20 = Make(20), k25 = Make(25), k35 = Make(35);
-  EXPECT_EQ(list.LocateEntry(&k5), 0u);
-  EXPECT_EQ(list.LocateEntry(&k20), 1u);
-  EXPECT_EQ(list.LocateEntry(&k25), 2u);
-  EXPECT_EQ(list.LocateEntry(&k35), 3u);
-  EXPECT_EQ(list.LocateIndex(&k20), 1u);
-  EXPECT_EQ(list.LocateIndex(&k25), ZR_INVALID_INDEX);
-  EXPECT_EQ(list.LocateIndex(&k35), ZR_INVALID_INDEX);
+  // LocateEntry is the lower bound; LocateIndex finds only an equal item.
+  for (auto [value, entry, index] : {std::tuple<DWORD, DWORD, DWORD>{5, 0, ZR_INVALID_INDEX}, {20, 1, 1},
+                                     {25, 2, ZR_INVALID_INDEX}, {35, 3, ZR_INVALID_INDEX}}) {
+    const Item key = Make(value);
+    EXPECT_EQ(list.LocateEntry(&key), entry) << value;
+    EXPECT_EQ(list.LocateIndex(&key), index) << value;
+  }
 }
 
 TEST(CPvListS, DuplicatesGoInFrontOrReplace) {

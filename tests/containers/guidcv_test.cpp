@@ -22,32 +22,20 @@ std::u16string TextOf(const GUID& guid) {
 
 GUID Parsed(const char16_t* text) { return static_cast<GUID>(GUIDcv(text)); }
 
-TEST(GUIDcvText, EachOfTheLastEightBytesIsAFieldOfItsOwn) {
+// Each of the last eight bytes is a field of its own; every field keeps its width.
+TEST(GUIDcvText, WrittenFormAndItsWidths) {
   EXPECT_EQ(TextOf(kSample), u"35d48101-67be-11cf-90-c2-00-00-e8-ce-82-46");
-}
-
-TEST(GUIDcvText, ZeroAndAllOnesKeepTheirWidths) {
   EXPECT_EQ(TextOf(kZero), u"00000000-0000-0000-00-00-00-00-00-00-00-00");
   const GUID ones = {0xFFFFFFFF, 0xFFFF, 0xFFFF, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}};
   const std::u16string text = TextOf(ones);
   EXPECT_EQ(text, u"ffffffff-ffff-ffff-ff-ff-ff-ff-ff-ff-ff-ff");
   EXPECT_EQ(text.size(), static_cast<std::size_t>(GUIDcv::kTextLength));
+  GUIDcv cv(kSample);  // the text lives in the object's own buffer
+  EXPECT_EQ(static_cast<const WCHAR*>(cv), static_cast<const WCHAR*>(cv));
 }
 
-TEST(GUIDcvText, TheConversionWritesIntoTheObjectsOwnBuffer) {
-  GUIDcv cv(kSample);
-  const WCHAR* first = cv;
-  const WCHAR* second = cv;
-  EXPECT_EQ(first, second);
-  EXPECT_EQ(static_cast<GUID>(cv), kSample);
-}
-
-TEST(GUIDcvParse, TheWrittenTextParsesBackToTheSameGuid) {
-  EXPECT_EQ(Parsed(u"35d48101-67be-11cf-90-c2-00-00-e8-ce-82-46"), kSample);
+TEST(GUIDcvParse, WrittenTextsParseBack) {
   EXPECT_EQ(Parsed(u"35D48101-67BE-11CF-90-C2-00-00-E8-CE-82-46"), kSample);
-}
-
-TEST(GUIDcvParse, RoundTripsOfVariedGuids) {
   GUID g = {};
   for (unsigned i = 0; i < 64; ++i) {
     g.Data1 = 0x9E3779B9u * (i + 1);
@@ -59,25 +47,16 @@ TEST(GUIDcvParse, RoundTripsOfVariedGuids) {
   }
 }
 
-TEST(GUIDcvParse, FieldsNeedNotBePadded) {
-  const GUID expected = {0x1, 0x2, 0x3, {0x4, 0x5, 0x6, 0x7, 0x8, 0x9, 0xA, 0xB}};
-  EXPECT_EQ(Parsed(u"1-2-3-4-5-6-7-8-9-a-b"), expected);
-}
-
-TEST(GUIDcvParse, TheLastEightKeepOnlyTheirLowByte) {
-  const GUID expected = {0x10, 0x1234, 0xABCD, {0xFF, 0x23, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05}};
-  EXPECT_EQ(Parsed(u"10-1234-abcd-1ff-123-100-1-2-3-4-5"), expected);
-}
-
+// Numbers are read as the scanning format reads them: no padding needed, the last eight keep their
+// low byte, white space, a "0x" prefix and a sign belong to a number, the middle fields are 16 bits
+// wide and the first wraps at 32; text after the eleventh number is ignored.
 TEST(GUIDcvParse, NumbersAreReadAsTheScanningFormatReadsThem) {
-  // White space in front of a number, a "0x" prefix and a sign are part of a hexadecimal number;
-  // the middle fields are 16 bits wide and the first wraps at 32.
+  EXPECT_EQ(Parsed(u"1-2-3-4-5-6-7-8-9-a-b"), (GUID{0x1, 0x2, 0x3, {0x4, 0x5, 0x6, 0x7, 0x8, 0x9, 0xA, 0xB}}));
+  EXPECT_EQ(Parsed(u"10-1234-abcd-1ff-123-100-1-2-3-4-5"),
+            (GUID{0x10, 0x1234, 0xABCD, {0xFF, 0x23, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05}}));
   const GUID expected = {0x35D48101, 0xFFFF, 0x11CF, {0x90, 0xC2, 0x00, 0x00, 0xE8, 0xCE, 0x82, 0x46}};
   EXPECT_EQ(Parsed(u" 0x35d48101- -1-\t11cf-+90-c2-0-0-e8-ce-82-0X46"), expected);
   EXPECT_EQ(Parsed(u"135d48101-ffff-11cf-90-c2-0-0-e8-ce-82-46"), expected);
-}
-
-TEST(GUIDcvParse, TextAfterTheEleventhNumberIsIgnored) {
   EXPECT_EQ(Parsed(u"35d48101-67be-11cf-90-c2-00-00-e8-ce-82-46}"), kSample);
   EXPECT_EQ(Parsed(u"35d48101-67be-11cf-90-c2-00-00-e8-ce-82-46-77"), kSample);
 }
@@ -112,15 +91,15 @@ INSTANTIATE_TEST_SUITE_P(
                       u"g-1-2-3-4-5-6-7-8-9-a",                      // not hexadecimal
                       u""));
 
-TEST(GUIDcvParse, NullTextIsRefused) {
-  zrtest::DebugMode debug(1);
-  os::ScopedDiagCapture capture;
-  EXPECT_EQ(Parsed(nullptr), kZero);
-  ASSERT_EQ(capture.Entries().size(), 1u);
-  EXPECT_EQ(capture.Entries()[0].text, u"\rGUIDcv::GUIDcv((null)): Invalid GUID format\r\n");
-}
-
-TEST(GUIDcvParse, NoReportOutsideDebugMode) {
+// A null text is refused like any other; outside debug mode nothing is reported.
+TEST(GUIDcvParse, NullTextAndQuietRefusals) {
+  {
+    zrtest::DebugMode debug(1);
+    os::ScopedDiagCapture capture;
+    EXPECT_EQ(Parsed(nullptr), kZero);
+    ASSERT_EQ(capture.Entries().size(), 1u);
+    EXPECT_EQ(capture.Entries()[0].text, u"\rGUIDcv::GUIDcv((null)): Invalid GUID format\r\n");
+  }
   zrtest::DebugMode debug(0);
   os::ScopedDiagCapture capture;
   EXPECT_EQ(Parsed(u"35d48101-67be-11cf-90-c2-00-00-e8-ce-82"), kZero);

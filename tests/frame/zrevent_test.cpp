@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstddef>
-#include <filesystem>
 #include <map>
 #include <mutex>
 #include <regex>
@@ -17,6 +16,7 @@
 #include "platform/clock.h"
 #include "platform/procinfo.h"
 #include "platform/text.h"
+#include "frame_home.h"
 #include "test_support.h"
 #include "zrobj/zrcrash.h"
 #include "zrobj/zrevent.h"
@@ -195,21 +195,14 @@ TEST_F(EventLog, SwitchedOffLogsNothing) {
 }
 
 TEST_F(EventLog, HistorySizeZeroFromTheSettingsSwitchesLoggingOff) {
-  const char* home = std::getenv("ZROBJ_HOME");
-  ASSERT_NE(home, nullptr);
-  const std::string vst = std::string(home) + "/ZRO.VST";
-  std::filesystem::create_directories(home);
-  const std::string saved = zrtest::ReadFile(vst);
-  ASSERT_TRUE(zrtest::WriteFile(vst, "[EventLog]\nHistorySize=0\n"));
-  const int stored = ZROBJ_GetCurrentSettingInt("EventLog", "HistorySize", 1024, 0);
-  if (stored != 0) zrtest::WriteFile(vst, saved);
-  ASSERT_EQ(stored, 0) << "the settings store did not read ZRO.VST";
+  zrtest::ScopedHome home;
+  ASSERT_TRUE(zrtest::WriteFile(home.File("ZRO.VST"), "[EventLog]\nHistorySize=0\n"));
+  ASSERT_EQ(ZROBJ_GetCurrentSettingInt("EventLog", "HistorySize", 1024, 0), 0) << "the settings store did not read ZRO.VST";
   CEventLogger::Exit();
   CEventLogger::Init();
   EXPECT_EQ(CEventLogger::GetCapacity(), 0u);
   CEventLogger::LogEvent(u"dropped");
   EXPECT_TRUE(EventList().empty());
-  zrtest::WriteFile(vst, saved);
 }
 
 TEST_F(EventLog, ConcurrentLoggersKeepEveryRecordWhole) {
