@@ -6,6 +6,7 @@
 
 #include "platform/fault.h"
 #include "zrobj/export.h"
+#include "zrobj/zrdiag.h"
 #include "zrobj/zrtypes.h"
 
 inline constexpr DWORD DLL_PROCESS_DETACH = 0;
@@ -36,6 +37,9 @@ void EnsureThreadAttached();
 // Start-up of the diagnostics modes: debug mode from the output's activity, debug keys and the
 // exception table's trap modes from "ZRO.INI". Runs at load, before process attach.
 void InitDiagnostics();
+
+// The exception table as it starts (codes and names; trap modes 0), constant for the whole run.
+const tagZREXCENTRY* DefaultExceptionTable();
 
 // Destroys the settings file object (process detach); the next use creates it again.
 void DestroySettingsFile();

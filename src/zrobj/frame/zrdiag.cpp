@@ -2,8 +2,10 @@
 // beeps, assertion reports and the dialog hex helpers.
 #include "zrobj/zrdiag.h"
 
+#include <array>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "platform/desktop.h"
 #include "platform/dlgsvc.h"
@@ -20,32 +22,31 @@ namespace {
 DWORD g_debug_mode = 0;
 DWORD g_debug_keys = 0;
 
+constexpr tagZREXCENTRY Entry(DWORD code, std::u16string_view name) {
+  tagZREXCENTRY e{};
+  e.dwCode = code;
+  for (std::size_t i = 0; i < name.size() && i < 31; ++i) e.szName[i] = name[i];
+  return e;
+}
+
 // Entries 0..20 are matched against exception codes; 21 and 22 steer warnings and expected ones.
-tagZREXCENTRY g_exceptions[ZR_EXCEPTION_TABLE_SIZE] = {
-    {0xC0000005u, u"ACCESS_VIOLATION", 0, {}, 0, 0},
-    {0x80000002u, u"DATATYPE_MISALIGNMENT", 0, {}, 0, 0},
-    {0x80000003u, u"BREAKPOINT", 0, {}, 0, 0},
-    {0x80000004u, u"SINGLE_STEP", 0, {}, 0, 0},
-    {0xC000008Cu, u"ARRAY_BOUNDS_EXCEEDED", 0, {}, 0, 0},
-    {0xC000008Du, u"FLT_DENORMAL_OPERAND", 0, {}, 0, 0},
-    {0xC000008Eu, u"FLT_DIVIDE_BY_ZERO", 0, {}, 0, 0},
-    {0xC000008Fu, u"FLT_INEXACT_RESULT", 0, {}, 0, 0},
-    {0xC0000090u, u"FLT_INVALID_OPERATION", 0, {}, 0, 0},
-    {0xC0000091u, u"FLT_OVERFLOW", 0, {}, 0, 0},
-    {0xC0000092u, u"FLT_STACK_CHECK", 0, {}, 0, 0},
-    {0xC0000093u, u"FLT_UNDERFLOW", 0, {}, 0, 0},
-    {0xC0000094u, u"INT_DIVIDE_BY_ZERO", 0, {}, 0, 0},
-    {0xC0000095u, u"INT_OVERFLOW", 0, {}, 0, 0},
-    {0xC0000096u, u"PRIV_INSTRUCTION", 0, {}, 0, 0},
-    {0xC0000006u, u"IN_PAGE_ERROR", 0, {}, 0, 0},
-    {0xC000001Du, u"ILLEGAL_INSTRUCTION", 0, {}, 0, 0},
-    {0xC0000025u, u"NONCONTINUABLE_EXCEPTION", 0, {}, 0, 0},
-    {0xC00000FDu, u"STACK_OVERFLOW", 0, {}, 0, 0},
-    {0xC0000026u, u"INVALID_DISPOSITION", 0, {}, 0, 0},
-    {0x80000001u, u"GUARD_PAGE", 0, {}, 0, 0},
-    {0, u"Warnings (Debug)", 0, {}, 0, 0},
-    {0, u"Expected exceptions", 0, {}, 0, 0},
+// The defaults stay constant (the crash handler reads codes and names from them); the live table
+// starts as their copy, made at compile time, so it is ready before any code of the library runs.
+constexpr std::array<tagZREXCENTRY, ZR_EXCEPTION_TABLE_SIZE> kDefaultExceptions = {
+    Entry(0xC0000005u, u"ACCESS_VIOLATION"),         Entry(0x80000002u, u"DATATYPE_MISALIGNMENT"),
+    Entry(0x80000003u, u"BREAKPOINT"),               Entry(0x80000004u, u"SINGLE_STEP"),
+    Entry(0xC000008Cu, u"ARRAY_BOUNDS_EXCEEDED"),    Entry(0xC000008Du, u"FLT_DENORMAL_OPERAND"),
+    Entry(0xC000008Eu, u"FLT_DIVIDE_BY_ZERO"),       Entry(0xC000008Fu, u"FLT_INEXACT_RESULT"),
+    Entry(0xC0000090u, u"FLT_INVALID_OPERATION"),    Entry(0xC0000091u, u"FLT_OVERFLOW"),
+    Entry(0xC0000092u, u"FLT_STACK_CHECK"),          Entry(0xC0000093u, u"FLT_UNDERFLOW"),
+    Entry(0xC0000094u, u"INT_DIVIDE_BY_ZERO"),       Entry(0xC0000095u, u"INT_OVERFLOW"),
+    Entry(0xC0000096u, u"PRIV_INSTRUCTION"),         Entry(0xC0000006u, u"IN_PAGE_ERROR"),
+    Entry(0xC000001Du, u"ILLEGAL_INSTRUCTION"),      Entry(0xC0000025u, u"NONCONTINUABLE_EXCEPTION"),
+    Entry(0xC00000FDu, u"STACK_OVERFLOW"),           Entry(0xC0000026u, u"INVALID_DISPOSITION"),
+    Entry(0x80000001u, u"GUARD_PAGE"),               Entry(0, u"Warnings (Debug)"),
+    Entry(0, u"Expected exceptions"),
 };
+constinit std::array<tagZREXCENTRY, ZR_EXCEPTION_TABLE_SIZE> g_exceptions = kDefaultExceptions;
 
 // Trap mode of a "TRAP_EXC%d" value: 1 breaks, 2 means mode 16 (hexadecimal 10), anything else 0.
 DWORD TrapModeOf(int value) {
@@ -104,7 +105,7 @@ void InitDiagnostics() {
 
 }  // namespace zr
 
-tagZREXCENTRY* ZROBJ_GetExceptionTable() { return g_exceptions; }
+tagZREXCENTRY* ZROBJ_GetExceptionTable() { return g_exceptions.data(); }
 
 void SetDebugMode(DWORD mode) { g_debug_mode = mode; }
 
@@ -206,3 +207,5 @@ void SetDiagnosticsActive(bool active) {
 }
 
 }  // namespace zr
+
+const tagZREXCENTRY* zr::DefaultExceptionTable() { return kDefaultExceptions.data(); }

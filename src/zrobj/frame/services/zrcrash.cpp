@@ -17,6 +17,7 @@
 #include "platform/procinfo.h"
 #include "platform/profile.h"
 #include "platform/text.h"
+#include "frame/frame_internal.h"
 #include "frame/services/zrcrash_internal.h"
 #include "zrobj/zrdiag.h"
 #include "zrobj/zrevent.h"
@@ -52,28 +53,6 @@ constexpr DWORD kTrapSuppress = 0x2;   // no report
 constexpr DWORD kTrapOneFrame = 0x4;   // trace one frame only
 constexpr DWORD kTrapFilter = 0x8;     // report only when the stack passes the entry's module filter
 constexpr DWORD kTrapFull = 0x10;      // add system figures and registers
-
-constexpr tagZREXCENTRY Entry(DWORD code, std::u16string_view name) {
-  tagZREXCENTRY e{};
-  e.dwCode = code;
-  for (std::size_t i = 0; i < name.size() && i < 31; ++i) e.szName[i] = name[i];
-  return e;
-}
-
-constexpr tagZREXCENTRY kDefaultTable[ZR_EXCEPTION_TABLE_SIZE] = {
-    Entry(0xC0000005u, u"ACCESS_VIOLATION"),         Entry(0x80000002u, u"DATATYPE_MISALIGNMENT"),
-    Entry(0x80000003u, u"BREAKPOINT"),               Entry(0x80000004u, u"SINGLE_STEP"),
-    Entry(0xC000008Cu, u"ARRAY_BOUNDS_EXCEEDED"),    Entry(0xC000008Du, u"FLT_DENORMAL_OPERAND"),
-    Entry(0xC000008Eu, u"FLT_DIVIDE_BY_ZERO"),       Entry(0xC000008Fu, u"FLT_INEXACT_RESULT"),
-    Entry(0xC0000090u, u"FLT_INVALID_OPERATION"),    Entry(0xC0000091u, u"FLT_OVERFLOW"),
-    Entry(0xC0000092u, u"FLT_STACK_CHECK"),          Entry(0xC0000093u, u"FLT_UNDERFLOW"),
-    Entry(0xC0000094u, u"INT_DIVIDE_BY_ZERO"),       Entry(0xC0000095u, u"INT_OVERFLOW"),
-    Entry(0xC0000096u, u"PRIV_INSTRUCTION"),         Entry(0xC0000006u, u"IN_PAGE_ERROR"),
-    Entry(0xC000001Du, u"ILLEGAL_INSTRUCTION"),      Entry(0xC0000025u, u"NONCONTINUABLE_EXCEPTION"),
-    Entry(0xC00000FDu, u"STACK_OVERFLOW"),           Entry(0xC0000026u, u"INVALID_DISPOSITION"),
-    Entry(0x80000001u, u"GUARD_PAGE"),               Entry(0, u"Warnings (Debug)"),
-    Entry(0, u"Expected exceptions"),
-};
 
 // What the record needs and cannot safely gather once the process has crashed.
 struct CrashFacts {
@@ -122,7 +101,7 @@ int ExitStatusOf(const EXCEPTION_POINTERS* p) {
 
 int ExceptionIndex(DWORD code) {
   for (int i = 0; i < kMatchedEntries; ++i)
-    if (kDefaultTable[i].dwCode == code) return i;
+    if (DefaultExceptionTable()[i].dwCode == code) return i;
   return -1;
 }
 
@@ -536,7 +515,7 @@ void SetCrashRecordDirectory(const WCHAR* directory) {
   PrepareFacts();
 }
 
-const tagZREXCENTRY* GetDefaultExceptionTable() { return kDefaultTable; }
+const tagZREXCENTRY* GetDefaultExceptionTable() { return DefaultExceptionTable(); }
 
 unsigned GetParkedCrashThreadCount() { return g_parked.load(); }
 
@@ -622,7 +601,7 @@ void CUnhandledException::AnalyseException(EXCEPTION_POINTERS* pointers, DWORD f
   }
   if (record) {
     if (index >= 0)
-      Print("\r\n%s @ 0x%08X", static_cast<const WCHAR*>(kDefaultTable[index].szName), static_cast<std::uint64_t>(address));
+      Print("\r\n%s @ 0x%08X", static_cast<const WCHAR*>(DefaultExceptionTable()[index].szName), static_cast<std::uint64_t>(address));
     else
       Print("\r\nException 0x%08X @ 0x%08X", record->ExceptionCode, static_cast<std::uint64_t>(address));
     PrintModuleOffset(address);
